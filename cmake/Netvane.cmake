@@ -1,0 +1,38 @@
+# Shared helpers for every component's CMakeLists.
+
+# Adds every subdirectory of DIR that carries a CMakeLists.txt, so components can
+# grow independently without a central list to edit.
+function(netvane_add_subdirectories dir)
+  file(GLOB children LIST_DIRECTORIES true "${dir}/*")
+  list(SORT children)
+  foreach(child IN LISTS children)
+    if(IS_DIRECTORY "${child}" AND EXISTS "${child}/CMakeLists.txt")
+      add_subdirectory("${child}")
+    endif()
+  endforeach()
+endfunction()
+
+# netvane_test(NAME SOURCES... LIBS libs... [LABELS labels...])
+# One GoogleTest executable, its cases registered with CTest.
+function(netvane_test name)
+  cmake_parse_arguments(T "" "" "SOURCES;LIBS;LABELS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "unit;${T_LABELS}")
+endfunction()
+
+# netvane_embed_info_plist(TARGET IDENTIFIER NAME)
+# Gives an executable its own Info.plist, generated from the template at
+# configure time and compiled in; support/bundle_info reads it back.
+function(netvane_embed_info_plist target identifier bundle_name)
+  set(NV_BUNDLE_IDENTIFIER "${identifier}")
+  set(NV_BUNDLE_NAME "${bundle_name}")
+  set(NV_SHORT_VERSION "${PROJECT_VERSION}")
+  set(NV_TEAM_ID "${NETVANE_TEAM_ID}")
+  set(plist "${CMAKE_CURRENT_BINARY_DIR}/${target}.Info.plist")
+  configure_file("${PROJECT_SOURCE_DIR}/packaging/Info.plist.in" "${plist}" @ONLY)
+  file(READ "${plist}" NV_INFO_PLIST_TEXT)
+  set(source "${CMAKE_CURRENT_BINARY_DIR}/${target}_info_plist.cpp")
+  configure_file("${PROJECT_SOURCE_DIR}/packaging/embedded_info_plist.cpp.in" "${source}" @ONLY)
+  target_sources(${target} PRIVATE "${source}")
+endfunction()

@@ -1,0 +1,36 @@
+// File helpers with the guarantees the rest of the system relies on.
+//
+// `writeFileAtomically` never leaves a partial file behind: the bytes go to a
+// temporary file in the same directory, which is flushed to disk and renamed
+// over the target; on any failure the temporary is removed and the old file
+// stays as it was. System failures come back as posixError values.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "support/result.h"
+
+namespace netvane {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// Reads a whole regular file; refuses files larger than maxBytes (EFBIG).
+Result<Bytes> readFile(const std::string& path, std::size_t maxBytes = std::size_t{1} << 31);
+
+// Writes through "<path>.XXXXXX" + fsync + rename; the new file gets `mode`.
+Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode = 0644);
+Status writeFileAtomically(const std::string& path, std::string_view text, mode_t mode = 0644);
+
+// Creates a directory and its missing parents with `mode`; an existing
+// directory is accepted as it is.
+Status createDirectories(const std::string& path, mode_t mode);
+
+Status setMode(const std::string& path, mode_t mode);
+Status setOwner(const std::string& path, uid_t uid, gid_t gid);
+
+}  // namespace netvane

@@ -1,0 +1,43 @@
+// Property-list codec: binary ("bplist00") and XML, both directions.
+//
+// Decoding is strict and bounded: every offset, size and count is checked
+// against the input before use, depth and object counts are capped, and a
+// document may expand shared objects only so far; malformed input yields an
+// Error in kPlistErrorDomain, never a crash or an outsized allocation.
+// Encoding fails only for values a format cannot carry (invalid UTF-8 text,
+// non-finite XML dates). All functions are reentrant.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "support/plist/value.h"
+#include "support/result.h"
+
+namespace netvane::plist {
+
+inline constexpr const char* kPlistErrorDomain = "netvane.plist";
+
+// Nesting deeper than this is refused: the decoders and the value's own
+// destructor recurse, and no document of ours nests beyond a handful.
+inline constexpr std::size_t kMaxDepth = 512;
+// A binary document may reference a shared object many times; the decoded
+// tree may hold at most this many bytes per input byte (plus kExpansionSlack)
+// so that a small file cannot make us build an enormous one.
+inline constexpr std::size_t kExpansionFactor = 64;
+inline constexpr std::size_t kExpansionSlack = 1 << 20;
+
+enum class Format { Binary, Xml };
+
+Result<Value> decode(std::span<const std::uint8_t> bytes);  // either format, by its header
+Result<Value> decodeBinary(std::span<const std::uint8_t> bytes);
+Result<Value> decodeXml(std::span<const std::uint8_t> bytes);
+
+Result<Data> encodeBinary(const Value& value);
+Result<std::string> encodeXml(const Value& value);
+Result<Data> encode(const Value& value, Format format);
+
+bool isBinary(std::span<const std::uint8_t> bytes);
+
+}  // namespace netvane::plist

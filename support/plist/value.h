@@ -1,0 +1,104 @@
+// The property-list value: a tree of dictionaries, arrays and scalars.
+//
+// A plain value type: copies are deep, comparison is memberwise. Dictionaries
+// keep their keys in insertion order; a decoded dictionary keeps every entry
+// it was given, and lookups see the last entry for a key. Integers cover the
+// whole signed 64-bit range plus unsigned values up to 2^64-1; a value that
+// fits in int64 is always held as int64 so equal numbers compare equal.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "support/date.h"
+
+namespace netvane::plist {
+
+class Value;
+
+using Data = std::vector<std::uint8_t>;
+using Array = std::vector<Value>;
+
+class Dictionary {
+public:
+    using Entry = std::pair<std::string, Value>;
+
+    Dictionary() = default;
+    Dictionary(std::initializer_list<Entry> entries);
+
+    // Replaces the value of an existing key in place, else appends.
+    void set(std::string key, Value value);
+    // Appends without looking for an existing key (decoders, bulk builders).
+    void append(std::string key, Value value);
+    const Value* find(std::string_view key) const;
+    Value* find(std::string_view key);
+
+    std::size_t size() const { return entries_.size(); }
+    bool empty() const { return entries_.empty(); }
+    void reserve(std::size_t n) { entries_.reserve(n); }
+    auto begin() const { return entries_.begin(); }
+    auto end() const { return entries_.end(); }
+
+    bool operator==(const Dictionary& other) const;
+
+private:
+    std::vector<Entry> entries_;
+};
+
+class Value {
+public:
+    enum class Type { Boolean, Integer, UnsignedInteger, Real, Date, Data, String, Array, Dictionary };
+
+    Value() : storage_(false) {}
+    Value(bool b) : storage_(b) {}
+    Value(int i) : storage_(static_cast<std::int64_t>(i)) {}
+    Value(unsigned i) : storage_(static_cast<std::int64_t>(i)) {}
+    Value(long i) : storage_(static_cast<std::int64_t>(i)) {}
+    Value(long long i) : storage_(static_cast<std::int64_t>(i)) {}
+    Value(unsigned long i) : Value(static_cast<unsigned long long>(i)) {}
+    Value(unsigned long long i);
+    Value(double d) : storage_(d) {}
+    Value(netvane::Date d) : storage_(d) {}
+    Value(plist::Data d) : storage_(std::move(d)) {}
+    Value(std::string s) : storage_(std::move(s)) {}
+    Value(std::string_view s) : storage_(std::string(s)) {}
+    Value(const char* s) : storage_(std::string(s)) {}
+    Value(plist::Array a) : storage_(std::move(a)) {}
+    Value(plist::Dictionary d) : storage_(std::move(d)) {}
+
+    Type type() const { return static_cast<Type>(storage_.index()); }
+
+    template <class T>
+    const T* get() const { return std::get_if<T>(&storage_); }
+    template <class T>
+    T* get() { return std::get_if<T>(&storage_); }
+
+    const std::string* string() const { return get<std::string>(); }
+    const plist::Data* data() const { return get<plist::Data>(); }
+    const plist::Array* array() const { return get<plist::Array>(); }
+    const plist::Dictionary* dictionary() const { return get<plist::Dictionary>(); }
+    std::optional<bool> boolean() const;
+    std::optional<double> real() const;
+    std::optional<netvane::Date> date() const;
+    // The integer if it fits the requested type; nullopt for non-integers too.
+    std::optional<std::int64_t> int64() const;
+    std::optional<std::uint64_t> uint64() const;
+
+    // Shorthand for dictionary()->find(key); null when this is no dictionary.
+    const Value* find(std::string_view key) const;
+
+    bool operator==(const Value&) const = default;
+
+private:
+    // Alternative order matches Type.
+    std::variant<bool, std::int64_t, std::uint64_t, double, netvane::Date, plist::Data, std::string, plist::Array,
+                 plist::Dictionary>
+        storage_;
+};
+
+}  // namespace netvane::plist

@@ -1,0 +1,42 @@
+// The CLI's command table. Each command file registers one top-level command
+// with a static Command object; main() dispatches on the first argument.
+//
+// Exit statuses shared by every command: 0 success, 1 failure (a one-line
+// message on stderr), 2 usage error. Commands that talk to the daemon add 3
+// for "daemon unreachable".
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace netvane::cli {
+
+inline constexpr int kExitOK = 0;
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitUnreachable = 3;
+
+using Args = std::vector<std::string_view>;
+
+struct Command {
+    std::string_view name;
+    std::string_view synopsis;  // one or more "netvane ..." lines, newline-separated
+    std::string_view summary;   // one line for `netvane --help`
+    std::function<int(const Args&)> run;  // receives the arguments after the name
+
+    Command(std::string_view name, std::string_view synopsis, std::string_view summary,
+            std::function<int(const Args&)> run);
+};
+
+const std::vector<const Command*>& commands();
+
+// Prints "netvane: <message>" to stderr and returns kExitUsage.
+int usageError(const Command& command, std::string_view message);
+// Prints "netvane: <message>" to stderr and returns kExitFailure.
+int failure(std::string_view message);
+bool wantsHelp(const Args& args);
+int printHelp(const Command& command);
+
+}  // namespace netvane::cli
