@@ -1,0 +1,110 @@
+#include "daemon/pairing_store.h"
+
+#include <array>
+#include <limits>
+
+#include "admin_protocol/token_digest.h"
+#include "support/base64.h"
+#include "support/crypto.h"
+#include "support/files.h"
+#include "support/plist/plist.h"
+
+namespace netvane {
+namespace {
+
+constexpr std::size_t kTokenBytes = 32;
+// A pairing file holds a few dozen entries at most; this bound only keeps a
+// corrupt or hostile file from being read whole into memory.
+constexpr std::size_t kMaxFileBytes = 64 << 20;
+
+Error badFile(const char* what) { return Error{plist::kPlistErrorDomain, 4, std::string("pairing file: ") + what}; }
+
+}  // namespace
+
+PairingStore::PairingStore(std::string directory) : directory_(std::move(directory)) {}
+
+std::string PairingStore::filePath() const { return directory_ + "/" + kFileName; }
+
+PairingStore PairingStore::load(std::string directory) {
+    PairingStore store(std::move(directory));
+    auto bytes = readFile(store.filePath(), kMaxFileBytes);
+    if (!bytes) return store;
+    auto root = plist::decode(*bytes);
+    if (!root) return store;
+    if (auto pairings = decode(*root)) store.pairings = std::move(*pairings);
+    return store;
+}
+
+std::vector<std::uint8_t> PairingStore::digest(std::string_view token) {
+    const Sha256Digest d = sha256(std::span(reinterpret_cast<const std::uint8_t*>(token.data()), token.size()));
+    return {d.begin(), d.end()};
+}
+
+bool PairingStore::isPaired(std::string_view token, std::uint32_t uid) const {
+    const std::vector<std::uint8_t> d = digest(token);
+    bool paired = false;
+    for (const Pairing& pairing : pairings) {
+        // Bitwise operators on purpose: no short circuit, no early exit.
+        paired = paired | ((pairing.uid == uid) & TokenDigest::equal(pairing.digest, d));
+    }
+    return paired;
+}
+
+Result<std::string> PairingStore::pair(std::uint32_t uid) {
+    std::array<std::uint8_t, kTokenBytes> bytes{};
+    if (!secureRandomBytes(bytes).ok()) {
+        // Callers see the generic file-write error here, whatever the generator said.
+        return Error{kCocoaErrorDomain, kCocoaFileWriteUnknownError,
+                     "The file couldn\xE2\x80\x99t be saved."};
+    }
+    std::string token = base64Encode(bytes);
+    pairings.push_back(Pairing{digest(token), uid, Date::now()});
+    if (auto saved = save(); !saved.ok()) return saved.error();
+    return token;
+}
+
+Status PairingStore::save() const {
+    if (auto made = createDirectories(directory_, 0700); !made.ok()) return made;
+    auto bytes = plist::encodeBinary(encode(pairings));
+    if (!bytes) return bytes.error();
+    const std::string path = filePath();
+    if (auto written = writeFileAtomically(path, *bytes, 0600); !written.ok()) return written;
+    if (auto owned = setOwner(path, 0, 0); !owned.ok()) return owned;
+    return setMode(path, 0600);
+}
+
+plist::Value PairingStore::encode(const std::vector<Pairing>& pairings) {
+    plist::Array array;
+    array.reserve(pairings.size());
+    for (const Pairing& pairing : pairings) {
+        array.emplace_back(plist::Dictionary{
+            {"digest", plist::Data(pairing.digest)},
+            {"uid", pairing.uid},
+            {"created", pairing.created},
+        });
+    }
+    return array;
+}
+
+Result<std::vector<PairingStore::Pairing>> PairingStore::decode(const plist::Value& root) {
+    const plist::Array* array = root.array();
+    if (!array) return badFile("root is not an array");
+    std::vector<Pairing> pairings;
+    pairings.reserve(array->size());
+    for (const plist::Value& entry : *array) {
+        const plist::Value* digestValue = entry.find("digest");
+        const plist::Value* uidValue = entry.find("uid");
+        const plist::Value* createdValue = entry.find("created");
+        if (!digestValue || !uidValue || !createdValue) return badFile("entry lacks a required key");
+        const plist::Data* digest = digestValue->data();
+        const auto uid = uidValue->uint64();
+        const auto created = createdValue->date();
+        if (!digest || !uid || *uid > std::numeric_limits<std::uint32_t>::max() || !created) {
+            return badFile("entry has a value of the wrong type");
+        }
+        pairings.push_back(Pairing{*digest, static_cast<std::uint32_t>(*uid), *created});
+    }
+    return pairings;
+}
+
+}  // namespace netvane

@@ -1,0 +1,49 @@
+#include "command.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace netvane::cli {
+namespace {
+
+std::vector<const Command*>& registry() {
+    static std::vector<const Command*> all;
+    return all;
+}
+
+}  // namespace
+
+Command::Command(std::string_view name, std::string_view synopsis, std::string_view summary,
+                 std::function<int(const Args&)> run)
+    : name(name), synopsis(synopsis), summary(summary), run(std::move(run)) {
+    auto& all = registry();
+    all.insert(std::upper_bound(all.begin(), all.end(), this,
+                                [](const Command* a, const Command* b) { return a->name < b->name; }),
+               this);
+}
+
+const std::vector<const Command*>& commands() { return registry(); }
+
+int usageError(const Command& command, std::string_view message) {
+    std::fprintf(stderr, "netvane %.*s: %.*s\nusage:\n", static_cast<int>(command.name.size()), command.name.data(),
+                 static_cast<int>(message.size()), message.data());
+    std::fprintf(stderr, "%.*s\n", static_cast<int>(command.synopsis.size()), command.synopsis.data());
+    return kExitUsage;
+}
+
+int failure(std::string_view message) {
+    std::fprintf(stderr, "netvane: %.*s\n", static_cast<int>(message.size()), message.data());
+    return kExitFailure;
+}
+
+bool wantsHelp(const Args& args) {
+    return std::any_of(args.begin(), args.end(), [](std::string_view a) { return a == "--help" || a == "-h"; });
+}
+
+int printHelp(const Command& command) {
+    std::printf("%.*s\n\n%.*s\n", static_cast<int>(command.summary.size()), command.summary.data(),
+                static_cast<int>(command.synopsis.size()), command.synopsis.data());
+    return kExitOK;
+}
+
+}  // namespace netvane::cli
