@@ -118,7 +118,7 @@ private:
         for (;;) {
             const std::size_t next = in_.find_first_of("<&", pos_);
             if (next == std::string_view::npos) return malformed("unterminated element");
-            text.append(in_.substr(pos_, next - pos_));
+            appendLiteral(text, in_.substr(pos_, next - pos_));
             pos_ = next;
             if (in_[pos_] == '&') {
                 if (auto decoded = readEntity(text); !decoded.ok()) return decoded.error();
@@ -135,18 +135,20 @@ private:
                 auto tag = readTag();
                 if (!tag) return tag.error();
                 if (tag->kind != Tag::Close || tag->name != name) return malformed("unexpected element inside text");
-                // XML folds every line break to a line feed.
-                std::size_t out = 0;
-                for (std::size_t i = 0; i < text.size(); ++i) {
-                    if (text[i] == '\r') {
-                        text[out++] = '\n';
-                        if (i + 1 < text.size() && text[i + 1] == '\n') ++i;
-                    } else {
-                        text[out++] = text[i];
-                    }
-                }
-                text.resize(out);
                 return text;
+            }
+        }
+    }
+
+    // XML folds every literal line break to a line feed; a character
+    // reference (&#13;) is how a carriage return survives.
+    static void appendLiteral(std::string& text, std::string_view literal) {
+        for (std::size_t i = 0; i < literal.size(); ++i) {
+            if (literal[i] == '\r') {
+                text.push_back('\n');
+                if (i + 1 < literal.size() && literal[i + 1] == '\n') ++i;
+            } else {
+                text.push_back(literal[i]);
             }
         }
     }

@@ -1,0 +1,63 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "support/plist/plist.h"
+
+namespace netvane::plist {
+namespace {
+
+Result<Value> parse(const char* text) {
+    return decode(std::span(reinterpret_cast<const std::uint8_t*>(text), std::strlen(text)));
+}
+
+TEST(PlistXml, AcceptsTheFormatsOptionalPieces) {
+    auto value = parse(
+        "\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<!DOCTYPE plist [ <!ELEMENT x (y)> ]>\n<!-- a comment -->\n"
+        "<plist version=\"1.0\"><dict>\n"
+        "  <key>entities</key><string>&lt;&amp;&gt;&quot;&apos;&#65;&#x1F600;</string>\n"
+        "  <key>cdata</key><string><![CDATA[<raw & text>]]></string>\n"
+        "  <key>empty</key><string/>\n"
+        "  <key>hex</key><integer>0x1F</integer>\n"
+        "  <key>plus</key><integer>+7</integer>\n"
+        "  <key>inf</key><real>-infinity</real>\n"
+        "  <key>date</key><date>2001-01-02Z</date>\n"
+        "  <key>data</key><data>\n  QUJD\n  REVG\n</data>\n"
+        "  <key>crlf</key><string>a\r\nb</string>\n"
+        "  <!-- between entries -->\n"
+        "  <key>t</key><true></true>\n"
+        "</dict></plist>");
+    ASSERT_TRUE(value.ok()) << value.error().message;
+    EXPECT_EQ(*value->find("entities"), Value("<&>\"'A\xF0\x9F\x98\x80"));
+    EXPECT_EQ(*value->find("cdata"), Value("<raw & text>"));
+    EXPECT_EQ(*value->find("empty"), Value(""));
+    EXPECT_EQ(value->find("hex")->int64(), 31);
+    EXPECT_EQ(value->find("plus")->int64(), 7);
+    EXPECT_EQ(value->find("inf")->real(), -std::numeric_limits<double>::infinity());
+    EXPECT_EQ(value->find("date")->date(), Date{86400});
+    EXPECT_EQ(*value->find("data"), Value(Data{'A', 'B', 'C', 'D', 'E', 'F'}));
+    EXPECT_EQ(*value->find("crlf"), Value("a\nb"));
+    EXPECT_EQ(value->find("t")->boolean(), true);
+}
+
+TEST(PlistXml, BareValueWithoutPlistElement) {
+    auto value = parse("<array><integer>1</integer></array>");
+    ASSERT_TRUE(value.ok());
+    EXPECT_EQ(*value, Value(Array{1}));
+}
+
+TEST(PlistXml, CarriageReturnSurvivesARoundTrip) {
+    auto text = *encodeXml(Value("line\r\nnext\r"));
+    EXPECT_EQ(*parse(text.c_str()), Value("line\r\nnext\r"));
+}
+
+TEST(PlistXml, DuplicateKeysLookUpTheLastEntry) {
+    auto value = parse("<dict><key>a</key><integer>1</integer><key>a</key><integer>2</integer></dict>");
+    ASSERT_TRUE(value.ok());
+    EXPECT_EQ(value->find("a")->int64(), 2);
+    EXPECT_EQ(value->dictionary()->size(), 2u);
+}
+
+}  // namespace
+}  // namespace netvane::plist

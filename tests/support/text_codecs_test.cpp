@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "support/base64.h"
+#include "support/crypto.h"
+#include "support/date.h"
+#include "support/json.h"
+#include "support/uuid.h"
+
+namespace netvane {
+namespace {
+
+std::vector<std::uint8_t> bytesOf(std::string_view s) { return {s.begin(), s.end()}; }
+
+TEST(Base64, KnownVectorsBothWays) {
+    const std::pair<const char*, const char*> vectors[] = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
+        {"foobar", "Zm9vYmFy"}, {"\xFF\xFE\xFD", "//79"},
+    };
+    for (auto [plain, encoded] : vectors) {
+        EXPECT_EQ(base64Encode(bytesOf(plain)), encoded);
+        EXPECT_EQ(base64Decode(encoded), bytesOf(plain));
+    }
+    EXPECT_EQ(base64Decode(" Zm9v\nYmFy\t"), bytesOf("foobar"));
+    for (const char* bad : {"Zg=", "Z", "Zm9v!", "Zg==Zg==", "Zm=v", "Z==="}) EXPECT_FALSE(base64Decode(bad)) << bad;
+}
+
+TEST(Date, FormatsAndParsesAcrossEpochs) {
+    EXPECT_EQ(formatISO8601(Date{0}), "2001-01-01T00:00:00Z");
+    EXPECT_EQ(formatISO8601(Date{-1}), "2000-12-31T23:59:59Z");
+    EXPECT_EQ(formatISO8601(Date::fromUnix(0)), "1970-01-01T00:00:00Z");
+    EXPECT_EQ(formatISO8601Fraction(Date{-0.25}), "2000-12-31T23:59:59.750Z");
+    EXPECT_EQ(formatISO8601(Date{4102444800.0 - kUnixToReferenceSeconds + 86400 * 59}), "2100-03-01T00:00:00Z");
+    EXPECT_EQ(parseISO8601("1970-01-01T00:00:00Z"), Date::fromUnix(0));
+    EXPECT_EQ(parseISO8601("2000-02-29T12:00:00.5Z"), Date{-86400 * 306 - 43200 + 0.5});
+    EXPECT_EQ(parseISO8601("2024Z"), parseISO8601("2024-01-01T00:00:00Z"));
+    for (const char* bad : {"", "2001-01-01", "2001-01-01T00:00:00", "2001-00-01Z", "2001-01-01T24:00:00Z", "01-01-01Z"}) {
+        EXPECT_FALSE(parseISO8601(bad)) << bad;
+    }
+}
+
+TEST(Crypto, Sha256KnownVector) {
+    const Sha256Digest d = sha256(bytesOf("abc"));
+    EXPECT_EQ(base64Encode(d), "ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0=");
+}
+
+TEST(Crypto, RandomBytesAndUuidsDiffer) {
+    std::array<std::uint8_t, 32> a{}, b{};
+    ASSERT_TRUE(secureRandomBytes(a).ok());
+    ASSERT_TRUE(secureRandomBytes(b).ok());
+    EXPECT_NE(a, b);
+    std::set<std::string> seen;
+    for (int i = 0; i < 100; ++i) {
+        auto uuid = makeUUIDString();
+        ASSERT_TRUE(uuid.ok());
+        ASSERT_EQ(uuid->size(), 36u);
+        EXPECT_EQ((*uuid)[14], '4');
+        EXPECT_NE(std::string("89AB").find((*uuid)[19]), std::string::npos);
+        EXPECT_EQ(uuid->find_first_of("abcdef"), std::string::npos);
+        seen.insert(*uuid);
+    }
+    EXPECT_EQ(seen.size(), 100u);
+}
+
+TEST(Json, EscapesAndConvertsEveryType) {
+    plist::Value value(plist::Dictionary{
+        {"text", "quote\" back\\ nl\n ctl\x01 \xC3\xA9"},
+        {"big", plist::Value(UINT64_MAX)},
+        {"neg", -3},
+        {"real", 0.5},
+        {"inf", std::numeric_limits<double>::infinity()},
+        {"data", plist::Data{1, 2, 3}},
+        {"date", Date{0.5}},
+        {"list", plist::Array{true, plist::Array{}, plist::Dictionary{}}},
+    });
+    EXPECT_EQ(toJSON(value, false),
+              "{\"text\":\"quote\\\" back\\\\ nl\\n ctl\\u0001 \xC3\xA9\",\"big\":18446744073709551615,\"neg\":-3,"
+              "\"real\":0.5,\"inf\":null,\"data\":\"AQID\",\"date\":\"2001-01-01T00:00:00.500Z\","
+              "\"list\":[true,[],{}]}");
+}
+
+}  // namespace
+}  // namespace netvane
