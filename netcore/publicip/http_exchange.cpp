@@ -1,0 +1,141 @@
+#include "netcore/publicip/http_exchange.h"
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+
+namespace netvane::PublicIPService {
+namespace {
+
+constexpr std::string_view kCRLF = "\r\n";
+constexpr std::string_view kHeaderEnd = "\r\n\r\n";
+
+std::string_view asText(std::span<const std::uint8_t> bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// A whole-string integer with an optional sign, as a status code or a chunk
+// size is written; nothing for anything else, overflow included.
+std::optional<std::int64_t> parseInteger(std::string_view text, int base) {
+    bool negative = false;
+    if (!text.empty() && (text[0] == '+' || text[0] == '-')) {
+        negative = text[0] == '-';
+        text.remove_prefix(1);
+    }
+    if (text.empty()) return std::nullopt;
+    std::uint64_t magnitude = 0;
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
+    if (ec != std::errc{} || end != text.data() + text.size()) return std::nullopt;
+    constexpr auto max = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    if (negative) {
+        if (magnitude > max + 1) return std::nullopt;
+        return static_cast<std::int64_t>(0 - magnitude);
+    }
+    if (magnitude > max) return std::nullopt;
+    return static_cast<std::int64_t>(magnitude);
+}
+
+// The second space-separated field of the status line; 0 when it is missing
+// or not a decimal number.
+std::int64_t statusCode(std::string_view statusLine) {
+    int field = 0;
+    std::size_t i = 0;
+    while (i < statusLine.size()) {
+        if (statusLine[i] == ' ') {
+            ++i;
+            continue;
+        }
+        const std::size_t end = std::min(statusLine.find(' ', i), statusLine.size());
+        if (++field == 2) return parseInteger(statusLine.substr(i, end - i), 10).value_or(0);
+        i = end;
+    }
+    return 0;
+}
+
+bool isChunkedHeader(std::string_view line) {
+    std::string lower(line);
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return lower.starts_with("transfer-encoding:") && lower.find("chunked") != std::string::npos;
+}
+
+Error malformed() { return PublicIPError::malformed().toError(); }
+
+}  // namespace
+
+Result<Bytes> get(std::string_view url, IPVersion version, const AttemptOptions& options) {
+    auto parsed = parseLookupURL(url);
+    if (!parsed) return parsed.error();
+    StreamConnector& connector = options.connector ? *options.connector : systemStreamConnector();
+    const StreamTarget target{parsed->host, parsed->port, version, parsed->tls};
+    auto stream = connector.open(target, options.timeout, options.cancellation);
+    if (!stream) return stream.error();
+    auto response = PublicIPService::exchange(**stream, requestText(*parsed));
+    if (!response) return response.error();
+    return parseHTTP(*response);
+}
+
+Result<Bytes> exchange(ByteStream& stream, std::string_view request) {
+    const auto* requestBytes = reinterpret_cast<const std::uint8_t*>(request.data());
+    if (auto sent = stream.sendAll({requestBytes, request.size()}); !sent) return sent.error();
+    Bytes response;
+    Bytes chunk(kReadSize);
+    for (;;) {
+        auto received = stream.receive(chunk);
+        if (!received) return received.error();
+        if (*received == 0) return response;
+        response.insert(response.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(*received));
+        // The rest of an oversized response is never read.
+        if (response.size() > kResponseCap) return response;
+    }
+}
+
+Result<Bytes> parseHTTP(std::span<const std::uint8_t> response) {
+    const std::string_view text = asText(response);
+    const auto headerEnd = text.find(kHeaderEnd);
+    if (headerEnd == std::string_view::npos) return malformed();
+    const std::string_view head = text.substr(0, headerEnd);
+    const auto body = response.subspan(headerEnd + kHeaderEnd.size());
+
+    const std::string_view statusLine = head.substr(0, head.find(kCRLF));
+    const std::int64_t status = statusCode(statusLine);
+    if (status < 200 || status > 299) return PublicIPError::http(status).toError();
+
+    bool chunked = false;
+    for (std::size_t start = 0; start <= head.size() && !chunked;) {
+        const std::size_t end = std::min(head.find(kCRLF, start), head.size());
+        chunked = isChunkedHeader(head.substr(start, end - start));
+        start = end + kCRLF.size();
+    }
+    if (chunked) return dechunk(body);
+    return Bytes(body.begin(), body.end());
+}
+
+Result<Bytes> dechunk(std::span<const std::uint8_t> body) {
+    Bytes output;
+    std::span<const std::uint8_t> rest = body;
+    for (;;) {
+        const std::string_view text = asText(rest);
+        const auto lineEnd = text.find(kCRLF);
+        // A missing final chunk is tolerated: the server's close ends the body.
+        if (lineEnd == std::string_view::npos) return output;
+        std::string_view sizeText = text.substr(0, lineEnd);
+        const auto firstPiece = sizeText.find_first_not_of(';');
+        if (firstPiece == std::string_view::npos) return malformed();
+        sizeText = sizeText.substr(firstPiece);
+        sizeText = sizeText.substr(0, sizeText.find(';'));
+        const auto size = parseInteger(sizeText, 16);
+        if (!size || *size < 0) return malformed();
+        if (*size == 0) return output;  // trailers are ignored
+
+        const auto data = rest.subspan(lineEnd + kCRLF.size());
+        if (data.size() < static_cast<std::uint64_t>(*size)) return malformed();
+        const auto length = static_cast<std::size_t>(*size);
+        output.insert(output.end(), data.begin(), data.begin() + static_cast<std::ptrdiff_t>(length));
+        // The two bytes after the data are skipped unchecked.
+        const auto after = data.subspan(length);
+        rest = after.size() < 2 ? std::span<const std::uint8_t>{} : after.subspan(2);
+    }
+}
+
+}  // namespace netvane::PublicIPService

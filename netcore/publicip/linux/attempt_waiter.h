@@ -1,0 +1,37 @@
+// One attempt's deadline and cancellation, as descriptors a poll can wait on.
+//
+// The deadline runs on the boot-time clock, which keeps counting while the
+// machine sleeps, so a suspended attempt times out on waking instead of
+// starting its budget over. Every blocking wait of the attempt goes through
+// `wait`; the owner of the attempt is its only user.
+#pragma once
+
+#include <chrono>
+
+#include "netcore/publicip/byte_stream.h"
+#include "support/result.h"
+#include "support/unique_fd.h"
+
+namespace netvane {
+
+class AttemptWaiter {
+public:
+    static Result<AttemptWaiter> start(std::chrono::milliseconds timeout, const Cancellation* cancellation);
+
+    // Until `fd` reports one of `events` (or an error or hang-up, which the
+    // next call on it will report); cancellation wins over the deadline,
+    // and both win over a ready descriptor.
+    Status wait(int fd, short events) const;
+    // The same without waiting: fails once cancelled or past the deadline.
+    Status check() const;
+
+private:
+    AttemptWaiter(UniqueFd timer, const Cancellation* cancellation)
+        : timer_(std::move(timer)), cancellation_(cancellation) {}
+    Status poll(int fd, short events, int timeoutMs) const;
+
+    UniqueFd timer_;
+    const Cancellation* cancellation_ = nullptr;
+};
+
+}  // namespace netvane

@@ -1,0 +1,60 @@
+// The Linux byte streams: POSIX sockets, and TLS over them with the system's
+// trust store (which honours SSL_CERT_FILE and SSL_CERT_DIR), SNI and host-name
+// verification.
+//
+// Names resolve in a helper thread so that the attempt's deadline and
+// cancellation also cut a hung resolver short; the thread then finishes on its
+// own and its answer is dropped. Literal addresses skip it. The connector is
+// thread-safe; its TLS context is built on the first TLS attempt and read the
+// trust-store variables then.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "netcore/publicip/byte_stream.h"
+
+struct ssl_ctx_st;
+
+namespace netvane {
+
+struct SocketAddress {
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+};
+
+// Every address of `host` in the family of `version`, never the other one.
+using AddressResolver =
+    std::function<Result<std::vector<SocketAddress>>(const std::string& host, std::uint16_t port, IPVersion version)>;
+
+Result<std::vector<SocketAddress>> resolveWithSystem(const std::string& host, std::uint16_t port, IPVersion version);
+
+// The address of a literal, or nothing when `text` is no literal of `version`.
+std::optional<SocketAddress> literalAddress(const std::string& text, std::uint16_t port, IPVersion version);
+
+inline constexpr const char* kAddressInfoErrorDomain = "kCFStreamErrorDomainNetDB";
+inline constexpr const char* kTLSErrorDomain = "NetCore.TLS";
+
+class SocketStreamConnector final : public StreamConnector {
+public:
+    explicit SocketStreamConnector(AddressResolver resolver = resolveWithSystem);
+    ~SocketStreamConnector() override;
+    SocketStreamConnector(const SocketStreamConnector&) = delete;
+    SocketStreamConnector& operator=(const SocketStreamConnector&) = delete;
+
+    Result<std::unique_ptr<ByteStream>> open(const StreamTarget& target, std::chrono::milliseconds timeout,
+                                             const Cancellation* cancellation) override;
+
+private:
+    Result<ssl_ctx_st*> tlsContext();
+
+    AddressResolver resolver_;
+    std::mutex tlsMutex_;
+    ssl_ctx_st* tlsContext_ = nullptr;
+};
+
+}  // namespace netvane
