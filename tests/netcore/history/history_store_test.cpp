@@ -1,0 +1,135 @@
+#include "netcore/history/history_store.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <random>
+
+#include "support/files.h"
+#include "support/plist/plist.h"
+
+namespace netvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+class HistoryStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/netvane-history-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        dir_ = pattern;
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    std::string path(const std::string& name) const { return (dir_ / name).string(); }
+
+    fs::path dir_;
+};
+
+RateHistory randomHistory(std::mt19937_64& rng, int samples) {
+    RateHistory history({3600, 7 * 86400, 365 * 86400});
+    double t = std::uniform_real_distribution<double>(0, 7e8)(rng);
+    for (int i = 0; i < samples; ++i) {
+        t += std::uniform_real_distribution<double>(0.5, 90)(rng);
+        // Totals up to 2^53 survive the double coding exactly.
+        history.add(RateSample{Date{t}, std::uniform_real_distribution<double>(0.01, 90)(rng),
+                               std::uniform_int_distribution<std::uint64_t>(0, std::uint64_t{1} << 40)(rng),
+                               std::uniform_int_distribution<std::uint64_t>(0, 1000)(rng)});
+    }
+    return history;
+}
+
+TEST_F(HistoryStoreTest, SaveThenLoadGivesEqualHistories) {
+    std::mt19937_64 rng(11);
+    HistorySet histories;
+    for (int i = 0; i < 12; ++i) histories["en" + std::to_string(i)] = randomHistory(rng, 1 + i * 97);
+    histories["en3"].tiers.pop_back();  // any shape is stored as it is
+    histories["en3"].tiers[0].buckets.push_back(Bucket{Date{5}, 1, 1, 1, 1, 1, 1, 1});
+    HistoryStore store(path("history.plist"));
+    ASSERT_TRUE(store.save(histories).ok());
+    EXPECT_EQ(store.load(), histories);
+
+    auto bytes = readFile(store.url);
+    ASSERT_TRUE(bytes.ok());
+    EXPECT_TRUE(plist::isBinary(*bytes));
+}
+
+TEST_F(HistoryStoreTest, HistoriesWithoutTrafficAreNotWritten) {
+    HistorySet histories;
+    histories["lo0"] = RateHistory({60, 60, 60});
+    histories["lo0"].add(RateSample{Date{1}, 1, 0, 0});
+    histories["en0"] = RateHistory({60, 60, 60});
+    HistoryStore store(path("quiet.plist"));
+    ASSERT_TRUE(store.save(histories).ok());
+    auto document = plist::decode(*readFile(store.url));
+    ASSERT_TRUE(document.ok());
+    ASSERT_NE(document->dictionary(), nullptr);
+    EXPECT_TRUE(document->dictionary()->empty());
+    EXPECT_TRUE(store.load().empty());
+
+    histories["en0"].add(RateSample{Date{2}, 1, 0, 1});
+    ASSERT_TRUE(store.save(histories).ok());
+    auto loaded = store.load();
+    ASSERT_EQ(loaded.size(), 1u);
+    EXPECT_EQ(loaded.begin()->first, "en0");
+}
+
+TEST_F(HistoryStoreTest, SaveCreatesMissingDirectories) {
+    HistoryStore store(path("a/b/c/history.plist"));
+    std::mt19937_64 rng(1);
+    ASSERT_TRUE(store.save({{"en0", randomHistory(rng, 10)}}).ok());
+    EXPECT_EQ(store.load().size(), 1u);
+}
+
+TEST_F(HistoryStoreTest, UnreadableFilesLoadEmptyAndAreReplacedBySave) {
+    HistoryStore store(path("history.plist"));
+    EXPECT_TRUE(store.load().empty());
+    EXPECT_FALSE(store.loadReportingErrors().ok()) << "missing file";
+
+    std::mt19937_64 rng(5);
+    std::vector<std::uint8_t> noise(4096);
+    for (auto& byte : noise) byte = static_cast<std::uint8_t>(rng());
+    ASSERT_TRUE(writeFileAtomically(store.url, noise).ok());
+    EXPECT_TRUE(store.load().empty());
+    EXPECT_EQ(*readFile(store.url), noise) << "a corrupt file is left as it is";
+
+    ASSERT_TRUE(store.save({{"en0", randomHistory(rng, 3)}}).ok());
+    EXPECT_EQ(store.load().size(), 1u);
+}
+
+TEST_F(HistoryStoreTest, ForeignShapesLoadEmpty) {
+    HistoryStore store(path("history.plist"));
+    auto write = [&](const plist::Value& document) {
+        ASSERT_TRUE(writeFileAtomically(store.url, *plist::encodeBinary(document)).ok());
+    };
+    write(plist::Array{plist::Value("en0")});
+    EXPECT_TRUE(store.load().empty());
+    write(plist::Dictionary{{"en0", plist::Dictionary{{"tiers", "none"}}}});
+    EXPECT_TRUE(store.load().empty());
+
+    // One bad history spoils the file: loading half of it would look like data loss.
+    std::mt19937_64 rng(8);
+    plist::Dictionary mixed{{"en0", randomHistory(rng, 5).encode()}, {"en1", 42}};
+    write(mixed);
+    auto result = store.loadReportingErrors();
+    ASSERT_FALSE(result.ok());
+    EXPECT_NE(result.error().message.find("en1"), std::string::npos);
+}
+
+TEST_F(HistoryStoreTest, FailedSaveReportsAndKeepsThePreviousFile) {
+    std::mt19937_64 rng(9);
+    HistorySet first{{"en0", randomHistory(rng, 5)}};
+    HistoryStore store(path("history.plist"));
+    ASSERT_TRUE(store.save(first).ok());
+
+    // A regular file where the parent directory should be.
+    HistoryStore blocked(path("history.plist/inner.plist"));
+    auto status = blocked.save(first);
+    EXPECT_FALSE(status.ok());
+    EXPECT_EQ(store.load(), first);
+}
+
+}  // namespace
+}  // namespace netvane
