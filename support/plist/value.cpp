@@ -16,6 +16,8 @@ void Dictionary::set(std::string key, Value value) {
 
 void Dictionary::append(std::string key, Value value) { entries_.emplace_back(std::move(key), std::move(value)); }
 
+Dictionary::Entry& Dictionary::appendEmpty() { return entries_.emplace_back(); }
+
 const Value* Dictionary::find(std::string_view key) const {
     for (auto it = entries_.rbegin(); it != entries_.rend(); ++it) {
         if (it->first == key) return &it->second;

@@ -35,6 +35,8 @@ public:
     void set(std::string key, Value value);
     // Appends without looking for an existing key (decoders, bulk builders).
     void append(std::string key, Value value);
+    // Appends an entry with an empty key and a default value, to fill in place.
+    Entry& appendEmpty();
     const Value* find(std::string_view key) const;
     Value* find(std::string_view key);
 
@@ -88,6 +90,12 @@ public:
     // The integer if it fits the requested type; nullopt for non-integers too.
     std::optional<std::int64_t> int64() const;
     std::optional<std::uint64_t> uint64() const;
+
+    // Replaces the content in place, constructing a T from args.
+    template <class T, class... Args>
+    T& emplace(Args&&... args) {
+        return storage_.template emplace<T>(std::forward<Args>(args)...);
+    }
 
     // Shorthand for dictionary()->find(key); null when this is no dictionary.
     const Value* find(std::string_view key) const;

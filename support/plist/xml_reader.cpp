@@ -116,7 +116,9 @@ private:
     Result<std::string> readText(std::string_view name) {
         std::string text;
         for (;;) {
-            const std::size_t next = in_.find_first_of("<&", pos_);
+            std::size_t next = pos_;
+            while (next < in_.size() && in_[next] != '<' && in_[next] != '&') ++next;
+            if (next == in_.size()) next = std::string_view::npos;
             if (next == std::string_view::npos) return malformed("unterminated element");
             appendLiteral(text, in_.substr(pos_, next - pos_));
             pos_ = next;
@@ -143,13 +145,12 @@ private:
     // XML folds every literal line break to a line feed; a character
     // reference (&#13;) is how a carriage return survives.
     static void appendLiteral(std::string& text, std::string_view literal) {
-        for (std::size_t i = 0; i < literal.size(); ++i) {
-            if (literal[i] == '\r') {
-                text.push_back('\n');
-                if (i + 1 < literal.size() && literal[i + 1] == '\n') ++i;
-            } else {
-                text.push_back(literal[i]);
-            }
+        for (;;) {
+            const std::size_t cr = literal.find('\r');
+            text.append(literal.substr(0, cr));
+            if (cr == std::string_view::npos) return;
+            text.push_back('\n');
+            literal.remove_prefix(cr + (cr + 1 < literal.size() && literal[cr + 1] == '\n' ? 2 : 1));
         }
     }
 

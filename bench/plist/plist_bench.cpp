@@ -1,0 +1,97 @@
+// Encode and decode of the shared documents in both formats, plus the
+// physical floor for the blob document (copying that many bytes).
+//
+//   plist_bench [benchmark flags]
+//   plist_bench --dump-documents DIR   (for compare_plistlib.py)
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <string>
+
+#include "plist_documents.h"
+#include "support/files.h"
+#include "support/plist/plist.h"
+
+using namespace netvane;
+
+namespace {
+
+void encodeBinaryBench(benchmark::State& state, const plist::Value& value) {
+    std::size_t bytes = 0;
+    for (auto _ : state) {
+        auto encoded = plist::encodeBinary(value);
+        bytes = encoded->size();
+        benchmark::DoNotOptimize(encoded->data());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
+}
+
+void decodeBinaryBench(benchmark::State& state, const plist::Value& value) {
+    const auto encoded = *plist::encodeBinary(value);
+    for (auto _ : state) {
+        auto decoded = plist::decodeBinary(encoded);
+        benchmark::DoNotOptimize(decoded.ok());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * encoded.size()));
+}
+
+void encodeXmlBench(benchmark::State& state, const plist::Value& value) {
+    for (auto _ : state) {
+        auto encoded = plist::encodeXml(value);
+        benchmark::DoNotOptimize(encoded->data());
+    }
+}
+
+void decodeXmlBench(benchmark::State& state, const plist::Value& value) {
+    const auto text = *plist::encodeXml(value);
+    const auto bytes = std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    for (auto _ : state) {
+        auto decoded = plist::decodeXml(bytes);
+        benchmark::DoNotOptimize(decoded.ok());
+    }
+}
+
+// The floor for the blob document: one copy of its bytes into fresh memory.
+void copyFloorBench(benchmark::State& state, std::size_t size) {
+    std::vector<std::uint8_t> source(size, 1);
+    for (auto _ : state) {
+        std::vector<std::uint8_t> copy(source.begin(), source.end());
+        benchmark::DoNotOptimize(copy.data());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * size));
+}
+
+int dumpDocuments(const std::string& dir) {
+    for (const auto& [name, value] : bench::allDocuments()) {
+        auto bytes = plist::encodeBinary(value);
+        if (!bytes || !writeFileAtomically(dir + "/" + name + ".bplist", *bytes).ok()) return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 3 && std::strcmp(argv[1], "--dump-documents") == 0) return dumpDocuments(argv[2]);
+
+    static const auto documents = bench::allDocuments();
+    for (const auto& [name, value] : documents) {
+        const bool big = name.find("blobs") != std::string::npos;
+        benchmark::RegisterBenchmark(("binary_encode/" + name).c_str(), encodeBinaryBench, value)
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark(("binary_decode/" + name).c_str(), decodeBinaryBench, value)
+            ->Unit(benchmark::kMillisecond);
+        if (!big) {
+            benchmark::RegisterBenchmark(("xml_encode/" + name).c_str(), encodeXmlBench, value)
+                ->Unit(benchmark::kMillisecond);
+            benchmark::RegisterBenchmark(("xml_decode/" + name).c_str(), decodeXmlBench, value)
+                ->Unit(benchmark::kMillisecond);
+        }
+    }
+    benchmark::RegisterBenchmark("copy_floor/blobs_50MB", copyFloorBench, std::size_t{50} << 20)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

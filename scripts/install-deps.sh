@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs what building and testing Netvane needs on Debian 12; does nothing
+# when everything is already there.
+set -euo pipefail
+
+packages=(
+  cmake ninja-build g++ pkg-config python3
+  clang-16 libclang-rt-16-dev      # the Clang build, sanitizers and libFuzzer
+  libgtest-dev libgmock-dev libbenchmark-dev
+  libssl-dev libsystemd-dev
+  iproute2 dbus polkitd pkexec curl
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "installing: ${missing[*]}"
+  sudo_cmd=()
+  [[ $(id -u) -eq 0 ]] || sudo_cmd=(sudo)
+  "${sudo_cmd[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Builds and runs every test: GCC build, Clang 16 AddressSanitizer +
+# UndefinedBehaviorSanitizer build, and a short smoke run of every fuzz target.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+for preset in default asan; do
+  echo "=== $preset: build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+  echo "=== $preset: test"
+  ctest --preset "$preset"
+done
+
+echo "=== fuzz smoke"
+scripts/fuzz-smoke.sh build/asan
