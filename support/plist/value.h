@@ -40,11 +40,12 @@ public:
     const Value* find(std::string_view key) const;
     Value* find(std::string_view key);
 
-    std::size_t size() const { return entries_.size(); }
-    bool empty() const { return entries_.empty(); }
-    void reserve(std::size_t n) { entries_.reserve(n); }
-    auto begin() const { return entries_.begin(); }
-    auto end() const { return entries_.end(); }
+    using const_iterator = std::vector<Entry>::const_iterator;
+    std::size_t size() const;
+    bool empty() const;
+    void reserve(std::size_t n);
+    const_iterator begin() const;
+    const_iterator end() const;
 
     bool operator==(const Dictionary& other) const;
 
@@ -108,5 +109,12 @@ private:
                  plist::Dictionary>
         storage_;
 };
+
+// Defined here, where Value is complete.
+inline std::size_t Dictionary::size() const { return entries_.size(); }
+inline bool Dictionary::empty() const { return entries_.empty(); }
+inline void Dictionary::reserve(std::size_t n) { entries_.reserve(n); }
+inline Dictionary::const_iterator Dictionary::begin() const { return entries_.begin(); }
+inline Dictionary::const_iterator Dictionary::end() const { return entries_.end(); }
 
 }  // namespace netvane::plist
