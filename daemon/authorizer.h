@@ -1,0 +1,35 @@
+// The authorization seam: does the connected control peer hold the pair right?
+//
+// The daemon never interacts with a user; the control client must have
+// obtained the right in its own process before calling. On Linux the check
+// goes to the system's authority over the system bus; tests use a fake.
+// Implementations are called outside the daemon's lock, from any thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <span>
+
+#include "support/result.h"
+
+namespace netvane {
+
+// Who is asking: filled by the transport from the connection's credentials.
+struct PeerIdentity {
+    pid_t pid = 0;
+    std::uint32_t uid = 0;
+
+    bool operator==(const PeerIdentity&) const = default;
+};
+
+class Authorizer {
+public:
+    virtual ~Authorizer() = default;
+    // Ok when `peer` holds the right named by `right`; any failure or refusal
+    // is an error (the daemon reports it as authorizationFailed).
+    virtual Status checkRight(const PeerIdentity& peer, std::span<const std::uint8_t> externalForm,
+                              std::string_view right) = 0;
+};
+
+}  // namespace netvane
