@@ -1,7 +1,7 @@
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <array>
-#include <cstring>
 
 #include "netcore/publicip/http_exchange.h"
 #include "netcore/publicip/json_body.h"
@@ -58,7 +58,7 @@ bool isIPAddress(std::string_view text) {
     // embedded NUL would hide the rest of the text from it.
     char buffer[64];
     if (text.size() >= sizeof buffer || text.find('\0') != std::string_view::npos) return false;
-    std::memcpy(buffer, text.data(), text.size());
+    std::copy(text.begin(), text.end(), buffer);
     buffer[text.size()] = '\0';
     unsigned char address[sizeof(in6_addr)];
     return inet_pton(AF_INET, buffer, address) == 1 || inet_pton(AF_INET6, buffer, address) == 1;
