@@ -6,11 +6,9 @@
 // listed in `reply`. A value that "may be nil" is optional on the wire.
 #pragma once
 
-#include <array>
-#include <span>
 #include <string_view>
 
-#include "support/plist/value.h"
+#include "support/ipc/protocol_description.h"
 
 namespace netvane {
 
@@ -31,33 +29,6 @@ namespace PendingPairingKey {
 inline constexpr std::string_view id = "id";
 inline constexpr std::string_view created = "created";
 }  // namespace PendingPairingKey
-
-enum class WireType {
-    string,
-    optionalString,   // string or nil
-    boolean,
-    data,             // byte buffer
-    dictionary,
-    dictionaryArray,  // array of dictionaries
-    optionalError,    // error or nil
-};
-
-struct MethodDescription {
-    std::string_view selector;
-    std::span<const WireType> arguments;  // without the reply
-    std::span<const WireType> reply;
-};
-
-struct ProtocolDescription {
-    std::string_view name;
-    std::span<const MethodDescription> methods;  // in declaration order
-
-    const MethodDescription* find(std::string_view selector) const;
-};
-
-// Whether a decoded value (null for nil) is acceptable as `type`. Errors are
-// not plist values and are checked by the transport itself.
-bool acceptsValue(WireType type, const plist::Value* value);
 
 namespace detail {
 using W = WireType;

@@ -1,0 +1,78 @@
+#include "support/ipc/client.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "support/ipc/stream.h"
+
+namespace netvane::ipc {
+namespace {
+
+Error ipcError(std::int64_t code, std::string message) { return Error{kIpcErrorDomain, code, std::move(message)}; }
+
+bool slotMatches(WireType type, const ReplySlot& slot) {
+    if (type == WireType::optionalError) {
+        return std::holds_alternative<std::monostate>(slot) || std::holds_alternative<Error>(slot);
+    }
+    if (std::holds_alternative<Error>(slot)) return false;
+    const plist::Value* value = std::get_if<plist::Value>(&slot);
+    return acceptsValue(type, value);
+}
+
+}  // namespace
+
+Result<Client> Client::connect(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) return ipcError(kUnreachable, "socket path too long: " + path);
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) return posixError(errno, "socket");
+    int result;
+    do {
+        result = ::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) {
+        return ipcError(kUnreachable, "cannot reach " + path + ": " + posixError(errno).message);
+    }
+    return Client(std::move(fd));
+}
+
+Result<std::vector<ReplySlot>> Client::call(const MethodDescription& method, std::vector<Argument> args) {
+    if (args.size() != method.arguments.size()) return ipcError(kBadArguments, "wrong number of arguments");
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (!acceptsValue(method.arguments[i], args[i] ? &*args[i] : nullptr)) {
+            return ipcError(kBadArguments, "argument " + std::to_string(i + 1) + " has the wrong type");
+        }
+    }
+    std::lock_guard lock(mutex_);
+    const std::uint64_t seq = nextSeq_++;
+    auto frame = encodeCall(Call{std::string(method.selector), seq, std::move(args)});
+    if (!frame) return frame.error();
+    if (!writeFully(fd_.get(), frame->data(), frame->size()).ok()) {
+        return ipcError(kConnectionLost, "connection closed by the daemon");
+    }
+    std::uint8_t header[kFrameHeaderBytes];
+    if (!readFully(fd_.get(), header, sizeof header).ok()) {
+        return ipcError(kConnectionLost, "connection closed by the daemon");
+    }
+    auto length = frameBodyLength(header);
+    if (!length) return length.error();
+    std::vector<std::uint8_t> body(*length);
+    if (!readFully(fd_.get(), body.data(), body.size()).ok()) {
+        return ipcError(kConnectionLost, "connection closed by the daemon");
+    }
+    auto reply = decodeReply(body);
+    if (!reply) return reply.error();
+    if (reply->seq != seq) return ipcError(kBadReply, "reply to another call");
+    if (reply->values.size() != method.reply.size()) return ipcError(kBadReply, "reply has the wrong shape");
+    for (std::size_t i = 0; i < reply->values.size(); ++i) {
+        if (!slotMatches(method.reply[i], reply->values[i])) return ipcError(kBadReply, "reply has the wrong shape");
+    }
+    return std::move(reply->values);
+}
+
+}  // namespace netvane::ipc

@@ -1,0 +1,265 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "support/ipc/client.h"
+#include "support/ipc/server.h"
+#include "support/ipc/stream.h"
+#include "support/plist/plist.h"
+
+namespace netvane::ipc {
+namespace {
+
+namespace fs = std::filesystem;
+using W = WireType;
+
+constexpr W kOptString[] = {W::optionalString};
+constexpr W kStringAndError[] = {W::optionalString, W::optionalError};
+constexpr W kDataArg[] = {W::data};
+constexpr W kDict[] = {W::dictionary};
+constexpr MethodDescription kMethods[] = {
+    {"echo:reply:", kOptString, kStringAndError},
+    {"later:reply:", kOptString, kStringAndError},
+    {"size:reply:", kDataArg, kDict},
+};
+constexpr ProtocolDescription kTestProtocol{"TestProtocol", kMethods};
+
+// Echoes its argument; "later:" answers from another thread after a pause;
+// "fail" as argument answers with an error.
+class EchoSession : public Session {
+public:
+    EchoSession(PeerCredentials peer, std::atomic<int>& ended) : peer_(peer), ended_(ended) {}
+
+    void handle(const MethodDescription& method, std::vector<Argument> args, ReplySender reply) override {
+        if (method.selector == "size:reply:") {
+            reply.send({plist::Value(plist::Dictionary{{"size", args[0]->data()->size()}, {"uid", peer_.uid}})});
+            return;
+        }
+        ReplySlot value = std::monostate{};
+        if (args[0]) value = *args[0];
+        ReplySlot error = std::monostate{};
+        if (args[0] && *args[0]->string() == "fail") error = Error{"test.domain", 7, "failed"};
+        if (method.selector == "later:reply:") {
+            std::thread([reply, value, error] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                reply.send({value, error});
+                reply.send({plist::Value("second reply is ignored"), std::monostate{}});
+            }).detach();
+            return;
+        }
+        reply.send({value, error});
+    }
+    void invalidated() override { ++ended_; }
+
+private:
+    PeerCredentials peer_;
+    std::atomic<int>& ended_;
+};
+
+class IpcTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/netvane-ipc-XXXXXX";
+        dir_ = mkdtemp(pattern);
+        path_ = dir_ + "/test.sock";
+    }
+    void TearDown() override {
+        server_.reset();
+        fs::remove_all(dir_);
+    }
+
+    void startServer(ServerLimits limits = {}) {
+        auto listener = listenOnPath(path_);
+        ASSERT_TRUE(listener.ok()) << listener.error().message;
+        ServiceDefinition service{&kTestProtocol, [this](const PeerCredentials& peer) {
+                                      return std::make_shared<EchoSession>(peer, ended_);
+                                  }};
+        server_ = std::make_unique<Server>(std::move(*listener), service, limits);
+        server_->start();
+    }
+
+    Client connect() {
+        auto client = Client::connect(path_);
+        EXPECT_TRUE(client.ok()) << client.error().message;
+        return std::move(*client);
+    }
+
+    // Writes raw bytes on a fresh connection and reports whether the server closed it.
+    bool serverClosesAfter(const std::vector<std::uint8_t>& bytes) {
+        Client client = connect();
+        EXPECT_TRUE(writeFully(client.fd(), bytes.data(), bytes.size()).ok());
+        std::uint8_t byte;
+        return ::read(client.fd(), &byte, 1) == 0;
+    }
+
+    // Connections still in the listen backlog are not counted yet, so tests
+    // wait for the sessions they expect to end, then check what remains.
+    void waitForEnded(int count) {
+        for (int i = 0; i < 2500 && ended_.load() < count; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        EXPECT_EQ(ended_.load(), count);
+    }
+
+    void waitForConnections(std::size_t count) {
+        for (int i = 0; i < 500 && server_->connectionCount() != count; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        EXPECT_EQ(server_->connectionCount(), count);
+    }
+
+    std::string dir_, path_;
+    std::atomic<int> ended_{0};
+    std::unique_ptr<Server> server_;
+};
+
+TEST(IpcFrame, NilEmptyStringValuesAndErrorsStayDistinct) {
+    const Call call{"echo:reply:", 42, {std::nullopt, plist::Value(""), plist::Value(plist::Data{1})}};
+    auto bytes = encodeCall(call);
+    ASSERT_TRUE(bytes.ok());
+    EXPECT_EQ(decodeCall(std::span(*bytes).subspan(kFrameHeaderBytes)).value(), call);
+    const Reply reply{42, {std::monostate{}, plist::Value(""), Error{"d", -3, "m"}}};
+    auto replyBytes = encodeReply(reply);
+    ASSERT_TRUE(replyBytes.ok());
+    EXPECT_EQ(decodeReply(std::span(*replyBytes).subspan(kFrameHeaderBytes)).value(), reply);
+    const std::uint8_t oversize[4] = {0, 0x10, 0, 1};
+    EXPECT_FALSE(frameBodyLength(oversize).ok());
+}
+
+TEST_F(IpcTest, CallsRepliesErrorsAndPeerCredentials) {
+    startServer();
+    Client client = connect();
+    auto reply = client.call(kMethods[0], {plist::Value("hello")});
+    ASSERT_TRUE(reply.ok()) << reply.error().message;
+    EXPECT_EQ((*reply)[0], ReplySlot(plist::Value("hello")));
+    EXPECT_TRUE(std::holds_alternative<std::monostate>((*reply)[1]));
+
+    reply = client.call(kMethods[0], {std::nullopt});
+    EXPECT_TRUE(std::holds_alternative<std::monostate>((*reply)[0]));
+    reply = client.call(kMethods[1], {plist::Value("fail")});
+    ASSERT_TRUE(reply.ok());
+    EXPECT_EQ(std::get<Error>((*reply)[1]), (Error{"test.domain", 7, "failed"}));
+
+    reply = client.call(kMethods[2], {plist::Value(plist::Data(1000))});
+    ASSERT_TRUE(reply.ok());
+    EXPECT_EQ(std::get<plist::Value>((*reply)[0]).find("size")->int64(), 1000);
+    EXPECT_EQ(std::get<plist::Value>((*reply)[0]).find("uid")->uint64(), getuid());
+
+    EXPECT_EQ(client.call(kMethods[2], {plist::Value("not data")}).error().code, kBadArguments);
+    EXPECT_EQ(Client::connect(dir_ + "/nobody.sock").error().code, kUnreachable);
+}
+
+TEST_F(IpcTest, MalformedFramesCloseOnlyTheirConnection) {
+    startServer();
+    Client bystander = connect();
+    const auto good = *encodeCall(Call{"echo:reply:", 1, {plist::Value("x")}});
+    auto withBody = [](std::vector<std::uint8_t> body) {
+        const auto n = static_cast<std::uint32_t>(body.size());
+        body.insert(body.begin(), {static_cast<std::uint8_t>(n >> 24), static_cast<std::uint8_t>(n >> 16),
+                                   static_cast<std::uint8_t>(n >> 8), static_cast<std::uint8_t>(n)});
+        return body;
+    };
+    const std::vector<std::vector<std::uint8_t>> bad = {
+        {0x00, 0x10, 0x00, 0x01},                                                   // over 1 MiB
+        {0, 0, 0, 0},                                                               // empty body
+        withBody({'h', 'e', 'l', 'l', 'o'}),                                        // not a plist
+        withBody(*plist::encodeBinary(plist::Value(plist::Array{}))),               // root not a dictionary
+        *encodeCall(Call{"unknown:reply:", 1, {plist::Value("x")}}),                // unknown selector
+        *encodeCall(Call{"size:reply:", 1, {plist::Value("x")}}),                   // wrong argument type
+        *encodeCall(Call{"size:reply:", 1, {std::nullopt}}),                        // missing argument (nil)
+        *encodeCall(Call{"echo:reply:", 1, {}}),                                    // wrong argument count
+        withBody(*plist::encode(plist::Value(plist::Dictionary{}), plist::Format::Xml)),  // XML, not binary
+    };
+    for (std::size_t i = 0; i < bad.size(); ++i) EXPECT_TRUE(serverClosesAfter(bad[i])) << "case " << i;
+
+    // A truncated frame: the peer hangs up mid-body.
+    {
+        Client client = connect();
+        ASSERT_TRUE(writeFully(client.fd(), good.data(), good.size() - 3).ok());
+    }
+    waitForEnded(static_cast<int>(bad.size()) + 1);
+    waitForConnections(1);
+    auto reply = bystander.call(kMethods[0], {plist::Value("still here")});
+    ASSERT_TRUE(reply.ok());
+    EXPECT_EQ((*reply)[0], ReplySlot(plist::Value("still here")));
+}
+
+TEST_F(IpcTest, TenThousandBadFramesChangeNothing) {
+    startServer();
+    Client bystander = connect();
+    const std::vector<std::uint8_t> garbage = {0, 0, 0, 4, 'j', 'u', 'n', 'k'};
+    for (int i = 0; i < 10000; ++i) {
+        auto client = Client::connect(path_);
+        ASSERT_TRUE(client.ok());
+        ASSERT_TRUE(writeFully(client->fd(), garbage.data(), garbage.size()).ok());
+    }
+    waitForEnded(10000);
+    waitForConnections(1);
+    EXPECT_TRUE(bystander.call(kMethods[0], {plist::Value("ok")}).ok());
+}
+
+TEST_F(IpcTest, LateRepliesAndInvalidationExactlyOnce) {
+    startServer();
+    {
+        Client client = connect();
+        auto reply = client.call(kMethods[1], {plist::Value("later")});
+        ASSERT_TRUE(reply.ok());
+        EXPECT_EQ((*reply)[0], ReplySlot(plist::Value("later")));
+        // The second send of that reply was dropped: the next call gets its own answer.
+        reply = client.call(kMethods[0], {plist::Value("next")});
+        EXPECT_EQ((*reply)[0], ReplySlot(plist::Value("next")));
+        // A late reply to a connection that closes before it arrives is dropped.
+        auto call = *encodeCall(Call{"later:reply:", 9, {plist::Value("gone")}});
+        ASSERT_TRUE(writeFully(client.fd(), call.data(), call.size()).ok());
+    }
+    waitForConnections(0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(ended_.load(), 1);
+}
+
+TEST_F(IpcTest, ConnectionLimitRefusesExtraPeers) {
+    startServer(ServerLimits{2, std::chrono::milliseconds(1000)});
+    Client a = connect(), b = connect();
+    ASSERT_TRUE(a.call(kMethods[0], {std::nullopt}).ok());
+    ASSERT_TRUE(b.call(kMethods[0], {std::nullopt}).ok());
+    Client c = connect();
+    EXPECT_EQ(c.call(kMethods[0], {std::nullopt}).error().code, kConnectionLost);
+    EXPECT_TRUE(a.call(kMethods[0], {std::nullopt}).ok());
+}
+
+TEST_F(IpcTest, ConcurrentClientsEachGetTheirOwnReplies) {
+    startServer();
+    constexpr int kClients = 16, kCalls = 200;
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kClients; ++t) {
+        threads.emplace_back([&, t] {
+            Client client = connect();
+            for (int i = 0; i < kCalls; ++i) {
+                const std::string text = std::to_string(t) + ":" + std::to_string(i);
+                auto reply = client.call(kMethods[i % 10 == 0 ? 1 : 0], {plist::Value(text)});
+                if (!reply.ok() || (*reply)[0] != ReplySlot(plist::Value(text))) ++mismatches;
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(mismatches.load(), 0);
+    server_->stop();
+    EXPECT_EQ(ended_.load(), kClients);
+}
+
+TEST_F(IpcTest, StopEndsOpenConnections) {
+    startServer();
+    Client client = connect();
+    ASSERT_TRUE(client.call(kMethods[0], {std::nullopt}).ok());
+    server_->stop();
+    EXPECT_EQ(ended_.load(), 1);
+    EXPECT_EQ(client.call(kMethods[0], {std::nullopt}).error().code, kConnectionLost);
+}
+
+}  // namespace
+}  // namespace netvane::ipc
