@@ -53,16 +53,17 @@ Result<double> decodeDouble(const plist::Value& dict, const char* key) {
 }  // namespace
 
 plist::Value Tier::encode() const {
-    plist::Data packed(buckets.size() * kPackedBucketSize);
-    std::uint8_t* out = packed.data();
+    // Appended bucket by bucket rather than zero-filled and overwritten: the
+    // blobs are most of a history file, and a second pass over them shows.
+    plist::Data packed;
+    packed.reserve(buckets.size() * kPackedBucketSize);
     for (const Bucket& b : buckets) {
         const double fields[kDoublesPerBucket] = {b.start.secondsSinceReference, b.seconds,
                                                   static_cast<double>(b.bytesIn), static_cast<double>(b.bytesOut),
                                                   b.minIn, b.maxIn, b.minOut, b.maxOut};
-        for (double field : fields) {
-            storeLittleEndian(field, out);
-            out += sizeof(double);
-        }
+        std::uint8_t bytes[kPackedBucketSize];
+        for (std::size_t i = 0; i < kDoublesPerBucket; ++i) storeLittleEndian(fields[i], bytes + i * sizeof(double));
+        packed.insert(packed.end(), bytes, bytes + kPackedBucketSize);
     }
     plist::Dictionary dict;
     dict.reserve(3);
