@@ -43,13 +43,6 @@ TEST(TierCoding, TwoBucketsAre128LittleEndianBytes) {
     EXPECT_EQ(*decoded, tier);
 }
 
-TEST(TierCoding, EmptyTierHasEmptyData) {
-    Tier tier{0, 10, {}};
-    plist::Value encoded = tier.encode();
-    EXPECT_TRUE(encoded.find("buckets")->data()->empty());
-    EXPECT_EQ(*Tier::decode(encoded), tier);
-}
-
 TEST(TierCoding, IntegerGranularityAndRetentionAreAccepted) {
     auto decoded = Tier::decode(tierValue(3600, 86400, packed({})));
     ASSERT_TRUE(decoded.ok());

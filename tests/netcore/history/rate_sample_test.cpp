@@ -52,16 +52,6 @@ TEST(RateAggregate, TakesWholeBuckets) {
     EXPECT_EQ(aggregate.maxOut, 15);
 }
 
-TEST(RateValues, HashFollowsEquality) {
-    std::hash<Bucket> hash;
-    Bucket a{Date{1}, 2, 3, 4, 5, 6, 7, 8};
-    Bucket b = a;
-    EXPECT_EQ(hash(a), hash(b));
-    b.maxOut = 9;
-    EXPECT_NE(hash(a), hash(b));
-    EXPECT_NE(std::hash<RateSample>{}(RateSample{Date{1}, 1, 2, 3}), std::hash<RateSample>{}(RateSample{Date{1}, 1, 3, 2}));
-}
-
 TEST(BucketDeathTest, ByteOverflowStopsRatherThanWraps) {
     Bucket bucket = Bucket::opened(Date{0}, RateSample{Date{0}, 1, kMax - 10, 0});
     bucket.add(RateSample{Date{0}, 1, 10, 0});
