@@ -19,6 +19,7 @@ namespace netvane {
 struct PeerIdentity {
     pid_t pid = 0;
     std::uint32_t uid = 0;
+    std::uint64_t startTime = 0;  // of pid, so a reused pid is not mistaken for the peer
 
     bool operator==(const PeerIdentity&) const = default;
 };
