@@ -1,0 +1,228 @@
+// netvane admin: the two client roles of the admin helper daemon, the
+// menu-bar application ("app") and the control application ("control").
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+
+#include "admin_protocol/admin_clients.h"
+#include "admin_protocol/admin_constants.h"
+#include "admin_protocol/admin_protocols.h"
+#include "command.h"
+#include "support/crypto.h"
+#include "support/date.h"
+#include "support/json.h"
+#include "support/process.h"
+
+namespace netvane::cli {
+namespace {
+
+int run(const Args& args);
+
+const Command command{
+    "admin",
+    "  netvane admin [--runtime-dir DIR] app status [--token T] [--json]\n"
+    "  netvane admin [--runtime-dir DIR] app pair [--json]\n"
+    "  netvane admin [--runtime-dir DIR] app set-service ID on|off --token T [--json]\n"
+    "  netvane admin [--runtime-dir DIR] app unpair --token T [--json]\n"
+    "  netvane admin [--runtime-dir DIR] app tunnels [--json]\n"
+    "  netvane admin [--runtime-dir DIR] control status|pending [--json]\n"
+    "  netvane admin [--runtime-dir DIR] control approve ID|deny ID|unpair-all [--json]\n"
+    "\n"
+    "  app pair asks to pair and waits until the request is approved or denied\n"
+    "  from the control role, then prints the token. Exit status: 0 success,\n"
+    "  1 the daemon answered with an error, 2 usage, 3 daemon unreachable.\n"
+    "  The runtime directory defaults to /run/netvane-admin.",
+    "talk to the admin helper daemon as the app or the control application",
+    run,
+};
+
+struct Options {
+    std::string runtimeDirectory = kDefaultRuntimeDirectory;
+    bool json = false;
+    std::optional<std::string> token;
+    std::vector<std::string_view> words;  // role, verb and operands
+};
+
+bool isUnreachable(const Error& error) {
+    return error.domain == ipc::kIpcErrorDomain && (error.code == ipc::kUnreachable || error.code == ipc::kConnectionLost);
+}
+
+int report(const Error& error, const Options& options) {
+    if (options.json) {
+        std::fputs(toJSON(plist::Dictionary{{"error", plist::Dictionary{{"domain", error.domain},
+                                                                          {"code", error.code},
+                                                                          {"message", error.message}}}})
+                       .c_str(),
+                   stdout);
+    }
+    std::fprintf(stderr, "netvane: %s (%s code %lld)\n", error.message.c_str(), error.domain.c_str(),
+                 static_cast<long long>(error.code));
+    return isUnreachable(error) ? kExitUnreachable : kExitFailure;
+}
+
+int printValue(const plist::Value& value, const Options& options, const std::string& text) {
+    if (options.json) {
+        std::fputs(toJSON(value).c_str(), stdout);
+    } else if (!text.empty()) {
+        std::printf("%s\n", text.c_str());
+    }
+    return kExitOK;
+}
+
+int done(const Status& status, const Options& options, const char* what) {
+    if (!status.ok()) return report(status.error(), options);
+    return printValue(plist::Dictionary{{"ok", true}}, options, what);
+}
+
+std::string statusText(const plist::Dictionary& status) {
+    std::string text;
+    for (const auto& [key, value] : status) {
+        std::string shown;
+        if (value.string()) shown = *value.string();
+        else if (value.int64()) shown = std::to_string(*value.int64());
+        else if (value.boolean()) shown = *value.boolean() ? "yes" : "no";
+        text += (text.empty() ? "" : "\n") + key + ": " + shown;
+    }
+    return text;
+}
+
+// The control application obtains the right in its own process before it
+// asks the daemon, which never interacts with a user. On a terminal the
+// authority may prompt; the daemon's own check is what decides.
+void obtainPairRight() {
+    const std::string subject =
+        std::to_string(getpid()) + "," + std::to_string(processStartTime(getpid())) + "," + std::to_string(getuid());
+    const std::string action(AdminConstants::pairRight);
+    const pid_t child = fork();
+    if (child == 0) {
+        std::vector<const char*> argv = {"pkcheck", "--action-id", action.c_str(), "--process", subject.c_str(),
+                                         "--allow-user-interaction"};
+        if (isatty(STDIN_FILENO)) argv.push_back("--enable-internal-agent");
+        argv.push_back(nullptr);
+        execvp("pkcheck", const_cast<char* const*>(argv.data()));
+        _exit(127);
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) < 0) return;
+    if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+        std::fprintf(stderr, "netvane: the right %s was not obtained (pkcheck exit %d); asking the daemon anyway\n",
+                     action.c_str(), WEXITSTATUS(status));
+    }
+}
+
+// The authorization's external form: 32 bytes that mean nothing on Linux,
+// where the right belongs to the calling process.
+std::array<std::uint8_t, 32> authorizationBytes() {
+    std::array<std::uint8_t, 32> bytes{};
+    (void)secureRandomBytes(bytes);
+    return bytes;
+}
+
+int runApp(const Options& options) {
+    const auto& w = options.words;
+    const std::string_view verb = w.size() > 1 ? w[1] : "";
+    const std::size_t operands = w.size() - 2;
+    auto client = AdminAppClient::connect(options.runtimeDirectory);
+    if (!client) return report(client.error(), options);
+
+    if (verb == "status" && operands == 0) {
+        auto status = client->status(options.token);
+        if (!status) return report(status.error(), options);
+        return printValue(*status, options, statusText(*status));
+    }
+    if (verb == "pair" && operands == 0) {
+        auto id = client->beginPairing();
+        if (!id) return report(id.error(), options);
+        if (!options.json) {
+            std::fprintf(stderr, "pairing request %s is waiting for approval (netvane admin control approve %s)\n",
+                         id->c_str(), id->c_str());
+        }
+        auto token = client->awaitPairing(*id);
+        if (!token) return report(token.error(), options);
+        return printValue(plist::Dictionary{{"id", *id}, {"token", *token}}, options, *token);
+    }
+    if (verb == "set-service" && operands == 2 && options.token && (w[3] == "on" || w[3] == "off")) {
+        return done(client->setServiceEnabled(std::string(w[2]), w[3] == "on", *options.token), options, "");
+    }
+    if (verb == "unpair" && operands == 0 && options.token) {
+        return done(client->unpair(*options.token), options, "");
+    }
+    if (verb == "tunnels" && operands == 0) {
+        auto owners = client->tunnelOwners();
+        if (!owners) return report(owners.error(), options);
+        std::string text;
+        for (const plist::Value& owner : *owners) {
+            auto field = [&](std::string_view key) {
+                const plist::Value* v = owner.find(key);
+                if (v && v->string()) return *v->string();
+                if (v && v->int64()) return std::to_string(*v->int64());
+                return std::string("?");
+            };
+            text += (text.empty() ? "" : "\n") + field(TunnelOwnerKey::interface) + "\t" + field(TunnelOwnerKey::pid) +
+                    "\t" + field(TunnelOwnerKey::name) + "\t" + field(TunnelOwnerKey::path);
+        }
+        return printValue(*owners, options, text);
+    }
+    return usageError(command, "unknown or incomplete app request");
+}
+
+int runControl(const Options& options) {
+    const auto& w = options.words;
+    const std::string_view verb = w.size() > 1 ? w[1] : "";
+    const std::size_t operands = w.size() - 2;
+    if (!((operands == 0 && (verb == "status" || verb == "pending" || verb == "unpair-all")) ||
+          (operands == 1 && (verb == "approve" || verb == "deny")))) {
+        return usageError(command, "unknown or incomplete control request");
+    }
+    if (verb == "approve" || verb == "unpair-all") obtainPairRight();
+    auto client = AdminControlClient::connect(options.runtimeDirectory);
+    if (!client) return report(client.error(), options);
+
+    if (verb == "status") {
+        auto status = client->status();
+        if (!status) return report(status.error(), options);
+        return printValue(*status, options, statusText(*status));
+    }
+    if (verb == "pending") {
+        auto pending = client->pendingPairings();
+        if (!pending) return report(pending.error(), options);
+        std::string text;
+        for (const plist::Value& entry : *pending) {
+            const plist::Value* id = entry.find(PendingPairingKey::id);
+            const plist::Value* created = entry.find(PendingPairingKey::created);
+            if (!id || !id->string() || !created || !created->date()) continue;
+            text += (text.empty() ? "" : "\n") + *id->string() + "\t" + formatISO8601(*created->date());
+        }
+        return printValue(*pending, options, text);
+    }
+    const auto authorization = authorizationBytes();
+    if (verb == "approve") return done(client->approvePairing(std::string(w[2]), authorization), options, "");
+    if (verb == "deny") return done(client->denyPairing(std::string(w[2])), options, "");
+    return done(client->unpairAll(authorization), options, "");
+}
+
+int run(const Args& args) {
+    Options options;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string_view arg = args[i];
+        if (arg == "--json") {
+            options.json = true;
+        } else if ((arg == "--runtime-dir" || arg == "--token") && i + 1 < args.size()) {
+            (arg == "--token" ? options.token.emplace() : options.runtimeDirectory) = std::string(args[++i]);
+        } else if (!arg.empty() && arg[0] == '-') {
+            return usageError(command, "unknown option or missing value: " + std::string(arg));
+        } else {
+            options.words.push_back(arg);
+        }
+    }
+    if (options.words.size() < 2) return usageError(command, "missing role and request");
+    if (options.words[0] == "app") return runApp(options);
+    if (options.words[0] == "control") return runControl(options);
+    return usageError(command, "the role is app or control");
+}
+
+}  // namespace
+}  // namespace netvane::cli
