@@ -5,8 +5,8 @@
 // Names resolve in a helper thread so that the attempt's deadline and
 // cancellation also cut a hung resolver short; the thread then finishes on its
 // own and its answer is dropped. Literal addresses skip it. The connector is
-// thread-safe; its TLS context is built on the first TLS attempt and read the
-// trust-store variables then.
+// thread-safe; its TLS context is built on the first TLS attempt, which is when the
+// trust-store variables are read.
 #pragma once
 
 #include <sys/socket.h>
