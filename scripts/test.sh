@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Builds and runs every test: GCC build, Clang 16 AddressSanitizer +
-# UndefinedBehaviorSanitizer build, and a short smoke run of every fuzz target.
+# UndefinedBehaviorSanitizer build, the concurrency tests under Clang 16
+# ThreadSanitizer, and a short smoke run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
-for preset in default asan; do
+for preset in default asan tsan; do
   echo "=== $preset: build"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"

@@ -63,6 +63,9 @@ public:
 
 struct ServiceDefinition {
     const ProtocolDescription* protocol = nullptr;
+    // The code-signing requirement a peer must meet. Linux has no code
+    // signatures: the text is kept for the log, and peers are not checked.
+    std::string requirement;
     std::function<std::shared_ptr<Session>(const PeerCredentials&)> makeSession;
 };
 

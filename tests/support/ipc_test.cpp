@@ -75,7 +75,7 @@ protected:
     void startServer(ServerLimits limits = {}) {
         auto listener = listenOnPath(path_);
         ASSERT_TRUE(listener.ok()) << listener.error().message;
-        ServiceDefinition service{&kTestProtocol, [this](const PeerCredentials& peer) {
+        ServiceDefinition service{&kTestProtocol, "", [this](const PeerCredentials& peer) {
                                       return std::make_shared<EchoSession>(peer, ended_);
                                   }};
         server_ = std::make_unique<Server>(std::move(*listener), service, limits);

@@ -1,0 +1,112 @@
+// netvane-admind: the privileged admin helper daemon.
+//
+// Start-up, in order: the AdminDaemon with the pairing store loaded from disk,
+// the team's code-signing requirements, the application listener, the control
+// listener, one log line; then the main thread parks for good. There is no
+// shutdown path and no signal handling: the service manager stops us.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "admin_protocol/admin_clients.h"
+#include "admin_protocol/admin_constants.h"
+#include "daemon/admin_daemon.h"
+#include "daemon/linux/polkit_authorizer.h"
+#include "daemon/listener.h"
+#include "support/bundle_info.h"
+#include "support/files.h"
+#include "support/ipc/socket_activation.h"
+#include "support/log.h"
+
+using namespace netvane;
+
+namespace {
+
+struct Options {
+    std::string stateDirectory = PairingStore::kDefaultDirectory;
+    std::string runtimeDirectory = kDefaultRuntimeDirectory;
+    bool foreground = false;
+};
+
+constexpr const char* kUsage =
+    "usage: netvane-admind [--state-dir DIR] [--runtime-dir DIR] [--foreground]\n"
+    "\n"
+    "  --state-dir DIR    where pairings.plist lives (default /var/lib/netvane-admin)\n"
+    "  --runtime-dir DIR  where the service sockets are created (default /run/netvane-admin)\n"
+    "  --foreground       stay attached to the terminal and copy the log to stderr\n"
+    "\n"
+    "Sockets handed over by the service manager, named after the services, are\n"
+    "used instead of creating them.\n";
+
+int usage(const char* problem) {
+    std::fprintf(stderr, "netvane-admind: %s\n%s", problem, kUsage);
+    return 2;
+}
+
+[[noreturn]] void fail(const Logger& log, const std::string& message) {
+    log.error(message);
+    std::fprintf(stderr, "netvane-admind: %s\n", message.c_str());
+    std::exit(1);
+}
+
+// A socket the service manager handed us under the service's name, else a new one.
+UniqueFd listenerFor(const std::string& service, const Options& options,
+                     std::vector<std::pair<std::string, UniqueFd>>& inherited, const Logger& log) {
+    for (auto& [name, fd] : inherited) {
+        if (name == service && fd) return std::move(fd);
+    }
+    const std::string path = options.runtimeDirectory + "/" + service;
+    auto fd = ipc::listenOnPath(path);
+    if (!fd) fail(log, fd.error().message);
+    return std::move(*fd);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        } else if (arg == "--foreground") {
+            options.foreground = true;
+        } else if ((arg == "--state-dir" || arg == "--runtime-dir") && i + 1 < argc) {
+            (arg == "--state-dir" ? options.stateDirectory : options.runtimeDirectory) = argv[++i];
+        } else {
+            return usage(("unknown option or missing value: " + std::string(arg)).c_str());
+        }
+    }
+    auto inherited = ipc::takeInheritedListeners();
+    if (!options.foreground && ::daemon(0, 0) != 0) {
+        std::perror("netvane-admind: daemon");
+        return 1;
+    }
+    Logger::mirrorToStderr(options.foreground);
+    const Logger log(std::string(AdminConstants::daemonIdentifier), "daemon");
+    const std::string version = bundleString(mainBundleInfo(), "CFBundleShortVersionString", "0");
+
+    AdminDaemon::Backends backends;
+    backends.authorizer = std::make_shared<PolkitAuthorizer>();
+    auto daemon = std::make_shared<AdminDaemon>(PairingStore::load(options.stateDirectory), version, backends);
+
+    const std::string& team = AdminConstants::teamID();
+    std::string appRequirement = AdminConstants::appRequirement(team);
+    std::string adminAppRequirement = AdminConstants::adminAppRequirement(team);
+
+    if (inherited.empty()) {
+        if (auto made = createDirectories(options.runtimeDirectory, 0755); !made.ok()) fail(log, made.error().message);
+    }
+    auto appListener = makeAppListener(listenerFor(AdminConstants::appServiceName(), options, inherited, log),
+                                       std::move(appRequirement), daemon);
+    auto controlListener =
+        makeControlListener(listenerFor(AdminConstants::controlServiceName(), options, inherited, log),
+                            std::move(adminAppRequirement), daemon);
+
+    log.info("code-signing requirements are not enforced on Linux; peers are identified by uid and process");
+    log.info("admin daemon " + version + " listening");
+    for (;;) ::pause();
+}
