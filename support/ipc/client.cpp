@@ -25,10 +25,8 @@ bool slotMatches(WireType type, const ReplySlot& slot) {
 }  // namespace
 
 Result<Client> Client::connect(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) return ipcError(kUnreachable, "socket path too long: " + path);
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    sockaddr_un address;
+    if (!unixSocketAddress(path, address)) return ipcError(kUnreachable, "socket path too long: " + path);
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) return posixError(errno, "socket");
     int result;

@@ -73,10 +73,8 @@ void ReplySender::send(std::vector<ReplySlot> values) const {
 }
 
 Result<UniqueFd> listenOnPath(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) return posixError(ENAMETOOLONG, "socket path " + path);
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    sockaddr_un address;
+    if (!unixSocketAddress(path, address)) return posixError(ENAMETOOLONG, "socket path " + path);
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) return posixError(errno, "socket");
     struct stat info {};

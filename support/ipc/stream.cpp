@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace netvane::ipc {
 
@@ -29,6 +30,14 @@ Status writeFully(int fd, const std::uint8_t* buffer, std::size_t size) {
         size -= static_cast<std::size_t>(n);
     }
     return {};
+}
+
+bool unixSocketAddress(const std::string& path, sockaddr_un& address) {
+    address = sockaddr_un{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) return false;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return true;
 }
 
 }  // namespace netvane::ipc

@@ -4,6 +4,8 @@
 
 #include <filesystem>
 
+#include "tests/temporary_directory.h"
+
 #include "daemon/pairing_store.h"
 #include "support/base64.h"
 #include "support/files.h"
@@ -16,19 +18,15 @@ namespace fs = std::filesystem;
 
 class PairingStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/netvane-pairing-XXXXXX";
-        root_ = mkdtemp(pattern);
-        dir_ = root_ + "/state/admin";
-    }
-    void TearDown() override { fs::remove_all(root_); }
+    testing::TemporaryDirectory temp_{"netvane-pairing"};
 
     void writeFile(const plist::Value& value) {
         ASSERT_TRUE(createDirectories(dir_, 0700).ok());
         ASSERT_TRUE(writeFileAtomically(dir_ + "/pairings.plist", *plist::encodeBinary(value)).ok());
     }
 
-    std::string root_, dir_;
+    const std::string root_ = temp_.path();
+    const std::string dir_ = root_ + "/state/admin";
 };
 
 TEST_F(PairingStoreTest, PairReturnsTokenAndPersistsOnlyItsDigest) {

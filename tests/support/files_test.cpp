@@ -3,6 +3,8 @@
 
 #include <filesystem>
 
+#include "tests/temporary_directory.h"
+
 #include "support/files.h"
 
 namespace netvane {
@@ -12,15 +14,11 @@ namespace fs = std::filesystem;
 
 class FilesTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/netvane-files-XXXXXX";
-        dir_ = mkdtemp(pattern);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
+    testing::TemporaryDirectory temp_{"netvane-files"};
 
     std::size_t entries() const { return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir_), {})); }
 
-    std::string dir_;
+    const std::string dir_ = temp_.path();
 };
 
 TEST_F(FilesTest, AtomicWriteReplacesContentAndSetsMode) {

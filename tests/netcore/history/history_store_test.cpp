@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+
+#include "tests/temporary_directory.h"
 #include <random>
 
 #include "support/files.h"
@@ -16,16 +18,10 @@ namespace fs = std::filesystem;
 
 class HistoryStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/netvane-history-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
     std::string path(const std::string& name) const { return (dir_ / name).string(); }
 
-    fs::path dir_;
+    testing::TemporaryDirectory temp_{"netvane-history"};
+    const fs::path dir_ = temp_.path();
 };
 
 RateHistory randomHistory(std::mt19937_64& rng, int samples) {
