@@ -1,0 +1,292 @@
+"""The private world the daemon end-to-end test runs in.
+
+Everything lives in a mount namespace of its own and a temporary directory:
+two test users exist only in bind-mounted copies of /etc/passwd and
+/etc/group, a private system bus carries a real polkitd that sees only our
+action and our rule, and a real netvane-admind serves sockets in a
+world-reachable runtime directory. Every process started here is owned by an
+`Environment` and killed by `close()`; the mounts vanish with the namespace.
+"""
+import os
+import select
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+SKIP = 77
+NAMESPACE_MARK = "NETVANE_E2E_PRIVATE_MOUNTS"
+POLKITD = "/usr/lib/polkit-1/polkitd"
+POLKIT_NAME = "org.freedesktop.PolicyKit1"
+PAIR_ACTION = "com.tarnwick.Netvane.admin.pair"
+USER_NAMES = ("nvtest-a", "nvtest-b")
+FIRST_TEST_ID = 61000
+
+BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path={path}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow receive_sender="*"/>
+  </policy>
+</busconfig>
+"""
+
+# The right goes to the first test user only; everybody else is refused
+# outright, so no answer ever depends on an authentication agent.
+PAIR_RULE = """polkit.addRule(function(action, subject) {{
+    if (action.id == "{action}") {{
+        return subject.user == "{user}" ? polkit.Result.YES : polkit.Result.NO;
+    }}
+}});
+"""
+
+
+class Skip(Exception):
+    """The machine cannot run the test; the message says why."""
+
+
+class User:
+    def __init__(self, name, uid):
+        self.name, self.uid, self.gid = name, uid, uid
+
+    def __repr__(self):
+        return f"{self.name}({self.uid})"
+
+
+def require_machine():
+    if os.geteuid() != 0:
+        raise Skip("needs root: mounts, a private polkitd and clients under other uids")
+    for tool in ("unshare", "mount", "umount", "dbus-daemon", "dbus-send", "pkcheck"):
+        if shutil.which(tool) is None:
+            raise Skip(f"{tool} is not installed")
+    if not os.access(POLKITD, os.X_OK):
+        raise Skip(f"{POLKITD} is not installed")
+
+
+def reexec_in_private_mount_namespace():
+    """Runs this script again inside `unshare -m`, unless it already is."""
+    if os.environ.get(NAMESPACE_MARK) == "1":
+        return
+    probe = subprocess.run(["unshare", "-m", "--propagation", "private", "true"],
+                           capture_output=True, text=True, timeout=10)
+    if probe.returncode != 0:
+        raise Skip("cannot create a mount namespace: " + probe.stderr.strip())
+    env = dict(os.environ, **{NAMESPACE_MARK: "1"})
+    command = ["unshare", "-m", "--propagation", "private", sys.executable] + sys.argv
+    os.execvpe("unshare", command, env)
+
+
+def wait_until(what, predicate, timeout=10.0, interval=0.05):
+    """Polls `predicate` until it returns something truthy; raises on timeout."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"timed out waiting for {what}")
+        time.sleep(interval)
+
+
+def read_line(stream, timeout):
+    deadline = time.monotonic() + timeout
+    line = b""
+    while not line.endswith(b"\n"):
+        remaining = deadline - time.monotonic()
+        if remaining <= 0 or not select.select([stream], [], [], remaining)[0]:
+            raise TimeoutError("timed out reading a line")
+        chunk = os.read(stream.fileno(), 1)
+        if not chunk:
+            break
+        line += chunk
+    return line.decode().strip()
+
+
+def free_ids(count):
+    """`count` numbers used neither as a uid nor as a gid on this machine."""
+    taken = set()
+    for path in ("/etc/passwd", "/etc/group"):
+        with open(path) as f:
+            for line in f:
+                fields = line.split(":")
+                if len(fields) > 2 and fields[2].isdigit():
+                    taken.add(int(fields[2]))
+    found, candidate = [], FIRST_TEST_ID
+    while len(found) < count:
+        if candidate not in taken:
+            found.append(candidate)
+        candidate += 1
+    return found
+
+
+class Environment:
+    def __init__(self, admind, netvane, policy_file, rule_user_index=0):
+        self.admind, self.netvane, self.policy_file = admind, netvane, policy_file
+        self.rule_user_index = rule_user_index
+        self.processes = []  # everything we started, killed in reverse
+        self.mounts = []
+        self.root = tempfile.mkdtemp(prefix="netvane-e2e-")
+        os.chmod(self.root, 0o755)
+        self.state_dir = os.path.join(self.root, "state")
+        self.runtime_dir = os.path.join(self.root, "run")
+        self.daemon = None
+        self.bus_address = None
+        self.users = []
+
+    # -- set-up -------------------------------------------------------------
+
+    def start(self):
+        self._add_users()
+        self._start_bus()
+        self._start_polkitd()
+        self._start_daemon()
+
+    def _dir(self, name, mode=0o755):
+        path = os.path.join(self.root, name)
+        os.makedirs(path, exist_ok=True)
+        os.chmod(path, mode)
+        return path
+
+    def _mount(self, *args):
+        target = args[-1]
+        subprocess.run(["mount", *args], check=True, timeout=10)
+        self.mounts.append(target)
+
+    def _add_users(self):
+        ids = free_ids(len(USER_NAMES))
+        self.users = [User(name, uid) for name, uid in zip(USER_NAMES, ids)]
+        etc = self._dir("etc")
+        for name, line in (("passwd", "{n}:x:{u}:{u}:netvane test:/nonexistent:/usr/sbin/nologin\n"),
+                           ("group", "{n}:x:{u}:\n")):
+            copy = os.path.join(etc, name)
+            with open(f"/etc/{name}") as original, open(copy, "w") as f:
+                text = original.read()
+                f.write(text if text.endswith("\n") or not text else text + "\n")
+                for user in self.users:
+                    f.write(line.format(n=user.name, u=user.uid))
+            os.chmod(copy, 0o644)
+            self._mount("--bind", copy, f"/etc/{name}")
+
+    def _start_bus(self):
+        socket_path = os.path.join(self._dir("bus"), "system_bus_socket")
+        config = os.path.join(self.root, "bus.conf")
+        with open(config, "w") as f:
+            f.write(BUS_CONFIG.format(path=socket_path))
+        # --nofork keeps the bus our child, so cleanup can always reach it.
+        bus = self._spawn(["dbus-daemon", f"--config-file={config}", "--print-address=1", "--nofork"],
+                          stdout=subprocess.PIPE)
+        self.bus_address = read_line(bus.stdout, timeout=10)
+        if not self.bus_address.startswith("unix:"):
+            raise RuntimeError("dbus-daemon printed no address: " + self.bus_address)
+
+    def _start_polkitd(self):
+        actions = self._dir("polkit-actions")
+        shutil.copy(self.policy_file, os.path.join(actions, os.path.basename(self.policy_file)))
+        os.chmod(os.path.join(actions, os.path.basename(self.policy_file)), 0o644)
+        rules = self._dir("polkit-rules")
+        rule_file = os.path.join(rules, "10-netvane-test.rules")
+        with open(rule_file, "w") as f:
+            f.write(PAIR_RULE.format(action=PAIR_ACTION, user=self.users[self.rule_user_index].name))
+        os.chmod(rule_file, 0o644)
+        self._mount("--bind", actions, "/usr/share/polkit-1/actions")
+        self._mount("--bind", rules, "/etc/polkit-1/rules.d")
+        self._mount("-t", "tmpfs", "-o", "mode=0755", "tmpfs", "/usr/share/polkit-1/rules.d")
+        with open(os.path.join(self.root, "polkitd.log"), "w") as log:
+            self._spawn([POLKITD, "--no-debug"], stdout=log, stderr=log)
+        wait_until("polkitd on the private bus", self._polkit_owns_name)
+
+    def _polkit_owns_name(self):
+        answer = subprocess.run(
+            ["dbus-send", f"--bus={self.bus_address}", "--print-reply", "--dest=org.freedesktop.DBus",
+             "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", f"string:{POLKIT_NAME}"],
+            capture_output=True, text=True, timeout=5)
+        return answer.returncode == 0 and "boolean true" in answer.stdout
+
+    def _start_daemon(self):
+        os.makedirs(self.runtime_dir, mode=0o755)
+        self.daemon_log = os.path.join(self.root, "admind.log")
+        with open(self.daemon_log, "w") as log:
+            self.daemon = self._spawn([self.admind, "--state-dir", self.state_dir, "--runtime-dir",
+                                       self.runtime_dir, "--foreground"], stdout=log, stderr=log)
+        self.version = wait_until("the daemon's start line", self._started_version)
+
+    def _started_version(self):
+        if self.daemon.poll() is not None:
+            raise RuntimeError(f"netvane-admind exited with {self.daemon.returncode}: {self.log_tail()}")
+        with open(self.daemon_log) as f:
+            for line in f:
+                words = line.split()
+                if "listening" in words and "daemon" in words:
+                    return words[words.index("daemon") + 1]
+        return None
+
+    def _spawn(self, argv, **kwargs):
+        process = subprocess.Popen(argv, env=self.env(), cwd="/", **kwargs)
+        self.processes.append(process)
+        return process
+
+    # -- use ----------------------------------------------------------------
+
+    def env(self):
+        env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "LANG": "C.UTF-8"}
+        if self.bus_address:
+            env["DBUS_SYSTEM_BUS_ADDRESS"] = self.bus_address
+        for name, value in os.environ.items():
+            if name.endswith("SAN_OPTIONS"):
+                env[name] = value
+        return env
+
+    def start_client(self, user, *args):
+        """`netvane admin --runtime-dir R ARGS --json` as `user` (fork, setuid), not waited for."""
+        return self._spawn([self.netvane, "admin", "--runtime-dir", self.runtime_dir, *args, "--json"],
+                           user=user.uid, group=user.gid, extra_groups=[],
+                           stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def socket_paths(self):
+        """The application and the control service sockets, in that order."""
+        names = sorted(os.listdir(self.runtime_dir))
+        app = [n for n in names if n.endswith(".admin")]
+        control = [n for n in names if n.endswith(".admin-control")]
+        if len(app) != 1 or len(control) != 1:
+            raise RuntimeError(f"unexpected sockets in the runtime directory: {names}")
+        return os.path.join(self.runtime_dir, app[0]), os.path.join(self.runtime_dir, control[0])
+
+    def daemon_status(self, field):
+        """A number from /proc/<daemon>/status, e.g. Threads or VmRSS (kB)."""
+        with open(f"/proc/{self.daemon.pid}/status") as f:
+            for line in f:
+                if line.startswith(field + ":"):
+                    return int(line.split()[1])
+        raise RuntimeError(f"no {field} for the daemon")
+
+    def log_tail(self, lines=20):
+        try:
+            with open(self.daemon_log) as f:
+                return "".join(f.readlines()[-lines:])
+        except OSError:
+            return ""
+
+    # -- tear-down ----------------------------------------------------------
+
+    def close(self):
+        for process in reversed(self.processes):
+            if process.poll() is None:
+                process.send_signal(signal.SIGKILL)
+            try:
+                process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                print(f"warning: process {process.pid} did not end", file=sys.stderr)
+            for stream in (process.stdout, process.stderr):
+                if stream:
+                    stream.close()
+        for target in reversed(self.mounts):
+            subprocess.run(["umount", target], timeout=10)
+        shutil.rmtree(self.root, ignore_errors=True)
