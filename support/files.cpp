@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "support/memory.h"
 #include "support/unique_fd.h"
 
 namespace netvane {
@@ -43,6 +44,8 @@ Result<Bytes> readFile(const std::string& path, std::size_t maxBytes) {
     if (static_cast<std::uint64_t>(info.st_size) > maxBytes) return posixError(EFBIG, "read " + path);
     Bytes bytes;
     // The size is a hint: the file may grow or shrink while we read it.
+    bytes.reserve(static_cast<std::size_t>(info.st_size) + 1);
+    adviseLargeBuffer(bytes.data(), bytes.capacity());
     bytes.resize(static_cast<std::size_t>(info.st_size) + 1);
     std::size_t used = 0;
     for (;;) {

@@ -6,6 +6,7 @@
 #include <limits>
 #include <unordered_map>
 
+#include "support/memory.h"
 #include "support/plist/plist.h"
 #include "support/plist/unicode.h"
 
@@ -28,6 +29,7 @@ public:
         if (!top) return top.error();
         refSize_ = bytesFor(objects_.empty() ? 0 : objects_.size() - 1);
         out_.reserve(estimate_ + refs_.size() * refSize_ + objects_.size() * 9 + 64);
+        adviseLargeBuffer(out_.data(), out_.capacity());
         out_.insert(out_.end(), {'b', 'p', 'l', 'i', 's', 't', '0', '0'});
 
         std::vector<std::uint64_t> offsets;
