@@ -67,6 +67,12 @@ Result<Bytes> readFile(const std::string& path, std::size_t maxBytes) {
 }
 
 Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode) {
+    const std::span<const std::uint8_t> pieces[] = {bytes};
+    return writeFileAtomically(path, pieces, mode);
+}
+
+Status writeFileAtomically(const std::string& path, std::span<const std::span<const std::uint8_t>> pieces,
+                           mode_t mode) {
     std::string temporary = path + ".XXXXXX";
     UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
     if (!fd) return posixError(errno, "create temporary file for " + path);
@@ -75,7 +81,9 @@ Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t
         return error;
     };
     if (::fchmod(fd.get(), mode) != 0) return fail(posixError(errno, "chmod " + temporary));
-    if (auto written = writeAll(fd.get(), bytes.data(), bytes.size()); !written.ok()) return fail(written.error());
+    for (const auto& piece : pieces) {
+        if (auto written = writeAll(fd.get(), piece.data(), piece.size()); !written.ok()) return fail(written.error());
+    }
     if (::fsync(fd.get()) != 0) return fail(posixError(errno, "fsync " + temporary));
     if (::close(fd.release()) != 0) return fail(posixError(errno, "close " + temporary));
     if (::rename(temporary.c_str(), path.c_str()) != 0) return fail(posixError(errno, "rename to " + path));

@@ -25,6 +25,9 @@ Result<Bytes> readFile(const std::string& path, std::size_t maxBytes = std::size
 // Writes through "<path>.XXXXXX" + fsync + rename; the new file gets `mode`.
 Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode = 0644);
 Status writeFileAtomically(const std::string& path, std::string_view text, mode_t mode = 0644);
+// The file's bytes are the pieces, in order.
+Status writeFileAtomically(const std::string& path, std::span<const std::span<const std::uint8_t>> pieces,
+                           mode_t mode = 0644);
 
 // Creates a directory and its missing parents with `mode`; an existing
 // directory is accepted as it is.

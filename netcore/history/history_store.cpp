@@ -33,7 +33,8 @@ Result<HistorySet> HistoryStore::decode(const plist::Value& document) {
 }
 
 Status HistoryStore::save(const HistorySet& histories) const {
-    auto bytes = plist::encodeBinary(encode(histories));
+    const plist::Value document = encode(histories);
+    auto bytes = plist::encodeBinaryPieces(document);
     if (!bytes) return bytes.error();
     std::filesystem::path parent = std::filesystem::path(url).parent_path();
     if (!parent.empty()) {
@@ -41,7 +42,7 @@ Status HistoryStore::save(const HistorySet& histories) const {
         // below fails with the more useful error.
         (void)createDirectories(parent.string(), 0777);
     }
-    return writeFileAtomically(url, *bytes);
+    return writeFileAtomically(url, bytes->pieces);
 }
 
 Result<HistorySet> HistoryStore::loadReportingErrors() const {

@@ -24,22 +24,25 @@ std::size_t bytesFor(std::uint64_t value) {
 
 class BinaryWriter {
 public:
-    Result<Data> run(const Value& root) {
+    // Data values of at least `borrowFrom` bytes are referenced, not copied.
+    explicit BinaryWriter(std::size_t borrowFrom) : borrowFrom_(borrowFrom) {}
+
+    Result<EncodedPieces> run(const Value& root) {
         auto top = flatten(root, 0);
         if (!top) return top.error();
         refSize_ = bytesFor(objects_.empty() ? 0 : objects_.size() - 1);
-        out_.reserve(estimate_ + refs_.size() * refSize_ + objects_.size() * 9 + 64);
+        out_.reserve(estimate_ - borrowedEstimate_ + refs_.size() * refSize_ + objects_.size() * 9 + 64);
         adviseLargeBuffer(out_.data(), out_.capacity());
         out_.insert(out_.end(), {'b', 'p', 'l', 'i', 's', 't', '0', '0'});
 
         std::vector<std::uint64_t> offsets;
         offsets.reserve(objects_.size());
         for (const Object& object : objects_) {
-            offsets.push_back(out_.size());
+            offsets.push_back(position());
             if (auto written = write(object); !written.ok()) return written.error();
         }
 
-        const std::uint64_t tableOffset = out_.size();
+        const std::uint64_t tableOffset = position();
         const std::size_t offsetSize = bytesFor(tableOffset);
         for (std::uint64_t offset : offsets) putBigEndian(offset, offsetSize);
         out_.insert(out_.end(), 6, 0);
@@ -48,7 +51,7 @@ public:
         putBigEndian(objects_.size(), 8);
         putBigEndian(*top, 8);
         putBigEndian(tableOffset, 8);
-        return std::move(out_);
+        return finish();
     }
 
 private:
@@ -73,7 +76,11 @@ private:
             if (inserted) add(value, 9);
             return it->second;
         }
-        case Value::Type::Data: return add(value, value.data()->size() + 9);
+        case Value::Type::Data: {
+            const std::size_t size = value.data()->size();
+            if (size >= borrowFrom_) borrowedEstimate_ += size;
+            return add(value, size + 9);
+        }
         case Value::Type::Array: {
             const Array& array = *value.array();
             const std::uint64_t id = add(value, 9);
@@ -196,7 +203,11 @@ private:
         case Value::Type::Data: {
             const Data& data = *value.data();
             putMarkerWithLength(0x40, data.size());
-            out_.insert(out_.end(), data.begin(), data.end());
+            if (data.size() >= borrowFrom_) {
+                borrow(data);
+            } else {
+                out_.insert(out_.end(), data.begin(), data.end());
+            }
             break;
         }
         case Value::Type::Array:
@@ -219,13 +230,62 @@ private:
     std::int64_t trueRef_ = -1, falseRef_ = -1;
     std::size_t estimate_ = 0;
     std::size_t refSize_ = 1;
+    // Where the next byte lands in the whole document.
+    std::uint64_t position() const { return out_.size() + borrowedBytes_; }
+
+    // A borrowed data value: the buffer so far ends a piece, the value is the next.
+    void borrow(const Data& data) {
+        pieces_.push_back(Piece{out_.size(), nullptr, 0});
+        pieces_.push_back(Piece{0, data.data(), data.size()});
+        borrowedBytes_ += data.size();
+    }
+
+    // Turns buffer offsets into spans now that the buffer no longer moves.
+    EncodedPieces finish() {
+        EncodedPieces result;
+        result.buffer = std::move(out_);
+        std::size_t bufferStart = 0;
+        for (const Piece& piece : pieces_) {
+            if (piece.external) {
+                result.pieces.emplace_back(piece.external, piece.size);
+            } else {
+                result.pieces.emplace_back(result.buffer.data() + bufferStart, piece.bufferEnd - bufferStart);
+                bufferStart = piece.bufferEnd;
+            }
+        }
+        result.pieces.emplace_back(result.buffer.data() + bufferStart, result.buffer.size() - bufferStart);
+        return result;
+    }
+
+    struct Piece {
+        std::size_t bufferEnd;           // buffer pieces: where they end
+        const std::uint8_t* external;    // borrowed pieces: the data
+        std::size_t size;
+    };
+
+    std::size_t borrowFrom_;
+    std::size_t borrowedBytes_ = 0;
+    std::size_t borrowedEstimate_ = 0;
+    std::vector<Piece> pieces_;
     std::vector<std::uint8_t> out_;
     std::vector<std::uint8_t> scratch_;
 };
 
 }  // namespace
 
-Result<Data> encodeBinary(const Value& value) { return BinaryWriter().run(value); }
+Result<Data> encodeBinary(const Value& value) {
+    auto encoded = BinaryWriter(std::numeric_limits<std::size_t>::max()).run(value);
+    if (!encoded) return encoded.error();
+    return std::move(encoded->buffer);
+}
+
+Result<EncodedPieces> encodeBinaryPieces(const Value& value) { return BinaryWriter(kBorrowedDataBytes).run(value); }
+
+std::size_t EncodedPieces::size() const {
+    std::size_t total = 0;
+    for (const auto& piece : pieces) total += piece.size();
+    return total;
+}
 
 Result<Data> encode(const Value& value, Format format) {
     if (format == Format::Binary) return encodeBinary(value);

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "support/plist/value.h"
 #include "support/result.h"
@@ -35,6 +36,18 @@ Result<Value> decodeBinary(std::span<const std::uint8_t> bytes);
 Result<Value> decodeXml(std::span<const std::uint8_t> bytes);
 
 Result<Data> encodeBinary(const Value& value);
+
+// A binary document as pieces to write in order: our own bytes, and data
+// values of at least kBorrowedDataBytes referenced where they lie, so big
+// blobs go from the value to the file without an intermediate copy.
+// IMPORTANT: the pieces point into the encoded value, which must outlive them.
+inline constexpr std::size_t kBorrowedDataBytes = 64 * 1024;
+struct EncodedPieces {
+    Data buffer;
+    std::vector<std::span<const std::uint8_t>> pieces;
+    std::size_t size() const;
+};
+Result<EncodedPieces> encodeBinaryPieces(const Value& value);
 Result<std::string> encodeXml(const Value& value);
 Result<Data> encode(const Value& value, Format format);
 

@@ -131,3 +131,24 @@ TEST(PlistEncode, RefusesInvalidUtf8) {
 
 }  // namespace
 }  // namespace netvane::plist
+
+namespace netvane::plist {
+namespace {
+
+// Borrowing big data values changes where bytes come from, never the bytes.
+TEST(PlistEncode, PiecesConcatenateToTheWholeDocument) {
+    Dictionary root{{"small", Data(100, 1)}, {"big", Data(kBorrowedDataBytes, 2)},
+                    {"list", Array{Data(kBorrowedDataBytes * 3, 3), "text", Data(kBorrowedDataBytes - 1, 4)}}};
+    const Value value(root);
+    auto pieces = encodeBinaryPieces(value);
+    ASSERT_TRUE(pieces.ok());
+    EXPECT_GE(pieces->pieces.size(), 5u);
+    Data joined;
+    for (const auto& piece : pieces->pieces) joined.insert(joined.end(), piece.begin(), piece.end());
+    EXPECT_EQ(joined.size(), pieces->size());
+    EXPECT_EQ(joined, *encodeBinary(value));
+    EXPECT_EQ(*decodeBinary(joined), value);
+}
+
+}  // namespace
+}  // namespace netvane::plist
