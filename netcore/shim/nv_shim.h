@@ -56,10 +56,15 @@ typedef struct nv_ifdata {
 } nv_ifdata_t;
 
 /* One tunnel control socket: its holder and its 1-based unit (never 0);
- * unit N belongs to the tunnel interface numbered N-1. */
+ * unit N belongs to the tunnel interface numbered N-1. Linux tunnel names
+ * are chosen freely rather than numbered, so there the record also carries
+ * the interface's name and the unit is the interface's index. */
 typedef struct nv_utun_owner {
     int32_t pid;
     uint32_t unit;
+#ifdef __linux__
+    char ifname[16]; /* always terminated */
+#endif
 } nv_utun_owner_t;
 
 /* --- Portable -------------------------------------------------------- */
@@ -90,7 +95,9 @@ int nv_get_nd6_flags(int sock, const char* ifname, uint32_t* out);
  * non-IPv6 address. */
 int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in6* addr, uint32_t* out);
 
-/* Copies the link-layer address and returns its length; 0 (nothing copied)
+/* The link-level socket address is the platform's own: sockaddr_dl where it
+ * exists, sockaddr_ll (family AF_PACKET) on Linux, passed as this type.
+ * Copies the link-layer address and returns its length; 0 (nothing copied)
  * for a null or non-link address, an empty address or too small a buffer. */
 int nv_sockaddr_dl_lladdr(const struct sockaddr_dl* sdl, uint8_t* out, size_t capacity);
 /* 0 for a null or non-link address. */

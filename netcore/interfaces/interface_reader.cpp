@@ -1,0 +1,244 @@
+#include "netcore/interfaces/interface_reader.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <unordered_map>
+
+#include "netcore/interfaces/platform_address_list.h"
+#include "netcore/shim/nv_shim.h"
+
+namespace netvane {
+namespace {
+
+constexpr std::size_t kMediaTextSize = 128;
+constexpr std::size_t kAddressTextSize = 46;  // INET6_ADDRSTRLEN
+constexpr std::size_t kLinkAddressCapacity = 32;
+
+// Length of the valid UTF-8 sequence at text[i], or 0.
+std::size_t validSequence(const unsigned char* text, std::size_t size, std::size_t i) {
+    unsigned char lead = text[i];
+    if (lead < 0x80) return 1;
+    std::size_t length;
+    std::uint32_t min;
+    std::uint32_t codePoint;
+    if ((lead & 0xE0) == 0xC0) {
+        length = 2, min = 0x80, codePoint = lead & 0x1F;
+    } else if ((lead & 0xF0) == 0xE0) {
+        length = 3, min = 0x800, codePoint = lead & 0x0F;
+    } else if ((lead & 0xF8) == 0xF0) {
+        length = 4, min = 0x10000, codePoint = lead & 0x07;
+    } else {
+        return 0;
+    }
+    if (size - i < length) return 0;
+    for (std::size_t k = 1; k < length; ++k) {
+        if ((text[i + k] & 0xC0) != 0x80) return 0;
+        codePoint = (codePoint << 6) | (text[i + k] & 0x3F);
+    }
+    if (codePoint < min || codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) return 0;
+    return length;
+}
+
+void appendIPv4(const ifaddrs& entry, std::uint32_t flags, IPv4Address& address) {
+    if (entry.ifa_dstaddr == nullptr || entry.ifa_dstaddr->sa_family != AF_INET) return;
+    std::string other = ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(entry.ifa_dstaddr)->sin_addr);
+    if (flags & InterfaceSnapshot::kFlagPointToPoint) {
+        address.destination = std::move(other);
+    } else if ((flags & IFF_BROADCAST) && other != "0.0.0.0") {
+        address.broadcast = std::move(other);
+    }
+}
+
+const sockaddr_dl* asLinkAddress(const sockaddr* address) {
+    // The shim reads the platform's link-level address behind this type and
+    // checks the family itself.
+    return reinterpret_cast<const sockaddr_dl*>(address);
+}
+
+}  // namespace
+
+std::string decodeCString(std::span<const char> buffer) {
+    auto end = std::find(buffer.begin(), buffer.end(), '\0');
+    const auto* text = reinterpret_cast<const unsigned char*>(buffer.data());
+    const std::size_t size = static_cast<std::size_t>(end - buffer.begin());
+    std::string out;
+    out.reserve(size);
+    for (std::size_t i = 0; i < size;) {
+        std::size_t length = validSequence(text, size, i);
+        if (length == 0) {
+            out += "\xEF\xBF\xBD";
+            ++i;
+        } else {
+            out.append(reinterpret_cast<const char*>(text + i), length);
+            i += length;
+        }
+    }
+    return out;
+}
+
+std::string ntop(int family, const void* address) {
+    std::array<char, kAddressTextSize> text{};
+    if (inet_ntop(family, address, text.data(), text.size()) == nullptr) return "";
+    return decodeCString(text);
+}
+
+std::string mediaWord(int word) {
+    std::array<char, kMediaTextSize> text{};
+    nv_media_word_string(word, text.data(), text.size());
+    return decodeCString(text);
+}
+
+int prefixLength(const std::uint8_t* socketAddress, std::size_t length, int family) {
+    const std::ptrdiff_t offset = family == AF_INET6 ? 8 : 4;
+    const std::ptrdiff_t fullSize = family == AF_INET6 ? 16 : 4;
+    const std::ptrdiff_t significant = static_cast<std::ptrdiff_t>(length) - offset;
+    if (significant < 1) return 0;
+    const std::ptrdiff_t available = std::min(significant, fullSize);
+    int bits = 0;
+    for (std::ptrdiff_t i = 0; i < available; ++i) {
+        std::uint8_t byte = socketAddress[offset + i];
+        if (byte == 0xFF) {
+            bits += 8;
+            continue;
+        }
+        for (std::uint8_t mask = 0x80; mask != 0 && (byte & mask); mask >>= 1) ++bits;
+        break;
+    }
+    return bits;
+}
+
+int prefixLength(const sockaddr* netmask, int family) {
+    return prefixLength(reinterpret_cast<const std::uint8_t*>(netmask), netmaskLength(netmask, family), family);
+}
+
+IPv4Address ipv4Address(const ifaddrs& entry) {
+    IPv4Address address;
+    if (entry.ifa_addr != nullptr && entry.ifa_addr->sa_family == AF_INET) {
+        address.address = ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(entry.ifa_addr)->sin_addr);
+    }
+    if (entry.ifa_netmask != nullptr) {
+        if (entry.ifa_netmask->sa_family == AF_INET) {
+            address.netmask = ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(entry.ifa_netmask)->sin_addr);
+        }
+        address.prefixLength = prefixLength(entry.ifa_netmask, AF_INET);
+    }
+    appendIPv4(entry, interfaceFlagsFromEntry(entry.ifa_flags), address);
+    return address;
+}
+
+InterfaceReader::InterfaceReader()
+    : sock4_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), sock6_(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+
+IPv6Address InterfaceReader::ipv6Address(const ifaddrs& entry, const std::string& ifname) const {
+    sockaddr_in6 socketAddress{};
+    std::memcpy(&socketAddress, entry.ifa_addr, sizeof socketAddress);
+    std::uint8_t* bytes = socketAddress.sin6_addr.s6_addr;
+
+    IPv6Address address;
+    const std::uint32_t embedded = static_cast<std::uint32_t>(bytes[2]) << 8 | bytes[3];
+    const bool linkLocal = bytes[0] == 0xFE && (bytes[1] & 0xC0) == 0x80;
+    std::array<std::uint8_t, 16> shown;
+    std::memcpy(shown.data(), bytes, shown.size());
+    if (linkLocal && embedded != 0) {
+        address.scopeID = socketAddress.sin6_scope_id != 0 ? socketAddress.sin6_scope_id : embedded;
+        shown[2] = shown[3] = 0;
+    } else {
+        address.scopeID = socketAddress.sin6_scope_id;
+    }
+    std::uint32_t flags = 0;
+    if (nv_get_in6_addr_flags(sock6_.get(), ifname.c_str(), &socketAddress, &flags)) address.flags = flags;
+    address.address = ntop(AF_INET6, shown.data());
+    if (entry.ifa_netmask != nullptr) address.prefixLength = prefixLength(entry.ifa_netmask, AF_INET6);
+    return address;
+}
+
+std::optional<MediaInfo> InterfaceReader::media(const std::string& ifname) const {
+    nv_media_t word{};
+    if (!nv_get_media(sock4_.get(), ifname.c_str(), &word)) return std::nullopt;
+    MediaInfo info;
+    info.status = nv_media_status_valid(word.status)
+                      ? (nv_media_status_active(word.status) ? MediaStatus::active : MediaStatus::inactive)
+                      : MediaStatus::unknown;
+    info.current = mediaWord(word.current);
+    if (word.active != word.current) info.active = mediaWord(word.active);
+    return info;
+}
+
+void InterfaceReader::readIoctls(InterfaceSnapshot& snapshot) const {
+    const char* name = snapshot.name.c_str();
+    snapshot.media = media(snapshot.name);
+    std::uint32_t value = 0;
+    if (nv_get_curcap(sock4_.get(), name, &value)) snapshot.capabilities = value;
+    value = 0;
+    if (nv_get_nd6_flags(sock6_.get(), name, &value)) snapshot.nd6Flags = value;
+    value = 0;
+    if (nv_get_functional_type(sock4_.get(), name, &value)) {
+        snapshot.functionalType = functionalTypeFromRaw(value).value_or(FunctionalType::unknown);
+    }
+    value = 0;
+    if (snapshot.mtu == 0 && nv_get_mtu(sock4_.get(), name, &value)) snapshot.mtu = value;
+}
+
+std::vector<InterfaceSnapshot> InterfaceReader::snapshot() const {
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) != 0) return {};
+    std::vector<InterfaceSnapshot> result = snapshot(list);
+    ::freeifaddrs(list);
+    return result;
+}
+
+std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list) const {
+    std::vector<InterfaceSnapshot> snapshots;
+    std::unordered_map<std::string, std::size_t> byName;
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+        // An entry without a name breaks the system's own contract.
+        if (entry->ifa_name == nullptr) std::abort();
+        std::string name = entry->ifa_name;
+        auto [it, fresh] = byName.try_emplace(name, snapshots.size());
+        if (fresh) {
+            InterfaceSnapshot& created = snapshots.emplace_back();
+            created.name = name;
+            created.index = ::if_nametoindex(entry->ifa_name);
+            created.flags = interfaceFlagsFromEntry(entry->ifa_flags);
+        }
+        InterfaceSnapshot& snapshot = snapshots[it->second];
+        if (entry->ifa_addr == nullptr) continue;
+        const int family = entry->ifa_addr->sa_family;
+        if (family == AF_INET) {
+            snapshot.ipv4.push_back(ipv4Address(*entry));
+        } else if (family == AF_INET6) {
+            snapshot.ipv6.push_back(ipv6Address(*entry, name));
+        } else if (std::uint16_t index = nv_sockaddr_dl_index(asLinkAddress(entry->ifa_addr)); index != 0) {
+            snapshot.index = index;
+            std::array<std::uint8_t, kLinkAddressCapacity> bytes{};
+            int length = nv_sockaddr_dl_lladdr(asLinkAddress(entry->ifa_addr), bytes.data(), bytes.size());
+            if (length > 0) {
+                snapshot.linkAddress = LinkAddress{{bytes.begin(), bytes.begin() + length},
+                                                   nv_sockaddr_dl_type(asLinkAddress(entry->ifa_addr))};
+            }
+        }
+    }
+    for (InterfaceSnapshot& snapshot : snapshots) {
+        nv_ifdata_t data{};
+        if (snapshot.index != 0 && nv_get_ifdata(snapshot.index, snapshot.name.c_str(), &data)) {
+            snapshot.counters = InterfaceCounters{data.ibytes,   data.obytes,  data.ipackets,  data.opackets,
+                                                  data.ierrors,  data.oerrors, data.imcasts,   data.omcasts,
+                                                  data.collisions, data.iqdrops};
+            snapshot.mtu = data.mtu;
+            snapshot.ifType = data.type;
+            snapshot.baudrate = data.baudrate;
+        }
+        readIoctls(snapshot);
+    }
+    return snapshots;
+}
+
+}  // namespace netvane

@@ -1,0 +1,172 @@
+/* Counters and IPv6 address flags through single (non-dump) rtnetlink
+ * requests, each on a socket of its own that lives only for the call. */
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "netcore/shim/linux/nv_linux.h"
+#include "netcore/shim/nv_shim.h"
+
+/* Room for one link message with every attribute the kernel adds by default. */
+#define NV_NETLINK_REPLY_SIZE 65536
+
+/* Sends one request and returns the length of the one reply message of
+ * `type`, copied into buf; -1 on any error, a kernel refusal or truncation. */
+static int netlink_exchange(struct nlmsghdr* request, uint16_t type, unsigned char* buf, size_t size) {
+    int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    if (fd < 0) return -1;
+    struct sockaddr_nl kernel;
+    memset(&kernel, 0, sizeof kernel);
+    kernel.nl_family = AF_NETLINK;
+    int result = -1;
+    if (sendto(fd, request, request->nlmsg_len, 0, (struct sockaddr*)&kernel, sizeof kernel) ==
+        (ssize_t)request->nlmsg_len) {
+        for (;;) {
+            ssize_t n = recv(fd, buf, size, MSG_TRUNC);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < (ssize_t)sizeof(struct nlmsghdr) || (size_t)n > size) break;
+            struct nlmsghdr* reply = (struct nlmsghdr*)buf;
+            if (!NLMSG_OK(reply, (size_t)n)) break;
+            if (reply->nlmsg_seq != request->nlmsg_seq) continue;
+            if (reply->nlmsg_type == type) result = (int)reply->nlmsg_len;
+            break;
+        }
+    }
+    close(fd);
+    return result;
+}
+
+static void put_attribute(struct nlmsghdr* message, uint16_t type, const void* data, size_t length) {
+    struct rtattr* attribute = (struct rtattr*)((unsigned char*)message + NLMSG_ALIGN(message->nlmsg_len));
+    attribute->rta_type = type;
+    attribute->rta_len = (unsigned short)RTA_LENGTH(length);
+    memcpy(RTA_DATA(attribute), data, length);
+    message->nlmsg_len = NLMSG_ALIGN(message->nlmsg_len) + RTA_ALIGN(attribute->rta_len);
+}
+
+/* Line rate from sysfs (Mb/s); virtual links report none. */
+static uint64_t baudrate(const char* ifname) {
+    char path[64];
+    char name[16];
+    nv_linux_copy_name(name, ifname);
+    if (strchr(name, '/') || name[0] == '.') return 0;
+    snprintf(path, sizeof path, "/sys/class/net/%s/speed", name);
+    long speed = 0;
+    if (!nv_linux_read_long(AT_FDCWD, path, &speed) || speed <= 0) return 0;
+    return (uint64_t)speed * 1000000u;
+}
+
+int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
+    if (!ifname || !out || ifindex == 0 || ifindex > (unsigned)INT32_MAX) return 0;
+    struct {
+        struct nlmsghdr header;
+        struct ifinfomsg info;
+    } request;
+    memset(&request, 0, sizeof request);
+    request.header.nlmsg_len = NLMSG_LENGTH(sizeof request.info);
+    request.header.nlmsg_type = RTM_GETLINK;
+    request.header.nlmsg_flags = NLM_F_REQUEST;
+    request.header.nlmsg_seq = 1;
+    request.info.ifi_family = AF_UNSPEC;
+    request.info.ifi_index = (int)ifindex;
+
+    unsigned char* buf = malloc(NV_NETLINK_REPLY_SIZE);
+    if (!buf) return 0;
+    int length = netlink_exchange(&request.header, RTM_NEWLINK, buf, NV_NETLINK_REPLY_SIZE);
+    int ok = 0;
+    if (length >= (int)NLMSG_LENGTH(sizeof(struct ifinfomsg))) {
+        struct nlmsghdr* reply = (struct nlmsghdr*)buf;
+        struct ifinfomsg* info = NLMSG_DATA(reply);
+        int remaining = (int)IFLA_PAYLOAD(reply);
+        const char* name = NULL;
+        size_t name_length = 0;
+        const struct rtnl_link_stats64* stats = NULL;
+        uint32_t mtu = 0;
+        for (struct rtattr* a = IFLA_RTA(info); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
+            if (a->rta_type == IFLA_IFNAME) {
+                name = RTA_DATA(a);
+                name_length = RTA_PAYLOAD(a);
+            } else if (a->rta_type == IFLA_STATS64 && RTA_PAYLOAD(a) >= sizeof *stats) {
+                stats = RTA_DATA(a);
+            } else if (a->rta_type == IFLA_MTU && RTA_PAYLOAD(a) >= sizeof mtu) {
+                memcpy(&mtu, RTA_DATA(a), sizeof mtu);
+            }
+        }
+        /* The index may have been handed to another interface since the
+         * caller read it; foreign counters would be worse than none. */
+        char expected[16], actual[16];
+        nv_linux_copy_name(expected, ifname);
+        memset(actual, 0, sizeof actual);
+        if (name) memcpy(actual, name, name_length < 15 ? name_length : 15);
+        if (name && stats && info->ifi_index == (int)ifindex && strncmp(expected, actual, 16) == 0) {
+            struct rtnl_link_stats64 s;
+            memcpy(&s, stats, sizeof s);
+            nv_ifdata_t data;
+            memset(&data, 0, sizeof data);
+            data.ibytes = s.rx_bytes;
+            data.obytes = s.tx_bytes;
+            data.ipackets = s.rx_packets;
+            data.opackets = s.tx_packets;
+            data.ierrors = s.rx_errors;
+            data.oerrors = s.tx_errors;
+            data.imcasts = s.multicast; /* Linux counts received multicast only */
+            data.omcasts = 0;
+            data.collisions = s.collisions;
+            data.iqdrops = s.rx_dropped;
+            data.mtu = mtu;
+            data.type = nv_linux_iftype(info->ifi_type);
+            data.baudrate = baudrate(ifname);
+            *out = data;
+            ok = 1;
+        }
+    }
+    free(buf);
+    return ok;
+}
+
+int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in6* addr, uint32_t* out) {
+    if (!addr || addr->sin6_family != AF_INET6 || !ifname || !out) return 0;
+    struct ifreq ifr;
+    memset(&ifr, 0, sizeof ifr);
+    nv_linux_copy_name(ifr.ifr_name, ifname);
+    if (ioctl(sock, SIOCGIFINDEX, &ifr) != 0) return 0;
+
+    struct {
+        struct nlmsghdr header;
+        struct ifaddrmsg address;
+        unsigned char attributes[RTA_SPACE(16)];
+    } request;
+    memset(&request, 0, sizeof request);
+    request.header.nlmsg_len = NLMSG_LENGTH(sizeof request.address);
+    request.header.nlmsg_type = RTM_GETADDR;
+    request.header.nlmsg_flags = NLM_F_REQUEST;
+    request.header.nlmsg_seq = 1;
+    request.address.ifa_family = AF_INET6;
+    request.address.ifa_index = (uint32_t)ifr.ifr_ifindex;
+    put_attribute(&request.header, IFA_ADDRESS, &addr->sin6_addr, 16);
+
+    unsigned char buf[4096];
+    int length = netlink_exchange(&request.header, RTM_NEWADDR, buf, sizeof buf);
+    if (length < (int)NLMSG_LENGTH(sizeof(struct ifaddrmsg))) return 0;
+    struct nlmsghdr* reply = (struct nlmsghdr*)buf;
+    struct ifaddrmsg* message = NLMSG_DATA(reply);
+    /* The header's byte truncates the flags; the attribute holds all 32 bits. */
+    uint32_t flags = message->ifa_flags;
+    int remaining = (int)IFA_PAYLOAD(reply);
+    for (struct rtattr* a = IFA_RTA(message); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
+        if (a->rta_type == IFA_FLAGS && RTA_PAYLOAD(a) >= sizeof flags) memcpy(&flags, RTA_DATA(a), sizeof flags);
+    }
+    *out = nv_linux_in6_flags(flags);
+    return 1;
+}

@@ -1,0 +1,26 @@
+// How the status, tunnels and watch commands show interface readings and
+// tunnel owners, as text and as JSON-ready property-list values.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "netcore/interfaces/interface_snapshot.h"
+#include "netcore/sysconfig/tunnel_owners.h"
+#include "support/plist/value.h"
+
+namespace netvane::cli {
+
+std::string functionalTypeName(FunctionalType type);
+
+plist::Value snapshotValue(const InterfaceSnapshot& snapshot);
+plist::Value tunnelOwnersValue(const TunnelOwnerMap& owners);
+
+void printSnapshot(std::FILE* out, const InterfaceSnapshot& snapshot);
+void printTunnelOwners(std::FILE* out, const TunnelOwnerMap& owners);
+
+// Options that are only a flag: --json.
+bool parseJsonFlag(const std::vector<std::string_view>& args, bool& json, std::string& problem);
+
+}  // namespace netvane::cli

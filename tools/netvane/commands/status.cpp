@@ -1,0 +1,44 @@
+// netvane status: a full reading of this machine's interfaces and the owners
+// of its tunnels, as the status display shows them.
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "command.h"
+#include "interface_report.h"
+#include "netcore/interfaces/interface_reader.h"
+#include "support/json.h"
+
+namespace netvane::cli {
+namespace {
+
+int run(const Args& args);
+
+const Command command("status", "netvane status [--json]",
+                      "every interface with its addresses, media, flags and counters, and the tunnel owners", run);
+
+int run(const Args& args) {
+    bool json = false;
+    std::string problem;
+    if (!parseJsonFlag(args, json, problem)) return usageError(command, problem);
+
+    const std::vector<InterfaceSnapshot> snapshots = InterfaceReader().snapshot();
+    const TunnelOwnerMap owners = TunnelOwners::scan();
+    if (json) {
+        plist::Array interfaces;
+        interfaces.reserve(snapshots.size());
+        for (const InterfaceSnapshot& snapshot : snapshots) interfaces.push_back(snapshotValue(snapshot));
+        plist::Dictionary report{{"interfaces", std::move(interfaces)}, {"tunnelOwners", tunnelOwnersValue(owners)}};
+        std::printf("%s\n", toJSON(report).c_str());
+        return kExitOK;
+    }
+    if (snapshots.empty()) std::printf("no interfaces\n");
+    for (const InterfaceSnapshot& snapshot : snapshots) printSnapshot(stdout, snapshot);
+    std::printf("\ntunnel owners%s:\n", ::geteuid() == 0 ? "" : " (only your own processes; run as root for all)");
+    printTunnelOwners(stdout, owners);
+    return kExitOK;
+}
+
+}  // namespace
+}  // namespace netvane::cli
