@@ -100,12 +100,15 @@ class Test:
         time.sleep(AWAIT_SETTLE_SECONDS)
         return app, request
 
-    def pair(self, user):
-        app, request = self.start_pairing(user)
+    def approve(self, user, app, request):
+        """Approves `request` as `user`; returns the token its waiting `app` prints."""
         expect_ok(self.run(user, "control", "approve", request), f"approval by {user}")
         paired = expect_ok(finish(app), "the waiting app")
-        expect(paired.get("id") == request and len(paired.get("token", "")) > 0, "pair prints id and token")
+        expect(paired.get("id") == request and len(paired.get("token", "")) > 0, f"pair output: {paired}")
         return paired["token"]
+
+    def pair(self, user):
+        return self.approve(user, *self.start_pairing(user))
 
     def is_paired(self, user, token):
         status = expect_ok(self.run(user, "app", "status", "--token", token), "app status with a token")
@@ -123,10 +126,7 @@ class Test:
     def pair_approved_by_same_user(self):
         app, request = self.start_pairing(self.a)
         expect(self.pending(self.b) == [], "another user's requests are invisible")
-        expect_ok(self.run(self.a, "control", "approve", request), "approval by the requesting user")
-        paired = expect_ok(finish(app), "the waiting app")
-        expect(paired["id"] == request and len(paired["token"]) > 0, f"pair output: {paired}")
-        self.token = paired["token"]
+        self.token = self.approve(self.a, app, request)
         expect(self.pending(self.a) == [], "an approved request is no longer pending")
         expect(self.is_paired(self.a, self.token), "status with the new token says paired")
         expect(not self.is_paired(self.b, self.token), "the token is not paired for another uid")
@@ -135,9 +135,10 @@ class Test:
         path = os.path.join(self.env.state_dir, "pairings.plist")
         expect(os.stat(path).st_mode & 0o777 == 0o600, "the pairing file is private")
         with open(path, "rb") as f:
-            stored = plistlib.load(f)
+            raw = f.read()
+        stored = plistlib.loads(raw)
         expect([entry["uid"] for entry in stored] == [self.a.uid], f"the pairing file holds A's pairing: {stored}")
-        expect(self.token.encode() not in open(path, "rb").read(), "the token itself is never stored")
+        expect(self.token.encode() not in raw, "the token itself is never stored")
 
     def approval_by_another_user(self):
         self.b_app, self.b_request = self.start_pairing(self.b)

@@ -181,8 +181,9 @@ class Environment:
         with open(config, "w") as f:
             f.write(BUS_CONFIG.format(path=socket_path))
         # --nofork keeps the bus our child, so cleanup can always reach it.
-        bus = self._spawn(["dbus-daemon", f"--config-file={config}", "--print-address=1", "--nofork"],
-                          stdout=subprocess.PIPE)
+        with open(os.path.join(self.root, "dbus-daemon.log"), "w") as log:
+            bus = self._spawn(["dbus-daemon", f"--config-file={config}", "--print-address=1", "--nofork"],
+                              stdout=subprocess.PIPE, stderr=log)
         self.bus_address = read_line(bus.stdout, timeout=10)
         if not self.bus_address.startswith("unix:"):
             raise RuntimeError("dbus-daemon printed no address: " + self.bus_address)
