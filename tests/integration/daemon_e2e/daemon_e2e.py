@@ -25,7 +25,7 @@ DEADLINE_SECONDS = 100
 CLIENT_TIMEOUT = 20
 # `app pair` sends its await right after the request shows up as pending;
 # approving before the await arrives would (correctly) expire it.
-AWAIT_SETTLE_SECONDS = 0.3
+AWAIT_SETTLE_SECONDS = 0.5
 BAD_FRAMES = 10_000
 RSS_GROWTH_LIMIT_KB = 16 * 1024
 
