@@ -13,6 +13,7 @@
 #include "admin_protocol/admin_clients.h"
 #include "admin_protocol/admin_constants.h"
 #include "daemon/admin_daemon.h"
+#include "daemon/linux/netcore_tunnel_owners.h"
 #include "daemon/linux/polkit_authorizer.h"
 #include "daemon/listener.h"
 #include "support/bundle_info.h"
@@ -91,6 +92,7 @@ int main(int argc, char** argv) {
 
     AdminDaemon::Backends backends;
     backends.authorizer = std::make_shared<PolkitAuthorizer>();
+    backends.tunnelOwners = std::make_shared<NetcoreTunnelOwners>();
     auto daemon = std::make_shared<AdminDaemon>(PairingStore::load(options.stateDirectory), version, backends);
 
     const std::string& team = AdminConstants::teamID();
