@@ -206,7 +206,6 @@ std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list) co
         if (fresh) {
             InterfaceSnapshot& created = snapshots.emplace_back();
             created.name = name;
-            created.index = ::if_nametoindex(entry->ifa_name);
             created.flags = interfaceFlagsFromEntry(entry->ifa_flags);
         }
         InterfaceSnapshot& snapshot = snapshots[it->second];
@@ -227,6 +226,10 @@ std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list) co
         }
     }
     for (InterfaceSnapshot& snapshot : snapshots) {
+        // The system's index for the name, asked only when no link entry gave
+        // one: the link entry's index would replace it anyway, and the
+        // question costs a socket of its own per interface.
+        if (snapshot.index == 0) snapshot.index = ::if_nametoindex(snapshot.name.c_str());
         nv_ifdata_t data{};
         if (snapshot.index != 0 && nv_get_ifdata(snapshot.index, snapshot.name.c_str(), &data)) {
             snapshot.counters = InterfaceCounters{data.ibytes,   data.obytes,  data.ipackets,  data.opackets,

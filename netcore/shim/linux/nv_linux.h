@@ -14,6 +14,8 @@
 extern "C" {
 #endif
 
+struct ethtool_link_settings;
+
 /* The Ethernet media word of a link: subtype by speed (Mb/s) and ethtool
  * port, duplex and flow-control options. 0 for an unknown speed. */
 int nv_linux_media_word(uint32_t speed, uint8_t port, uint8_t duplex, int flow_control);
@@ -48,6 +50,10 @@ int nv_linux_fdinfo_iff(const char* text, size_t length, char name[16]);
 
 /* Bounded, zero-filled copy of an interface name into a 16-byte field. */
 void nv_linux_copy_name(char dest[16], const char* ifname);
+
+/* Speed, duplex, port and negotiation of a link (ETHTOOL_GLINKSETTINGS with
+ * its two-call handshake on the mask size); sock may be any socket. */
+int nv_linux_link_settings(int sock, const char* ifname, struct ethtool_link_settings* out);
 
 /* Reads a small text file relative to dirfd into buf (terminated); the
  * number of bytes read, or -1. */

@@ -25,7 +25,7 @@ static int ethtool(int sock, const char* ifname, void* request) {
 }
 
 /* The kernel answers the first call with the mask size it wants (negated). */
-static int link_settings(int sock, const char* ifname, struct ethtool_link_settings* out) {
+int nv_linux_link_settings(int sock, const char* ifname, struct ethtool_link_settings* out) {
     struct {
         struct ethtool_link_settings settings;
         uint32_t masks[3 * NV_MAX_MASK_WORDS];
@@ -46,7 +46,7 @@ static int link_settings(int sock, const char* ifname, struct ethtool_link_setti
 int nv_get_media(int sock, const char* ifname, nv_media_t* out) {
     if (!ifname || !out) return 0;
     struct ethtool_link_settings settings;
-    if (!link_settings(sock, ifname, &settings)) return 0;
+    if (!nv_linux_link_settings(sock, ifname, &settings)) return 0;
 
     struct ethtool_value link = {.cmd = ETHTOOL_GLINK, .data = 0};
     int link_known = ethtool(sock, ifname, &link);

@@ -1,14 +1,13 @@
 /* Counters and IPv6 address flags through single (non-dump) rtnetlink
  * requests, each on a socket of its own that lives only for the call. */
 #include <errno.h>
-#include <fcntl.h>
+#include <linux/ethtool.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -21,10 +20,11 @@
 /* Room for one link message with every attribute the kernel adds by default. */
 #define NV_NETLINK_REPLY_SIZE 65536
 
+static int netlink_socket(void) { return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE); }
+
 /* Sends one request and returns the length of the one reply message of
  * `type`, copied into buf; -1 on any error, a kernel refusal or truncation. */
-static int netlink_exchange(struct nlmsghdr* request, uint16_t type, unsigned char* buf, size_t size) {
-    int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+static int netlink_exchange(int fd, struct nlmsghdr* request, uint16_t type, unsigned char* buf, size_t size) {
     if (fd < 0) return -1;
     struct sockaddr_nl kernel;
     memset(&kernel, 0, sizeof kernel);
@@ -43,7 +43,6 @@ static int netlink_exchange(struct nlmsghdr* request, uint16_t type, unsigned ch
             break;
         }
     }
-    close(fd);
     return result;
 }
 
@@ -53,18 +52,6 @@ static void put_attribute(struct nlmsghdr* message, uint16_t type, const void* d
     attribute->rta_len = (unsigned short)RTA_LENGTH(length);
     memcpy(RTA_DATA(attribute), data, length);
     message->nlmsg_len = NLMSG_ALIGN(message->nlmsg_len) + RTA_ALIGN(attribute->rta_len);
-}
-
-/* Line rate from sysfs (Mb/s); virtual links report none. */
-static uint64_t baudrate(const char* ifname) {
-    char path[64];
-    char name[16];
-    nv_linux_copy_name(name, ifname);
-    if (strchr(name, '/') || name[0] == '.') return 0;
-    snprintf(path, sizeof path, "/sys/class/net/%s/speed", name);
-    long speed = 0;
-    if (!nv_linux_read_long(AT_FDCWD, path, &speed) || speed <= 0) return 0;
-    return (uint64_t)speed * 1000000u;
 }
 
 int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
@@ -83,7 +70,8 @@ int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
 
     unsigned char* buf = malloc(NV_NETLINK_REPLY_SIZE);
     if (!buf) return 0;
-    int length = netlink_exchange(&request.header, RTM_NEWLINK, buf, NV_NETLINK_REPLY_SIZE);
+    int fd = netlink_socket();
+    int length = netlink_exchange(fd, &request.header, RTM_NEWLINK, buf, NV_NETLINK_REPLY_SIZE);
     int ok = 0;
     if (length >= (int)NLMSG_LENGTH(sizeof(struct ifinfomsg))) {
         struct nlmsghdr* reply = (struct nlmsghdr*)buf;
@@ -126,11 +114,17 @@ int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
             data.iqdrops = s.rx_dropped;
             data.mtu = mtu;
             data.type = nv_linux_iftype(info->ifi_type);
-            data.baudrate = baudrate(ifname);
+            /* Interface ioctls work on any socket, the netlink one too. */
+            struct ethtool_link_settings settings;
+            if (nv_linux_link_settings(fd, ifname, &settings) && settings.speed != 0 &&
+                settings.speed != (uint32_t)SPEED_UNKNOWN) {
+                data.baudrate = (uint64_t)settings.speed * 1000000u;
+            }
             *out = data;
             ok = 1;
         }
     }
+    if (fd >= 0) close(fd);
     free(buf);
     return ok;
 }
@@ -157,7 +151,9 @@ int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in
     put_attribute(&request.header, IFA_ADDRESS, &addr->sin6_addr, 16);
 
     unsigned char buf[4096];
-    int length = netlink_exchange(&request.header, RTM_NEWADDR, buf, sizeof buf);
+    int fd = netlink_socket();
+    int length = netlink_exchange(fd, &request.header, RTM_NEWADDR, buf, sizeof buf);
+    if (fd >= 0) close(fd);
     if (length < (int)NLMSG_LENGTH(sizeof(struct ifaddrmsg))) return 0;
     struct nlmsghdr* reply = (struct nlmsghdr*)buf;
     struct ifaddrmsg* message = NLMSG_DATA(reply);

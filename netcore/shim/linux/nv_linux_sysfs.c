@@ -4,6 +4,7 @@
  * its own sysfs mount for the functional type to name its interfaces. */
 #include <fcntl.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -65,11 +66,15 @@ int nv_get_functional_type(int sock, const char* ifname, uint32_t* out) {
     long type = 0;
     int ok = nv_linux_read_long(dir, "type", &type);
     if (ok) {
-        char devtype[32];
-        uevent_devtype(dir, devtype, sizeof devtype);
-        int wireless = faccessat(dir, "phy80211", F_OK, 0) == 0 || faccessat(dir, "wireless", F_OK, 0) == 0;
-        /* Virtual interfaces have no device link; hardware ones point at theirs. */
-        int hardware = faccessat(dir, "device", F_OK, 0) == 0;
+        char devtype[32] = "";
+        int wireless = 0;
+        /* Virtual interfaces have no device link; only hardware ones need the
+         * costlier questions (most interfaces of a busy host are virtual). */
+        int hardware = type != ARPHRD_LOOPBACK && faccessat(dir, "device", F_OK, 0) == 0;
+        if (hardware) {
+            uevent_devtype(dir, devtype, sizeof devtype);
+            wireless = faccessat(dir, "phy80211", F_OK, 0) == 0 || faccessat(dir, "wireless", F_OK, 0) == 0;
+        }
         *out = nv_linux_functional_type((uint32_t)type, devtype, wireless, hardware);
     }
     close(dir);
