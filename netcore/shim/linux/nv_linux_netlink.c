@@ -46,6 +46,14 @@ static int netlink_exchange(int fd, struct nlmsghdr* request, uint16_t type, uns
     return result;
 }
 
+/* A single (non-dump) request header; the payload follows it. */
+static void start_request(struct nlmsghdr* header, uint16_t type, size_t payload) {
+    header->nlmsg_len = NLMSG_LENGTH(payload);
+    header->nlmsg_type = type;
+    header->nlmsg_flags = NLM_F_REQUEST;
+    header->nlmsg_seq = 1;
+}
+
 static void put_attribute(struct nlmsghdr* message, uint16_t type, const void* data, size_t length) {
     struct rtattr* attribute = (struct rtattr*)((unsigned char*)message + NLMSG_ALIGN(message->nlmsg_len));
     attribute->rta_type = type;
@@ -61,10 +69,7 @@ int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
         struct ifinfomsg info;
     } request;
     memset(&request, 0, sizeof request);
-    request.header.nlmsg_len = NLMSG_LENGTH(sizeof request.info);
-    request.header.nlmsg_type = RTM_GETLINK;
-    request.header.nlmsg_flags = NLM_F_REQUEST;
-    request.header.nlmsg_seq = 1;
+    start_request(&request.header, RTM_GETLINK, sizeof request.info);
     request.info.ifi_family = AF_UNSPEC;
     request.info.ifi_index = (int)ifindex;
 
@@ -142,10 +147,7 @@ int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in
         unsigned char attributes[RTA_SPACE(16)];
     } request;
     memset(&request, 0, sizeof request);
-    request.header.nlmsg_len = NLMSG_LENGTH(sizeof request.address);
-    request.header.nlmsg_type = RTM_GETADDR;
-    request.header.nlmsg_flags = NLM_F_REQUEST;
-    request.header.nlmsg_seq = 1;
+    start_request(&request.header, RTM_GETADDR, sizeof request.address);
     request.address.ifa_family = AF_INET6;
     request.address.ifa_index = (uint32_t)ifr.ifr_ifindex;
     put_attribute(&request.header, IFA_ADDRESS, &addr->sin6_addr, 16);
