@@ -128,9 +128,8 @@ def free_ids(count):
 
 
 class Environment:
-    def __init__(self, admind, netvane, policy_file, rule_user_index=0):
+    def __init__(self, admind, netvane, policy_file):
         self.admind, self.netvane, self.policy_file = admind, netvane, policy_file
-        self.rule_user_index = rule_user_index
         self.processes = []  # everything we started, killed in reverse
         self.mounts = []
         self.root = tempfile.mkdtemp(prefix="netvane-e2e-")
@@ -195,7 +194,7 @@ class Environment:
         rules = self._dir("polkit-rules")
         rule_file = os.path.join(rules, "10-netvane-test.rules")
         with open(rule_file, "w") as f:
-            f.write(PAIR_RULE.format(action=PAIR_ACTION, user=self.users[self.rule_user_index].name))
+            f.write(PAIR_RULE.format(action=PAIR_ACTION, user=self.users[0].name))
         os.chmod(rule_file, 0o644)
         self._mount("--bind", actions, "/usr/share/polkit-1/actions")
         self._mount("--bind", rules, "/etc/polkit-1/rules.d")
