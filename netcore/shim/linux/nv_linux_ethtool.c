@@ -26,21 +26,22 @@ static int ethtool(int sock, const char* ifname, void* request) {
 
 /* The kernel answers the first call with the mask size it wants (negated). */
 int nv_linux_link_settings(int sock, const char* ifname, struct ethtool_link_settings* out) {
-    struct {
-        struct ethtool_link_settings settings;
-        uint32_t masks[3 * NV_MAX_MASK_WORDS];
-    } request;
-    memset(&request, 0, sizeof request);
-    request.settings.cmd = ETHTOOL_GLINKSETTINGS;
-    if (!ethtool(sock, ifname, &request)) return 0;
-    int words = -request.settings.link_mode_masks_nwords;
-    if (words <= 0 || words > NV_MAX_MASK_WORDS) return 0;
-    memset(&request, 0, sizeof request);
-    request.settings.cmd = ETHTOOL_GLINKSETTINGS;
-    request.settings.link_mode_masks_nwords = (int8_t)words;
-    if (!ethtool(sock, ifname, &request) || request.settings.link_mode_masks_nwords != words) return 0;
-    *out = request.settings;
-    return 1;
+    const size_t size = sizeof(struct ethtool_link_settings) + 3 * NV_MAX_MASK_WORDS * sizeof(uint32_t);
+    struct ethtool_link_settings* request = calloc(1, size);
+    if (!request) return 0;
+    request->cmd = ETHTOOL_GLINKSETTINGS;
+    int ok = ethtool(sock, ifname, request);
+    int words = -request->link_mode_masks_nwords;
+    ok = ok && words > 0 && words <= NV_MAX_MASK_WORDS;
+    if (ok) {
+        memset(request, 0, size);
+        request->cmd = ETHTOOL_GLINKSETTINGS;
+        request->link_mode_masks_nwords = (int8_t)words;
+        ok = ethtool(sock, ifname, request) && request->link_mode_masks_nwords == words;
+    }
+    if (ok) *out = *request;
+    free(request);
+    return ok;
 }
 
 int nv_get_media(int sock, const char* ifname, nv_media_t* out) {
@@ -67,15 +68,14 @@ int nv_get_media(int sock, const char* ifname, nv_media_t* out) {
 
 /* The feature names and the active feature bits, read in three requests. */
 static int enabled_features(int sock, const char* ifname, uint32_t* caps) {
-    struct {
-        struct ethtool_sset_info info;
-        uint32_t count;
-    } sset;
-    memset(&sset, 0, sizeof sset);
-    sset.info.cmd = ETHTOOL_GSSET_INFO;
-    sset.info.sset_mask = 1ull << ETH_SS_FEATURES;
-    if (!ethtool(sock, ifname, &sset) || !(sset.info.sset_mask & (1ull << ETH_SS_FEATURES))) return 0;
-    uint32_t count = sset.count;
+    /* One set asked, so one count follows the header. */
+    struct ethtool_sset_info* sset = calloc(1, sizeof *sset + sizeof(uint32_t));
+    if (!sset) return 0;
+    sset->cmd = ETHTOOL_GSSET_INFO;
+    sset->sset_mask = 1ull << ETH_SS_FEATURES;
+    int known = ethtool(sock, ifname, sset) && (sset->sset_mask & (1ull << ETH_SS_FEATURES));
+    uint32_t count = known ? sset->data[0] : 0;
+    free(sset);
     if (count == 0 || count > NV_MAX_FEATURES) return 0;
 
     uint32_t blocks = (count + 31) / 32;
