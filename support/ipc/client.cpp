@@ -53,17 +53,12 @@ Result<std::vector<ReplySlot>> Client::call(const MethodDescription& method, std
     if (!writeFully(fd_.get(), frame->data(), frame->size()).ok()) {
         return ipcError(kConnectionLost, "connection closed by the daemon");
     }
-    std::uint8_t header[kFrameHeaderBytes];
-    if (!readFully(fd_.get(), header, sizeof header).ok()) {
+    auto body = reader_.next();
+    if (!body) {
+        if (body.error().domain == kIpcErrorDomain) return body.error();
         return ipcError(kConnectionLost, "connection closed by the daemon");
     }
-    auto length = frameBodyLength(header);
-    if (!length) return length.error();
-    std::vector<std::uint8_t> body(*length);
-    if (!readFully(fd_.get(), body.data(), body.size()).ok()) {
-        return ipcError(kConnectionLost, "connection closed by the daemon");
-    }
-    auto reply = decodeReply(body);
+    auto reply = decodeReply(*body);
     if (!reply) return reply.error();
     if (reply->seq != seq) return ipcError(kBadReply, "reply to another call");
     if (reply->values.size() != method.reply.size()) return ipcError(kBadReply, "reply has the wrong shape");

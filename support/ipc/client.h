@@ -9,6 +9,7 @@
 
 #include "support/ipc/frame.h"
 #include "support/ipc/protocol_description.h"
+#include "support/ipc/stream.h"
 #include "support/result.h"
 #include "support/unique_fd.h"
 
@@ -26,7 +27,9 @@ class Client {
 public:
     static Result<Client> connect(const std::string& path);
 
-    Client(Client&& other) noexcept : fd_(std::move(other.fd_)), nextSeq_(other.nextSeq_) {}
+    // Moves happen between connect and the first call, while nothing is buffered.
+    Client(Client&& other) noexcept
+        : fd_(std::move(other.fd_)), reader_(fd_.get()), nextSeq_(other.nextSeq_) {}
 
     // Blocks until the reply arrives or the connection ends.
     Result<std::vector<ReplySlot>> call(const MethodDescription& method, std::vector<Argument> args);
@@ -34,9 +37,10 @@ public:
     int fd() const { return fd_.get(); }
 
 private:
-    explicit Client(UniqueFd fd) : fd_(std::move(fd)) {}
+    explicit Client(UniqueFd fd) : fd_(std::move(fd)), reader_(fd_.get()) {}
 
     UniqueFd fd_;
+    FrameReader reader_;
     std::mutex mutex_;
     std::uint64_t nextSeq_ = 1;
 };

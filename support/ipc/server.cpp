@@ -144,16 +144,11 @@ void Server::acceptLoop() {
 
 void Server::serve(std::shared_ptr<Connection> connection) {
     std::shared_ptr<Session> session = service_.makeSession(connection->peer());
-    std::vector<std::uint8_t> body;
+    FrameReader reader(connection->fd());
     while (session) {
-        std::uint8_t header[kFrameHeaderBytes];
-        if (!readFully(connection->fd(), header, sizeof header).ok()) break;
-        auto length = frameBodyLength(header);
-        if (!length) break;
-        body.resize(*length);
-        if (!readFully(connection->fd(), body.data(), body.size()).ok()) break;
-        auto call = decodeCall(body);
-        if (body.capacity() > 64 * 1024) body = {};  // keep idle connections small
+        auto body = reader.next();
+        if (!body) break;
+        auto call = decodeCall(*body);
         if (!call) break;
         const MethodDescription* method = service_.protocol->find(call->selector);
         if (!method || method->arguments.size() != call->args.size()) break;
