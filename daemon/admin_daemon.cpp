@@ -179,7 +179,7 @@ Status AdminDaemon::setServiceEnabled(const std::string& serviceID, bool enabled
     if (!isPaired(token, uid)) return toError(AdminError::notPaired);
     auto changed = ServiceConfigurator::setEnabled(backends_.preferences.get(), serviceID, enabled);
     if (!changed) return changed;
-    log("uid " + std::to_string(uid) + " set service " + serviceID + " enabled=" + (enabled ? "1" : "0"));
+    log("uid " + std::to_string(uid) + " set service " + serviceID + " enabled=" + (enabled ? "true" : "false"));
     return {};
 }
 

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "admin_protocol/admin_clients.h"
@@ -81,6 +82,10 @@ int main(int argc, char** argv) {
             return usage(("unknown option or missing value: " + std::string(arg)).c_str());
         }
     }
+    // Daemonizing moves us to "/": relative paths must be resolved before.
+    std::error_code ignored;
+    options.stateDirectory = std::filesystem::absolute(options.stateDirectory, ignored).string();
+    options.runtimeDirectory = std::filesystem::absolute(options.runtimeDirectory, ignored).string();
     auto inherited = ipc::takeInheritedListeners();
     if (!options.foreground && ::daemon(0, 0) != 0) {
         std::perror("netvane-admind: daemon");
@@ -99,9 +104,7 @@ int main(int argc, char** argv) {
     std::string appRequirement = AdminConstants::appRequirement(team);
     std::string adminAppRequirement = AdminConstants::adminAppRequirement(team);
 
-    if (inherited.empty()) {
-        if (auto made = createDirectories(options.runtimeDirectory, 0755); !made.ok()) fail(log, made.error().message);
-    }
+    if (auto made = createDirectories(options.runtimeDirectory, 0755); !made.ok()) fail(log, made.error().message);
     auto appListener = makeAppListener(listenerFor(AdminConstants::appServiceName(), options, inherited, log),
                                        std::move(appRequirement), daemon);
     auto controlListener =

@@ -36,11 +36,19 @@ std::string parentOf(const std::string& path) {
 }  // namespace
 
 Result<Bytes> readFile(const std::string& path, std::size_t maxBytes) {
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Paths may come from other users (a bundle next to some process's
+    // executable): only a regular file is ever opened, never a FIFO that
+    // would block or a device whose open has side effects.
+    struct stat before {};
+    if (::stat(path.c_str(), &before) != 0) return posixError(errno, "open " + path);
+    if (!S_ISREG(before.st_mode)) return posixError(EINVAL, path + " is not a regular file");
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!fd) return posixError(errno, "open " + path);
     struct stat info {};
     if (::fstat(fd.get(), &info) != 0) return posixError(errno, "stat " + path);
-    if (!S_ISREG(info.st_mode)) return posixError(EINVAL, path + " is not a regular file");
+    if (!S_ISREG(info.st_mode) || info.st_dev != before.st_dev || info.st_ino != before.st_ino) {
+        return posixError(EINVAL, path + " changed while being opened");
+    }
     if (static_cast<std::uint64_t>(info.st_size) > maxBytes) return posixError(EFBIG, "read " + path);
     Bytes bytes;
     // The size is a hint: the file may grow or shrink while we read it.
@@ -97,7 +105,7 @@ Status writeFileAtomically(const std::string& path, std::string_view text, mode_
     return writeFileAtomically(path, std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()), mode);
 }
 
-Status createDirectories(const std::string& path, mode_t mode) {
+Status createDirectories(const std::string& path, mode_t mode, DirectoryMode applied) {
     if (path.empty()) return posixError(ENOENT, "mkdir of an empty path");
     struct stat info {};
     if (::stat(path.c_str(), &info) == 0) {
@@ -106,11 +114,11 @@ Status createDirectories(const std::string& path, mode_t mode) {
     }
     const std::string parent = parentOf(path);
     if (parent != path) {
-        if (auto made = createDirectories(parent, mode); !made.ok()) return made;
+        if (auto made = createDirectories(parent, mode, applied); !made.ok()) return made;
     }
     if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST) return posixError(errno, "mkdir " + path);
-    // mkdir applies the umask; the caller asked for exactly `mode`.
-    if (::chmod(path.c_str(), mode) != 0) return posixError(errno, "chmod " + path);
+    // mkdir applies the umask; undo that when the caller asked for exactly `mode`.
+    if (applied == DirectoryMode::exact && ::chmod(path.c_str(), mode) != 0) return posixError(errno, "chmod " + path);
     return {};
 }
 

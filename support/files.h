@@ -29,9 +29,10 @@ Status writeFileAtomically(const std::string& path, std::string_view text, mode_
 Status writeFileAtomically(const std::string& path, std::span<const std::span<const std::uint8_t>> pieces,
                            mode_t mode = 0644);
 
-// Creates a directory and its missing parents with `mode`; an existing
-// directory is accepted as it is.
-Status createDirectories(const std::string& path, mode_t mode);
+// Creates a directory and its missing parents with `mode` (exactly, or as
+// narrowed by the process's umask); an existing directory is accepted as it is.
+enum class DirectoryMode { exact, umasked };
+Status createDirectories(const std::string& path, mode_t mode, DirectoryMode applied = DirectoryMode::exact);
 
 Status setMode(const std::string& path, mode_t mode);
 Status setOwner(const std::string& path, uid_t uid, gid_t gid);

@@ -40,7 +40,7 @@ Status HistoryStore::save(const HistorySet& histories) const {
     if (!parent.empty()) {
         // Ignored on purpose: if the directory is still missing, the write
         // below fails with the more useful error.
-        (void)createDirectories(parent.string(), 0777);
+        (void)createDirectories(parent.string(), 0777, DirectoryMode::umasked);
     }
     return writeFileAtomically(url, bytes->pieces);
 }

@@ -11,13 +11,10 @@ Cancellation::Cancellation() {
     int ends[2];
     // Without a pipe (no descriptors left) waits still see the flag, but only
     // when their own descriptor or timeout wakes them.
-    if (::pipe(ends) != 0) return;
+    // Close-on-exec from the start: another thread may fork and exec meanwhile.
+    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
     readEnd_.reset(ends[0]);
     writeEnd_.reset(ends[1]);
-    for (int fd : ends) {
-        ::fcntl(fd, F_SETFD, FD_CLOEXEC);
-        ::fcntl(fd, F_SETFL, O_NONBLOCK);
-    }
 }
 
 void Cancellation::cancel() {

@@ -47,6 +47,14 @@ Result<std::vector<ReplySlot>> Client::call(const MethodDescription& method, std
         }
     }
     std::lock_guard lock(mutex_);
+    auto reply = exchange(method, std::move(args));
+    // After any failure the stream may be out of step with our calls: a later
+    // call could read this call's late reply. The connection is done.
+    if (!reply) ::shutdown(fd_.get(), SHUT_RDWR);
+    return reply;
+}
+
+Result<std::vector<ReplySlot>> Client::exchange(const MethodDescription& method, std::vector<Argument> args) {
     const std::uint64_t seq = nextSeq_++;
     auto frame = encodeCall(Call{std::string(method.selector), seq, std::move(args)});
     if (!frame) return frame.error();

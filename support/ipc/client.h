@@ -31,13 +31,15 @@ public:
     Client(Client&& other) noexcept
         : fd_(std::move(other.fd_)), reader_(fd_.get()), nextSeq_(other.nextSeq_) {}
 
-    // Blocks until the reply arrives or the connection ends.
+    // Blocks until the reply arrives or the connection ends. A call that fails
+    // on the wire (not one refused before sending) ends the connection.
     Result<std::vector<ReplySlot>> call(const MethodDescription& method, std::vector<Argument> args);
 
     int fd() const { return fd_.get(); }
 
 private:
     explicit Client(UniqueFd fd) : fd_(std::move(fd)), reader_(fd_.get()) {}
+    Result<std::vector<ReplySlot>> exchange(const MethodDescription& method, std::vector<Argument> args);
 
     UniqueFd fd_;
     FrameReader reader_;

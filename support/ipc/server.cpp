@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 #include "support/ipc/stream.h"
 
@@ -78,7 +79,15 @@ Result<UniqueFd> listenOnPath(const std::string& path) {
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) return posixError(errno, "socket");
     struct stat info {};
-    if (::lstat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode)) ::unlink(path.c_str());
+    if (::lstat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode)) {
+        // Replace only a stale socket: one that still answers belongs to a
+        // running server, which must not lose its clients to us.
+        UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (probe && ::connect(probe.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+            return posixError(EADDRINUSE, "another server listens on " + path);
+        }
+        ::unlink(path.c_str());
+    }
     if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         return posixError(errno, "bind " + path);
     }
@@ -118,12 +127,14 @@ void Server::acceptLoop() {
         UniqueFd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!fd) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-                // Out of resources: back off rather than spin; existing peers go on.
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-                continue;
+            {
+                std::lock_guard lock(mutex_);
+                if (stopping_) return;
             }
-            return;  // the listener was shut down
+            // Out of resources or a transient failure: back off rather than
+            // spin, and keep accepting; existing peers go on.
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            continue;
         }
         auto peer = peerCredentials(fd.get());
         if (!peer) continue;
@@ -136,9 +147,13 @@ void Server::acceptLoop() {
         if (active_ >= limits_.maxConnections) continue;  // closes fd
         auto connection = std::make_shared<Connection>(std::move(fd), *peer);
         std::erase_if(connections_, [](const std::weak_ptr<Connection>& weak) { return weak.expired(); });
+        try {
+            std::thread([this, connection] { serve(connection); }).detach();
+        } catch (const std::system_error&) {
+            continue;  // no thread to be had: this peer is closed, the next may fare better
+        }
         connections_.push_back(connection);
         ++active_;
-        std::thread([this, connection] { serve(connection); }).detach();
     }
 }
 

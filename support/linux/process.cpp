@@ -15,7 +15,7 @@ std::uint64_t processStartTime(pid_t pid) {
     // and parentheses, so fields are counted from the last ')'.
     std::size_t pos = text.rfind(')');
     if (pos == std::string::npos) return 0;
-    for (int field = 3; field < 22; ++field) {
+    for (int field = 3; field <= 22; ++field) {
         pos = text.find(' ', pos + 1);
         if (pos == std::string::npos) return 0;
     }

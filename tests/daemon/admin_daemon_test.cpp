@@ -284,9 +284,9 @@ protected:
 TEST_F(ServiceSwitchTest, PairedTokenSwitchesTheServiceAndLogs) {
     ASSERT_TRUE(daemon_->setServiceEnabled("ABC", true, second_, kUser).ok());
     EXPECT_EQ(preferences_->enabled("ABC"), true);
-    EXPECT_EQ(logLines().back(), "uid 501 set service ABC enabled=1");
+    EXPECT_EQ(logLines().back(), "uid 501 set service ABC enabled=true");
     ASSERT_TRUE(daemon_->setServiceEnabled("ABC", false, second_, kUser).ok());
-    EXPECT_EQ(logLines().back(), "uid 501 set service ABC enabled=0");
+    EXPECT_EQ(logLines().back(), "uid 501 set service ABC enabled=false");
 }
 
 TEST_F(ServiceSwitchTest, UnpairedTokenNeverTouchesThePreferences) {

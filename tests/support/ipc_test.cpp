@@ -12,6 +12,7 @@
 #include "support/ipc/server.h"
 #include "support/ipc/stream.h"
 #include "support/plist/plist.h"
+#include "support/process.h"
 
 namespace netvane::ipc {
 namespace {
@@ -69,6 +70,8 @@ protected:
         auto listener = listenOnPath(path_);
         ASSERT_TRUE(listener.ok()) << listener.error().message;
         ServiceDefinition service{&kTestProtocol, "", [this](const PeerCredentials& peer) {
+                                      std::lock_guard lock(peerMutex_);
+                                      peerSeen_ = peer;
                                       return std::make_shared<EchoSession>(peer, ended_);
                                   }};
         server_ = std::make_unique<Server>(std::move(*listener), service, limits);
@@ -109,6 +112,8 @@ protected:
     const std::string dir_ = temp_.path();
     const std::string path_ = dir_ + "/test.sock";
     std::atomic<int> ended_{0};
+    std::mutex peerMutex_;
+    PeerCredentials peerSeen_;  // the last connection's, written before its first call is served
     std::unique_ptr<Server> server_;
 };
 
@@ -143,6 +148,9 @@ TEST_F(IpcTest, CallsRepliesErrorsAndPeerCredentials) {
     ASSERT_TRUE(reply.ok());
     EXPECT_EQ(std::get<plist::Value>((*reply)[0]).find("size")->int64(), 1000);
     EXPECT_EQ(std::get<plist::Value>((*reply)[0]).find("uid")->uint64(), getuid());
+    std::lock_guard lock(peerMutex_);
+    EXPECT_EQ(peerSeen_.startTime, processStartTime(getpid())) << "the peer's start time names this process";
+    EXPECT_NE(peerSeen_.startTime, 0u);
 
     EXPECT_EQ(client.call(kMethods[2], {plist::Value("not data")}).error().code, kBadArguments);
     EXPECT_EQ(Client::connect(dir_ + "/nobody.sock").error().code, kUnreachable);

@@ -82,3 +82,28 @@ TEST(Json, EscapesAndConvertsEveryType) {
 
 }  // namespace
 }  // namespace netvane
+
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "support/process.h"
+
+namespace netvane {
+namespace {
+
+// Field 22 of /proc/self/stat, read independently of the code under test.
+TEST(Process, StartTimeIsField22OfStat) {
+    std::ifstream stat("/proc/self/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    for (int i = 3; i <= 22; ++i) fields >> field;
+    EXPECT_EQ(processStartTime(getpid()), std::stoull(field));
+    EXPECT_NE(processStartTime(getpid()), 0u);
+    EXPECT_EQ(processStartTime(-5), 0u);
+}
+
+}  // namespace
+}  // namespace netvane
