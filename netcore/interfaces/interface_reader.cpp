@@ -14,6 +14,7 @@
 
 #include "netcore/interfaces/platform_address_list.h"
 #include "netcore/shim/nv_shim.h"
+#include "support/unicode.h"
 
 namespace netvane {
 namespace {
@@ -21,31 +22,6 @@ namespace {
 constexpr std::size_t kMediaTextSize = 128;
 constexpr std::size_t kAddressTextSize = 46;  // INET6_ADDRSTRLEN
 constexpr std::size_t kLinkAddressCapacity = 32;
-
-// Length of the valid UTF-8 sequence at text[i], or 0.
-std::size_t validSequence(const unsigned char* text, std::size_t size, std::size_t i) {
-    unsigned char lead = text[i];
-    if (lead < 0x80) return 1;
-    std::size_t length;
-    std::uint32_t min;
-    std::uint32_t codePoint;
-    if ((lead & 0xE0) == 0xC0) {
-        length = 2, min = 0x80, codePoint = lead & 0x1F;
-    } else if ((lead & 0xF0) == 0xE0) {
-        length = 3, min = 0x800, codePoint = lead & 0x0F;
-    } else if ((lead & 0xF8) == 0xF0) {
-        length = 4, min = 0x10000, codePoint = lead & 0x07;
-    } else {
-        return 0;
-    }
-    if (size - i < length) return 0;
-    for (std::size_t k = 1; k < length; ++k) {
-        if ((text[i + k] & 0xC0) != 0x80) return 0;
-        codePoint = (codePoint << 6) | (text[i + k] & 0x3F);
-    }
-    if (codePoint < min || codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) return 0;
-    return length;
-}
 
 void appendIPv4(const ifaddrs& entry, std::uint32_t flags, IPv4Address& address) {
     if (entry.ifa_dstaddr == nullptr || entry.ifa_dstaddr->sa_family != AF_INET) return;
@@ -67,17 +43,16 @@ const sockaddr_dl* asLinkAddress(const sockaddr* address) {
 
 std::string decodeCString(std::span<const char> buffer) {
     auto end = std::find(buffer.begin(), buffer.end(), '\0');
-    const auto* text = reinterpret_cast<const unsigned char*>(buffer.data());
-    const std::size_t size = static_cast<std::size_t>(end - buffer.begin());
+    const std::string_view text(buffer.data(), static_cast<std::size_t>(end - buffer.begin()));
     std::string out;
-    out.reserve(size);
-    for (std::size_t i = 0; i < size;) {
-        std::size_t length = validSequence(text, size, i);
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t length = utf8SequenceLength(text, i);
         if (length == 0) {
             out += "\xEF\xBF\xBD";
             ++i;
         } else {
-            out.append(reinterpret_cast<const char*>(text + i), length);
+            out.append(text.substr(i, length));
             i += length;
         }
     }

@@ -1,6 +1,6 @@
 #include "netcore/publicip/json_body.h"
 
-#include "support/plist/unicode.h"
+#include "support/unicode.h"
 
 namespace netvane::PublicIPService {
 namespace {
@@ -126,7 +126,7 @@ private:
             if (!low || *low < 0xDC00 || *low > 0xDFFF) return false;
             codePoint = 0x10000 + ((codePoint - 0xD800) << 10) + (*low - 0xDC00);
         }
-        return plist::appendCodePoint(codePoint, out);  // refuses a lone low surrogate
+        return appendCodePoint(codePoint, out);  // refuses a lone low surrogate
     }
 
     std::optional<std::uint32_t> hex4() {
@@ -199,7 +199,7 @@ const JSONValue* JSONValue::member(std::string_view key) const {
 
 std::optional<JSONValue> parseJSON(std::span<const std::uint8_t> bytes) {
     const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    if (!plist::isValidUtf8(text)) return std::nullopt;
+    if (!isValidUtf8(text)) return std::nullopt;
     return Parser(text).document();
 }
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "support/plist/plist.h"
-#include "support/plist/unicode.h"
+#include "support/unicode.h"
 
 namespace netvane::plist {
 namespace {

@@ -8,7 +8,7 @@
 
 #include "support/memory.h"
 #include "support/plist/plist.h"
-#include "support/plist/unicode.h"
+#include "support/unicode.h"
 
 namespace netvane::plist {
 namespace {

@@ -5,7 +5,7 @@
 
 #include "support/base64.h"
 #include "support/plist/plist.h"
-#include "support/plist/unicode.h"
+#include "support/unicode.h"
 
 namespace netvane::plist {
 namespace {

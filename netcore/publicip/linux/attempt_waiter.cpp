@@ -13,10 +13,10 @@ Result<AttemptWaiter> AttemptWaiter::start(std::chrono::milliseconds timeout, co
     if (!timer) return posixError(errno, "timerfd_create");
     // A zero it_value would disarm the timer: an empty budget expires at once instead.
     const auto budget = std::max(std::chrono::nanoseconds(timeout), std::chrono::nanoseconds(1));
-    itimerspec spec{};
-    spec.it_value.tv_sec = static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(budget).count());
-    spec.it_value.tv_nsec = static_cast<long>((budget % std::chrono::seconds(1)).count());
-    if (::timerfd_settime(timer.get(), 0, &spec, nullptr) != 0) return posixError(errno, "timerfd_settime");
+    itimerspec deadline{};
+    deadline.it_value.tv_sec = static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(budget).count());
+    deadline.it_value.tv_nsec = static_cast<long>((budget % std::chrono::seconds(1)).count());
+    if (::timerfd_settime(timer.get(), 0, &deadline, nullptr) != 0) return posixError(errno, "timerfd_settime");
     return AttemptWaiter(std::move(timer), cancellation);
 }
 

@@ -1,5 +1,5 @@
-// UTF-8 / UTF-16 conversions for the property-list codecs. Strict: unpaired
-// surrogates, overlong forms and code points past U+10FFFF are refused.
+// UTF-8 / UTF-16 checks and conversions. Strict: unpaired surrogates,
+// overlong forms and code points past U+10FFFF are refused.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace netvane::plist {
+namespace netvane {
 
 // `units` UTF-16 code units stored big-endian at `bytes`.
 std::optional<std::string> utf16BigEndianToUtf8(const std::uint8_t* bytes, std::size_t units);
@@ -19,8 +19,10 @@ bool appendUtf8AsUtf16BigEndian(std::string_view text, std::vector<std::uint8_t>
 
 bool isAscii(std::string_view text);
 bool isValidUtf8(std::string_view text);
+// Length of the valid UTF-8 sequence starting at text[i], or 0 when none does.
+std::size_t utf8SequenceLength(std::string_view text, std::size_t i);
 
 // Appends the UTF-8 form of one code point (XML character references).
 bool appendCodePoint(std::uint32_t codePoint, std::string& out);
 
-}  // namespace netvane::plist
+}  // namespace netvane

@@ -1,8 +1,8 @@
-#include "support/plist/unicode.h"
+#include "support/unicode.h"
 
 #include <cstring>
 
-namespace netvane::plist {
+namespace netvane {
 namespace {
 
 // Decodes one code point from valid-or-not UTF-8; returns bytes consumed, 0 on error.
@@ -111,6 +111,11 @@ bool isAscii(std::string_view text) {
     return true;
 }
 
+std::size_t utf8SequenceLength(std::string_view text, std::size_t i) {
+    std::uint32_t cp;
+    return decodeUtf8(text, i, cp);
+}
+
 bool isValidUtf8(std::string_view text) {
     for (std::size_t i = 0; i < text.size();) {
         std::uint32_t cp;
@@ -121,4 +126,4 @@ bool isValidUtf8(std::string_view text) {
     return true;
 }
 
-}  // namespace netvane::plist
+}  // namespace netvane
