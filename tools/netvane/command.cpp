@@ -1,6 +1,9 @@
 #include "command.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <cstdio>
 
 namespace netvane::cli {
@@ -38,6 +41,15 @@ int failure(std::string_view message) {
 
 bool wantsHelp(const Args& args) {
     return std::any_of(args.begin(), args.end(), [](std::string_view a) { return a == "--help" || a == "-h"; });
+}
+
+std::optional<double> parsePositiveSeconds(std::string_view text) {
+    const std::string copy(text);
+    char* end = nullptr;
+    errno = 0;
+    const double value = std::strtod(copy.c_str(), &end);
+    if (copy.empty() || *end != '\0' || errno != 0 || !std::isfinite(value) || value <= 0) return std::nullopt;
+    return value;
 }
 
 int printHelp(const Command& command) {

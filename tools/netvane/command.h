@@ -7,6 +7,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +38,8 @@ int usageError(const Command& command, std::string_view message);
 // Prints "netvane: <message>" to stderr and returns kExitFailure.
 int failure(std::string_view message);
 bool wantsHelp(const Args& args);
+// A finite number of seconds greater than zero, written in full ("2.5").
+std::optional<double> parsePositiveSeconds(std::string_view text);
 int printHelp(const Command& command);
 
 }  // namespace netvane::cli

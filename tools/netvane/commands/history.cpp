@@ -29,15 +29,6 @@ int run(const Args& args);
 const Command command("history", "netvane history show FILE [--period SECONDS] [--json]",
                       "traffic per interface in a rate-history file over the last SECONDS (default 3600)", run);
 
-std::optional<double> parsePeriod(std::string_view text) {
-    std::string copy(text);
-    char* end = nullptr;
-    errno = 0;
-    double value = std::strtod(copy.c_str(), &end);
-    if (copy.empty() || *end != '\0' || errno != 0 || !std::isfinite(value) || value <= 0) return std::nullopt;
-    return value;
-}
-
 // Fills options or returns the usage problem.
 std::optional<std::string> parse(const Args& args, ShowOptions& options) {
     if (args.empty() || args[0] != "show") return "expected the subcommand 'show'";
@@ -48,7 +39,7 @@ std::optional<std::string> parse(const Args& args, ShowOptions& options) {
             options.json = true;
         } else if (arg == "--period") {
             if (++i == args.size()) return "--period needs a number of seconds";
-            auto period = parsePeriod(args[i]);
+            auto period = parsePositiveSeconds(args[i]);
             if (!period) return "--period must be a positive number of seconds, not '" + std::string(args[i]) + "'";
             options.period = *period;
         } else if (arg.starts_with("-") && arg != "-") {

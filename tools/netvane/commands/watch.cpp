@@ -58,17 +58,6 @@ std::string defaultHistoryFile() {
     return "";
 }
 
-std::optional<double> parseSeconds(std::string_view text) {
-    std::string copy(text);
-    char* end = nullptr;
-    errno = 0;
-    double value = std::strtod(copy.c_str(), &end);
-    if (copy.empty() || *end != '\0' || errno != 0 || !std::isfinite(value) || value < kMinimumInterval) {
-        return std::nullopt;
-    }
-    return value;
-}
-
 std::optional<std::uint64_t> parseCount(std::string_view text) {
     std::string copy(text);
     char* end = nullptr;
@@ -89,8 +78,8 @@ std::optional<std::string> parse(const Args& args, WatchOptions& options) {
             options.json = true;
         } else if (arg == "--interval") {
             auto text = next();
-            auto value = text ? parseSeconds(*text) : std::nullopt;
-            if (!value) return "--interval needs a number of seconds of at least 0.05";
+            auto value = text ? parsePositiveSeconds(*text) : std::nullopt;
+            if (!value || *value < kMinimumInterval) return "--interval needs a number of seconds of at least 0.05";
             options.interval = *value;
         } else if (arg == "--count") {
             auto text = next();
