@@ -113,6 +113,11 @@ InterfaceReader::InterfaceReader()
     : sock4_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), sock6_(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
 
 IPv6Address InterfaceReader::ipv6Address(const ifaddrs& entry, const std::string& ifname) const {
+    return ipv6Address(entry, ifname, nullptr);
+}
+
+IPv6Address InterfaceReader::ipv6Address(const ifaddrs& entry, const std::string& ifname,
+                                         const AddressList* list) const {
     sockaddr_in6 socketAddress{};
     std::memcpy(&socketAddress, entry.ifa_addr, sizeof socketAddress);
     std::uint8_t* bytes = socketAddress.sin6_addr.s6_addr;
@@ -128,49 +133,69 @@ IPv6Address InterfaceReader::ipv6Address(const ifaddrs& entry, const std::string
     } else {
         address.scopeID = socketAddress.sin6_scope_id;
     }
+    std::optional<std::uint32_t> known = list != nullptr ? list->in6Flags(entry) : std::nullopt;
     std::uint32_t flags = 0;
-    if (nv_get_in6_addr_flags(sock6_.get(), ifname.c_str(), &socketAddress, &flags)) address.flags = flags;
+    if (known) {
+        address.flags = *known;
+    } else if (nv_get_in6_addr_flags(sock6_.get(), ifname.c_str(), &socketAddress, &flags)) {
+        address.flags = flags;
+    }
     address.address = ntop(AF_INET6, shown.data());
     if (entry.ifa_netmask != nullptr) address.prefixLength = prefixLength(entry.ifa_netmask, AF_INET6);
     return address;
 }
 
-std::optional<MediaInfo> InterfaceReader::media(const std::string& ifname) const {
-    nv_media_t word{};
-    if (!nv_get_media(sock4_.get(), ifname.c_str(), &word)) return std::nullopt;
-    MediaInfo info;
-    info.status = nv_media_status_valid(word.status)
-                      ? (nv_media_status_active(word.status) ? MediaStatus::active : MediaStatus::inactive)
-                      : MediaStatus::unknown;
-    info.current = mediaWord(word.current);
-    if (word.active != word.current) info.active = mediaWord(word.active);
-    return info;
+KernelFacts InterfaceReader::askShim(const InterfaceSnapshot& snapshot) const {
+    const char* name = snapshot.name.c_str();
+    KernelFacts facts;
+    nv_ifdata_t data{};
+    if (snapshot.index != 0 && nv_get_ifdata(snapshot.index, name, &data)) facts.data = data;
+    nv_media_t media{};
+    if (nv_get_media(sock4_.get(), name, &media)) facts.media = media;
+    std::uint32_t value = 0;
+    if (nv_get_curcap(sock4_.get(), name, &value)) facts.capabilities = value;
+    value = 0;
+    if (nv_get_nd6_flags(sock6_.get(), name, &value)) facts.nd6Flags = value;
+    value = 0;
+    if (nv_get_functional_type(sock4_.get(), name, &value)) facts.functionalType = value;
+    return facts;
 }
 
-void InterfaceReader::readIoctls(InterfaceSnapshot& snapshot) const {
-    const char* name = snapshot.name.c_str();
-    snapshot.media = media(snapshot.name);
-    std::uint32_t value = 0;
-    if (nv_get_curcap(sock4_.get(), name, &value)) snapshot.capabilities = value;
-    value = 0;
-    if (nv_get_nd6_flags(sock6_.get(), name, &value)) snapshot.nd6Flags = value;
-    value = 0;
-    if (nv_get_functional_type(sock4_.get(), name, &value)) {
-        snapshot.functionalType = functionalTypeFromRaw(value).value_or(FunctionalType::unknown);
+void InterfaceReader::apply(const KernelFacts& facts, InterfaceSnapshot& snapshot) const {
+    if (const auto& data = facts.data) {
+        snapshot.counters = InterfaceCounters{data->ibytes,     data->obytes,  data->ipackets, data->opackets,
+                                              data->ierrors,    data->oerrors, data->imcasts,  data->omcasts,
+                                              data->collisions, data->iqdrops};
+        snapshot.mtu = data->mtu;
+        snapshot.ifType = data->type;
+        snapshot.baudrate = data->baudrate;
     }
-    value = 0;
-    if (snapshot.mtu == 0 && nv_get_mtu(sock4_.get(), name, &value)) snapshot.mtu = value;
+    if (const auto& word = facts.media) {
+        MediaInfo info;
+        info.status = nv_media_status_valid(word->status)
+                          ? (nv_media_status_active(word->status) ? MediaStatus::active : MediaStatus::inactive)
+                          : MediaStatus::unknown;
+        info.current = mediaWord(word->current);
+        if (word->active != word->current) info.active = mediaWord(word->active);
+        snapshot.media = std::move(info);
+    }
+    snapshot.capabilities = facts.capabilities;
+    snapshot.nd6Flags = facts.nd6Flags;
+    if (facts.functionalType) {
+        snapshot.functionalType = functionalTypeFromRaw(*facts.functionalType).value_or(FunctionalType::unknown);
+    }
+    std::uint32_t mtu = 0;
+    if (snapshot.mtu == 0 && nv_get_mtu(sock4_.get(), snapshot.name.c_str(), &mtu)) snapshot.mtu = mtu;
 }
 
 std::vector<InterfaceSnapshot> InterfaceReader::snapshot() const {
-    ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) != 0) return {};
-    std::vector<InterfaceSnapshot> result = snapshot(list);
-    ::freeifaddrs(list);
-    return result;
+    const AddressList list = AddressList::read();
+    return snapshot(list.entries(), &list);
 }
 
-std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list) const {
+std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list) const { return snapshot(list, nullptr); }
+
+std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list, const AddressList* known) const {
     std::vector<InterfaceSnapshot> snapshots;
     std::unordered_map<std::string, std::size_t> byName;
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
@@ -189,7 +214,7 @@ std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list) co
         if (family == AF_INET) {
             snapshot.ipv4.push_back(ipv4Address(*entry));
         } else if (family == AF_INET6) {
-            snapshot.ipv6.push_back(ipv6Address(*entry, name));
+            snapshot.ipv6.push_back(ipv6Address(*entry, name, known));
         } else if (std::uint16_t index = nv_sockaddr_dl_index(asLinkAddress(entry->ifa_addr)); index != 0) {
             snapshot.index = index;
             std::array<std::uint8_t, kLinkAddressCapacity> bytes{};
@@ -205,16 +230,8 @@ std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list) co
         // one: the link entry's index would replace it anyway, and the
         // question costs a socket of its own per interface.
         if (snapshot.index == 0) snapshot.index = ::if_nametoindex(snapshot.name.c_str());
-        nv_ifdata_t data{};
-        if (snapshot.index != 0 && nv_get_ifdata(snapshot.index, snapshot.name.c_str(), &data)) {
-            snapshot.counters = InterfaceCounters{data.ibytes,   data.obytes,  data.ipackets,  data.opackets,
-                                                  data.ierrors,  data.oerrors, data.imcasts,   data.omcasts,
-                                                  data.collisions, data.iqdrops};
-            snapshot.mtu = data.mtu;
-            snapshot.ifType = data.type;
-            snapshot.baudrate = data.baudrate;
-        }
-        readIoctls(snapshot);
+        const KernelFacts* facts = known != nullptr ? known->facts(snapshot.name) : nullptr;
+        apply(facts != nullptr ? *facts : askShim(snapshot), snapshot);
     }
     return snapshots;
 }

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "netcore/interfaces/interface_snapshot.h"
+#include "netcore/interfaces/platform_address_list.h"
 #include "support/unique_fd.h"
 
 struct ifaddrs;
@@ -40,8 +41,13 @@ public:
     IPv6Address ipv6Address(const ifaddrs& entry, const std::string& ifname) const;
 
 private:
-    void readIoctls(InterfaceSnapshot& snapshot) const;
-    std::optional<MediaInfo> media(const std::string& ifname) const;
+    std::vector<InterfaceSnapshot> snapshot(const ifaddrs* list, const AddressList* known) const;
+    IPv6Address ipv6Address(const ifaddrs& entry, const std::string& ifname, const AddressList* known) const;
+    // The per-interface requests, for an interface the list has no facts on.
+    KernelFacts askShim(const InterfaceSnapshot& snapshot) const;
+    // Fills media, capabilities, ND6 flags, functional type, and the MTU if
+    // still unknown.
+    void apply(const KernelFacts& facts, InterfaceSnapshot& snapshot) const;
 
     UniqueFd sock4_;
     UniqueFd sock6_;

@@ -1,10 +1,20 @@
-// What the address list's entries say differently on each platform; one
-// implementation per OS in its subfolder.
+// The system's interface-address list and what its entries say differently
+// on each platform; one implementation per OS in its subfolder.
+//
+// A platform that learns the per-interface kernel facts in the same pass as
+// the list hands them out with it, sparing the reader one request per fact
+// and interface; for every fact it does not have, the reader asks the shim.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
 
+#include "netcore/shim/nv_shim.h"
+
+struct ifaddrs;
 struct sockaddr;
 
 namespace netvane {
@@ -15,5 +25,39 @@ std::size_t netmaskLength(const sockaddr* netmask, int family);
 
 // An entry's interface flags in the IFF_* layout of BitNames::interfaceFlags.
 std::uint32_t interfaceFlagsFromEntry(unsigned int entryFlags);
+
+// What the shim's per-interface requests answer about one interface; a field
+// is empty where its request failed.
+struct KernelFacts {
+    std::optional<nv_ifdata_t> data;
+    std::optional<nv_media_t> media;
+    std::optional<std::uint32_t> capabilities;
+    std::optional<std::uint32_t> nd6Flags;
+    std::optional<std::uint32_t> functionalType;
+};
+
+class AddressList {
+public:
+    // One reading of the list; empty when the system would not give one.
+    static AddressList read();
+
+    AddressList();
+    AddressList(AddressList&&) noexcept;
+    AddressList& operator=(AddressList&&) noexcept;
+    ~AddressList();
+
+    // The entries in the system's order; null when there are none.
+    const ifaddrs* entries() const;
+    // The facts of the interface of that name, when this reading has them.
+    const KernelFacts* facts(std::string_view name) const;
+    // The IN6_IFF_* flags of an IPv6 entry of this list, when it has them.
+    std::optional<std::uint32_t> in6Flags(const ifaddrs& entry) const;
+
+    struct State;
+
+private:
+    explicit AddressList(std::unique_ptr<State> state);
+    std::unique_ptr<State> state_;
+};
 
 }  // namespace netvane

@@ -3,6 +3,8 @@
 // with the test process). Traffic only ever leaves for addresses of that
 // namespace.
 #include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <linux/ethtool.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -15,6 +17,8 @@
 
 #include "network_namespace.h"
 #include "netcore/interfaces/interface_reader.h"
+#include "netcore/interfaces/platform_address_list.h"
+#include "netcore/shim/linux/nv_linux.h"
 #include "netcore/shim/nv_shim.h"
 #include "netcore/sysconfig/tunnel_owners.h"
 
@@ -213,6 +217,143 @@ TEST_F(KernelTest, RenamedInterfaceDoesNotLeakTheOthersCounters) {
     ASSERT_TRUE(renamed);
     EXPECT_NE(renamed->index, oldIndex);
     EXPECT_LT(renamed->counters.bytesOut, 200u * 1000u);
+}
+
+// One entry of an address list, as text that both lists must agree on. They
+// differ on purpose in two ways, evened out here: the C library gives a link
+// without a hardware address no address at all (ours carries the index), and
+// takes an IPv4 address without broadcast or peer for its own broadcast.
+std::string describe(const ifaddrs& entry) {
+    const auto address = [](const sockaddr* a) -> std::string {
+        if (a == nullptr) return "-";
+        if (a->sa_family == AF_INET) return ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(a)->sin_addr);
+        if (a->sa_family == AF_INET6) {
+            const auto* v6 = reinterpret_cast<const sockaddr_in6*>(a);
+            return ntop(AF_INET6, &v6->sin6_addr) + "%" + std::to_string(v6->sin6_scope_id);
+        }
+        std::uint8_t bytes[32] = {};
+        const auto* link = reinterpret_cast<const sockaddr_dl*>(a);
+        const int length = nv_sockaddr_dl_lladdr(link, bytes, sizeof bytes);
+        if (length == 0) return "-";
+        return "link " + std::to_string(nv_sockaddr_dl_index(link)) + " type " +
+               std::to_string(nv_sockaddr_dl_type(link)) + " ends " + std::to_string(bytes[length - 1]);
+    };
+    std::string text = std::string(entry.ifa_name) + " flags " + std::to_string(entry.ifa_flags) + " " +
+                       address(entry.ifa_addr) + " mask " + address(entry.ifa_netmask);
+    if (entry.ifa_addr == nullptr || entry.ifa_addr->sa_family == AF_PACKET) return text;
+    const std::string other = address(entry.ifa_dstaddr);
+    return text + " other " + (other == address(entry.ifa_addr) ? "-" : other);
+}
+
+std::vector<std::string> describeAll(const ifaddrs* list) {
+    std::vector<std::string> lines;
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) lines.push_back(describe(*entry));
+    return lines;
+}
+
+// A namespace with some of everything a reading meets.
+void makeVariedInterfaces() {
+    ASSERT_TRUE(sh("ip link add nva type veth peer name nvb && ip link set nva up && ip link set nvb up"));
+    ASSERT_TRUE(sh("ip addr add 10.9.0.1/24 brd + dev nva && ip addr add 10.9.1.1/16 brd + dev nva label nva:1"));
+    ASSERT_TRUE(sh("ip -6 addr add fd00:9::1/64 dev nva nodad && ip -6 addr add fd00:9::2/64 dev nvb"));
+    ASSERT_TRUE(sh("ip link set nvb mtu 1400 && ip link set nvb arp off"));
+    ASSERT_TRUE(sh("ip tuntap add dev nvtun mode tun && ip addr add 10.8.0.1 peer 10.8.0.2 dev nvtun"));
+    ASSERT_TRUE(sh("sysctl -qw net.ipv6.conf.nva.accept_ra=2 net.ipv6.conf.nvb.disable_ipv6=1"));
+}
+
+TEST_F(KernelTest, OnePassListHasTheSystemListsEntriesInItsOrder) {
+    makeVariedInterfaces();
+    ifaddrs* system = nullptr;
+    ASSERT_EQ(::getifaddrs(&system), 0);
+    const std::vector<std::string> expected = describeAll(system);
+    ::freeifaddrs(system);
+    const AddressList list = AddressList::read();
+    EXPECT_EQ(describeAll(list.entries()), expected);
+}
+
+TEST_F(KernelTest, OnePassListKnowsWhatThePerInterfaceRequestsAnswer) {
+    makeVariedInterfaces();
+    const AddressList list = AddressList::read();
+    UniqueFd sock4(::socket(AF_INET, SOCK_DGRAM, 0)), sock6(::socket(AF_INET6, SOCK_DGRAM, 0));
+    std::size_t interfaces = 0, ipv6 = 0;
+    for (const ifaddrs* entry = list.entries(); entry != nullptr; entry = entry->ifa_next) {
+        const char* name = entry->ifa_name;
+        if (entry->ifa_addr->sa_family == AF_INET6) {
+            std::uint32_t flags = 0;
+            ASSERT_EQ(nv_get_in6_addr_flags(sock6.get(), name, reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr),
+                                            &flags), 1);
+            EXPECT_EQ(list.in6Flags(*entry), flags) << name;
+            ++ipv6;
+        }
+        if (entry->ifa_addr->sa_family != AF_PACKET) continue;
+        SCOPED_TRACE(name);
+        ++interfaces;
+        const KernelFacts* facts = list.facts(name);
+        ASSERT_NE(facts, nullptr);
+        nv_ifdata_t data{};
+        ASSERT_EQ(nv_get_ifdata(if_nametoindex(name), name, &data), 1);
+        ASSERT_TRUE(facts->data);
+        EXPECT_EQ(facts->data->mtu, data.mtu);
+        EXPECT_EQ(facts->data->type, data.type);
+        EXPECT_EQ(facts->data->baudrate, data.baudrate);
+        // Counters only grow, and the requests came later.
+        EXPECT_LE(facts->data->opackets, data.opackets);
+        EXPECT_LE(facts->data->obytes, data.obytes);
+
+        nv_media_t media{};
+        const bool hasMedia = nv_get_media(sock4.get(), name, &media) == 1;
+        ASSERT_EQ(facts->media.has_value(), hasMedia);
+        if (hasMedia) {
+            EXPECT_EQ(std::tie(facts->media->current, facts->media->active, facts->media->status),
+                      std::tie(media.current, media.active, media.status));
+        }
+        std::uint32_t value = 0;
+        EXPECT_EQ(facts->capabilities, nv_get_curcap(sock4.get(), name, &value) ? std::optional(value) : std::nullopt);
+        value = 0;
+        EXPECT_EQ(facts->nd6Flags, nv_get_nd6_flags(sock6.get(), name, &value) ? std::optional(value) : std::nullopt);
+        value = 0;
+        EXPECT_EQ(facts->functionalType,
+                  nv_get_functional_type(sock4.get(), name, &value) ? std::optional(value) : std::nullopt);
+    }
+    EXPECT_EQ(interfaces, 4u);  // lo, nva, nvb, nvtun
+    EXPECT_GE(ipv6, 3u);
+    EXPECT_EQ(list.facts("nva:1"), nullptr);  // a label, not an interface
+}
+
+TEST_F(KernelTest, BroadcastOnlyWhereTheAddressHasOneAndDestinationOnlyForAPeer) {
+    ASSERT_TRUE(sh("ip link add nva type veth peer name nvb && ip addr add 10.9.0.1/24 dev nva"));
+    ASSERT_TRUE(sh("ip tuntap add dev nvtun mode tun && ip addr add 10.8.0.1/32 dev nvtun"));
+    auto veth = read("nva");
+    auto tun = read("nvtun");
+    ASSERT_TRUE(veth && tun);
+    ASSERT_EQ(veth->ipv4.size(), 1u);
+    EXPECT_FALSE(veth->ipv4[0].broadcast);
+    ASSERT_EQ(tun->ipv4.size(), 1u);
+    EXPECT_FALSE(tun->ipv4[0].destination);
+}
+
+TEST_F(KernelTest, LinkSettingsRecoverFromAWrongMaskSizeAndFeatureTablesMustMatch) {
+    makeVethPair();
+    UniqueFd sock(::socket(AF_INET, SOCK_DGRAM, 0));
+    ethtool_link_settings settings{};
+    int words = 1;  // the kernel's is larger
+    ASSERT_EQ(nv_linux_link_settings(sock.get(), "nva", &words, &settings), 1);
+    EXPECT_GT(words, 1);
+    const int kernels = words;
+    ASSERT_EQ(nv_linux_link_settings(sock.get(), "nvb", &words, &settings), 1);
+    EXPECT_EQ(words, kernels);
+    EXPECT_EQ(nv_linux_baudrate(&settings), 10'000'000'000u);  // veth reports 10 Gb/s
+
+    auto table = std::make_unique<nv_linux_features_t>();
+    ASSERT_EQ(nv_linux_feature_table(sock.get(), "nva", table.get()), 1);
+    std::uint32_t caps = 0, expected = 0;
+    ASSERT_EQ(nv_linux_curcap(sock.get(), "nvb", table.get(), &caps), 1);
+    ASSERT_EQ(nv_get_curcap(sock.get(), "nvb", &expected), 1);
+    EXPECT_EQ(caps, expected);
+    table->count += 32;  // a table of another kernel
+    caps = 7;
+    EXPECT_EQ(nv_linux_curcap(sock.get(), "nvb", table.get(), &caps), 0);
+    EXPECT_EQ(caps, 7u);
 }
 
 }  // namespace

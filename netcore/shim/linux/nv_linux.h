@@ -10,11 +10,14 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "netcore/shim/nv_shim.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 struct ethtool_link_settings;
+struct nlmsghdr;
 
 /* The Ethernet media word of a link: subtype by speed (Mb/s) and ethtool
  * port, duplex and flow-control options. 0 for an unknown speed. */
@@ -41,6 +44,12 @@ uint32_t nv_linux_nd6_flags(int accept_ra, int disable_ipv6, int accept_dad, int
 /* IN6_IFF_* bits from the 32-bit IFA_F_* flags of an IPv6 address. */
 uint32_t nv_linux_in6_flags(uint32_t ifa_flags);
 
+/* The shim's interface data from the kernel's 64-bit link statistics (the
+ * IFLA_STATS64 payload of `length` bytes, at least NV_LINUX_STATS64_MIN: the
+ * fields up to the collisions), MTU and hardware type; line rate 0. */
+#define NV_LINUX_STATS64_MIN (10 * sizeof(uint64_t))
+void nv_linux_ifdata(const void* stats, size_t length, uint32_t mtu, uint32_t hardware_type, nv_ifdata_t* out);
+
 /* Interface flags in the IFF_* layout of the shared bit names. */
 uint32_t nv_linux_interface_flags(uint32_t kernel_flags);
 
@@ -51,9 +60,42 @@ int nv_linux_fdinfo_iff(const char* text, size_t length, char name[16]);
 /* Bounded, zero-filled copy of an interface name into a 16-byte field. */
 void nv_linux_copy_name(char dest[16], const char* ifname);
 
-/* Speed, duplex, port and negotiation of a link (ETHTOOL_GLINKSETTINGS with
- * its two-call handshake on the mask size); sock may be any socket. */
-int nv_linux_link_settings(int sock, const char* ifname, struct ethtool_link_settings* out);
+/* Speed, duplex, port and negotiation of a link (ETHTOOL_GLINKSETTINGS);
+ * sock may be any socket. *words, when given, is the mask size to try first
+ * (0: unknown, costing one more request) and on success the kernel's. */
+int nv_linux_link_settings(int sock, const char* ifname, int* words, struct ethtool_link_settings* out);
+/* The line rate of link settings in bits per second; 0 when unknown. */
+uint64_t nv_linux_baudrate(const struct ethtool_link_settings* settings);
+/* The media words of a link whose settings are in hand; asks the link state
+ * and the pause settings. */
+int nv_linux_media(int sock, const char* ifname, const struct ethtool_link_settings* settings, nv_media_t* out);
+
+/* Capability bits by ethtool feature number. The feature names are the
+ * kernel's, the same for every interface, so one table serves a whole
+ * reading. */
+#define NV_LINUX_MAX_FEATURES 1024
+typedef struct nv_linux_features {
+    uint32_t count;
+    int32_t vlan_challenged; /* its feature number, or -1 */
+    uint32_t capability[NV_LINUX_MAX_FEATURES];
+} nv_linux_features_t;
+int nv_linux_feature_table(int sock, const char* ifname, nv_linux_features_t* out);
+/* The enabled capabilities by a table in hand; fails also when the
+ * interface's feature count is not the table's. */
+int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* table, uint32_t* out);
+
+/* Whether a hardware device backs the interface (its sysfs device link). */
+int nv_linux_has_device(const char* ifname);
+/* Functional type of an interface whose hardware type is known; sysfs is
+ * asked only about hardware interfaces. */
+uint32_t nv_linux_read_functional_type(const char* ifname, uint32_t hardware_type, int hardware);
+
+/* Sends a dump request on a netlink socket and hands every reply message of
+ * `type` to visit. 1 when the dump completed; *interrupted (optional) tells
+ * whether the kernel flagged it as changed while it ran. */
+typedef void (*nv_linux_visit_t)(const struct nlmsghdr* message, void* context);
+int nv_linux_netlink_dump(int fd, struct nlmsghdr* request, uint16_t type, nv_linux_visit_t visit, void* context,
+                          int* interrupted);
 
 /* Reads a small text file relative to dirfd into buf (terminated); the
  * number of bytes read, or -1. */

@@ -13,8 +13,6 @@
 #define NV_ETHERNET_NONE 0x22
 /* ethtool's mask count is a signed byte. */
 #define NV_MAX_MASK_WORDS 127
-/* A feature-name table beyond this is not a kernel we understand. */
-#define NV_MAX_FEATURES 1024
 
 static int ethtool(int sock, const char* ifname, void* request) {
     struct ifreq ifr;
@@ -24,31 +22,41 @@ static int ethtool(int sock, const char* ifname, void* request) {
     return ioctl(sock, SIOCETHTOOL, &ifr) == 0;
 }
 
-/* The kernel answers the first call with the mask size it wants (negated). */
-int nv_linux_link_settings(int sock, const char* ifname, struct ethtool_link_settings* out) {
-    const size_t size = sizeof(struct ethtool_link_settings) + 3 * NV_MAX_MASK_WORDS * sizeof(uint32_t);
-    struct ethtool_link_settings* request = calloc(1, size);
-    if (!request) return 0;
+static int link_settings_call(int sock, const char* ifname, struct ethtool_link_settings* request, int words) {
+    memset(request, 0, sizeof *request + 3 * (size_t)NV_MAX_MASK_WORDS * sizeof(uint32_t));
     request->cmd = ETHTOOL_GLINKSETTINGS;
-    int ok = ethtool(sock, ifname, request);
-    int words = -request->link_mode_masks_nwords;
-    ok = ok && words > 0 && words <= NV_MAX_MASK_WORDS;
-    if (ok) {
-        memset(request, 0, size);
-        request->cmd = ETHTOOL_GLINKSETTINGS;
-        request->link_mode_masks_nwords = (int8_t)words;
-        ok = ethtool(sock, ifname, request) && request->link_mode_masks_nwords == words;
+    request->link_mode_masks_nwords = (int8_t)words;
+    return ethtool(sock, ifname, request);
+}
+
+/* Asked with the wrong mask size, the kernel answers with the size it wants
+ * (negated) and nothing else; the size is the kernel's, the same for every
+ * interface, so a caller reading many interfaces passes it on. */
+int nv_linux_link_settings(int sock, const char* ifname, int* words, struct ethtool_link_settings* out) {
+    const size_t size = sizeof(struct ethtool_link_settings) + 3 * NV_MAX_MASK_WORDS * sizeof(uint32_t);
+    struct ethtool_link_settings* request = malloc(size);
+    if (!request) return 0;
+    int known = words && *words > 0 && *words <= NV_MAX_MASK_WORDS ? *words : 0;
+    int ok = link_settings_call(sock, ifname, request, known);
+    if (ok && request->link_mode_masks_nwords != known) {
+        known = -request->link_mode_masks_nwords;
+        ok = known > 0 && known <= NV_MAX_MASK_WORDS && link_settings_call(sock, ifname, request, known) &&
+             request->link_mode_masks_nwords == known;
     }
-    if (ok) *out = *request;
+    if (ok) {
+        *out = *request;
+        if (words) *words = known;
+    }
     free(request);
     return ok;
 }
 
-int nv_get_media(int sock, const char* ifname, nv_media_t* out) {
-    if (!ifname || !out) return 0;
-    struct ethtool_link_settings settings;
-    if (!nv_linux_link_settings(sock, ifname, &settings)) return 0;
+uint64_t nv_linux_baudrate(const struct ethtool_link_settings* settings) {
+    if (settings->speed == 0 || settings->speed == (uint32_t)SPEED_UNKNOWN) return 0;
+    return (uint64_t)settings->speed * 1000000u;
+}
 
+int nv_linux_media(int sock, const char* ifname, const struct ethtool_link_settings* settings, nv_media_t* out) {
     struct ethtool_value link = {.cmd = ETHTOOL_GLINK, .data = 0};
     int link_known = ethtool(sock, ifname, &link);
     struct ethtool_pauseparam pause;
@@ -56,18 +64,25 @@ int nv_get_media(int sock, const char* ifname, nv_media_t* out) {
     pause.cmd = ETHTOOL_GPAUSEPARAM;
     int flow_control = ethtool(sock, ifname, &pause) && (pause.rx_pause || pause.tx_pause);
 
-    int active = nv_linux_media_word(settings.speed, settings.port, settings.duplex, flow_control);
+    int active = nv_linux_media_word(settings->speed, settings->port, settings->duplex, flow_control);
     /* A link known to be down has no speed; it still has a medium: none. */
     if (active == 0 && link_known && !link.data) active = NV_ETHERNET_NONE;
     if (active == 0) return 0;
     out->active = active;
-    out->current = settings.autoneg == AUTONEG_ENABLE ? NV_ETHERNET_AUTOSELECT : active;
+    out->current = settings->autoneg == AUTONEG_ENABLE ? NV_ETHERNET_AUTOSELECT : active;
     out->status = link_known ? (NV_MEDIA_STATUS_VALID | (link.data ? NV_MEDIA_STATUS_ACTIVE : 0)) : 0;
     return 1;
 }
 
-/* The feature names and the active feature bits, read in three requests. */
-static int enabled_features(int sock, const char* ifname, uint32_t* caps) {
+int nv_get_media(int sock, const char* ifname, nv_media_t* out) {
+    if (!ifname || !out) return 0;
+    struct ethtool_link_settings settings;
+    return nv_linux_link_settings(sock, ifname, NULL, &settings) && nv_linux_media(sock, ifname, &settings, out);
+}
+
+/* The feature names come from a table of the kernel's own, the same for
+ * every interface; only the enabled bits are the interface's. */
+int nv_linux_feature_table(int sock, const char* ifname, nv_linux_features_t* out) {
     /* One set asked, so one count follows the header. */
     struct ethtool_sset_info* sset = calloc(1, sizeof *sset + sizeof(uint32_t));
     if (!sset) return 0;
@@ -76,51 +91,65 @@ static int enabled_features(int sock, const char* ifname, uint32_t* caps) {
     int known = ethtool(sock, ifname, sset) && (sset->sset_mask & (1ull << ETH_SS_FEATURES));
     uint32_t count = known ? sset->data[0] : 0;
     free(sset);
-    if (count == 0 || count > NV_MAX_FEATURES) return 0;
+    if (count == 0 || count > NV_LINUX_MAX_FEATURES) return 0;
 
-    uint32_t blocks = (count + 31) / 32;
     struct ethtool_gstrings* names = calloc(1, sizeof *names + (size_t)count * ETH_GSTRING_LEN);
-    struct ethtool_gfeatures* features =
-        calloc(1, sizeof *features + blocks * sizeof(struct ethtool_get_features_block));
-    int ok = names && features;
+    if (!names) return 0;
+    names->cmd = ETHTOOL_GSTRINGS;
+    names->string_set = ETH_SS_FEATURES;
+    names->len = count;
+    int ok = ethtool(sock, ifname, names) && names->len == count;
     if (ok) {
-        names->cmd = ETHTOOL_GSTRINGS;
-        names->string_set = ETH_SS_FEATURES;
-        names->len = count;
-        features->cmd = ETHTOOL_GFEATURES;
-        features->size = blocks;
-        ok = ethtool(sock, ifname, names) && ethtool(sock, ifname, features) && names->len == count;
-    }
-    if (ok) {
-        uint32_t result = 1u << 2; /* VLAN_MTU, unless the device is VLAN-challenged */
+        out->count = count;
+        out->vlan_challenged = -1;
         for (uint32_t i = 0; i < count; ++i) {
             char name[ETH_GSTRING_LEN + 1];
             memcpy(name, names->data + (size_t)i * ETH_GSTRING_LEN, ETH_GSTRING_LEN);
             name[ETH_GSTRING_LEN] = '\0';
-            int on = (features->features[i / 32].active >> (i % 32)) & 1;
-            if (strcmp(name, "vlan-challenged") == 0) {
-                if (on) result &= ~(1u << 2);
-            } else if (on) {
-                result |= nv_linux_feature_capability(name);
-            }
+            if (strcmp(name, "vlan-challenged") == 0) out->vlan_challenged = (int32_t)i;
+            out->capability[i] = nv_linux_feature_capability(name);
         }
-        *caps = result;
     }
     free(names);
+    return ok;
+}
+
+int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* table, uint32_t* out) {
+    if (table->count == 0 || table->count > NV_LINUX_MAX_FEATURES) return 0;
+    uint32_t blocks = (table->count + 31) / 32;
+    struct ethtool_gfeatures* features = calloc(1, sizeof *features + blocks * sizeof(struct ethtool_get_features_block));
+    if (!features) return 0;
+    features->cmd = ETHTOOL_GFEATURES;
+    features->size = blocks;
+    /* The kernel writes back how many blocks it has: another count than the
+     * table's means another table. */
+    int ok = ethtool(sock, ifname, features) && features->size == blocks;
+    if (ok) {
+        uint32_t caps = 1u << 2; /* VLAN_MTU, unless the device is VLAN-challenged */
+        for (uint32_t i = 0; i < table->count; ++i) {
+            if (!((features->features[i / 32].active >> (i % 32)) & 1)) continue;
+            if ((int32_t)i == table->vlan_challenged) {
+                caps &= ~(1u << 2);
+            } else {
+                caps |= table->capability[i];
+            }
+        }
+        struct ethtool_ts_info ts;
+        memset(&ts, 0, sizeof ts);
+        ts.cmd = ETHTOOL_GET_TS_INFO;
+        if (ethtool(sock, ifname, &ts)) caps |= nv_linux_timestamp_capabilities(ts.so_timestamping);
+        *out = caps;
+    }
     free(features);
     return ok;
 }
 
 int nv_get_curcap(int sock, const char* ifname, uint32_t* out) {
     if (!ifname || !out) return 0;
-    uint32_t caps = 0;
-    if (!enabled_features(sock, ifname, &caps)) return 0;
-    struct ethtool_ts_info ts;
-    memset(&ts, 0, sizeof ts);
-    ts.cmd = ETHTOOL_GET_TS_INFO;
-    if (ethtool(sock, ifname, &ts)) caps |= nv_linux_timestamp_capabilities(ts.so_timestamping);
-    *out = caps;
-    return 1;
+    nv_linux_features_t* table = malloc(sizeof *table);
+    int ok = table && nv_linux_feature_table(sock, ifname, table) && nv_linux_curcap(sock, ifname, table, out);
+    free(table);
+    return ok;
 }
 
 int nv_get_mtu(int sock, const char* ifname, uint32_t* out) {

@@ -1,5 +1,6 @@
 /* Counters and IPv6 address flags through single (non-dump) rtnetlink
- * requests, each on a socket of its own that lives only for the call. */
+ * requests, each on a socket of its own that lives only for the call; and
+ * the dump loop of callers that read every interface at once. */
 #include <errno.h>
 #include <linux/ethtool.h>
 #include <linux/if_addr.h>
@@ -17,7 +18,8 @@
 #include "netcore/shim/linux/nv_linux.h"
 #include "netcore/shim/nv_shim.h"
 
-/* Room for one link message with every attribute the kernel adds by default. */
+/* Room for one link message with every attribute the kernel adds by default,
+ * and for the largest batch of dump messages the kernel sends at once. */
 #define NV_NETLINK_REPLY_SIZE 65536
 
 static int netlink_socket(void) { return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE); }
@@ -62,6 +64,27 @@ static void put_attribute(struct nlmsghdr* message, uint16_t type, const void* d
     message->nlmsg_len = NLMSG_ALIGN(message->nlmsg_len) + RTA_ALIGN(attribute->rta_len);
 }
 
+void nv_linux_ifdata(const void* stats, size_t length, uint32_t mtu, uint32_t hardware_type, nv_ifdata_t* out) {
+    /* Kernels append fields to the statistics; older ones send fewer. */
+    struct rtnl_link_stats64 copy;
+    memset(&copy, 0, sizeof copy);
+    memcpy(&copy, stats, length < sizeof copy ? length : sizeof copy);
+    const struct rtnl_link_stats64* s = &copy;
+    memset(out, 0, sizeof *out);
+    out->ibytes = s->rx_bytes;
+    out->obytes = s->tx_bytes;
+    out->ipackets = s->rx_packets;
+    out->opackets = s->tx_packets;
+    out->ierrors = s->rx_errors;
+    out->oerrors = s->tx_errors;
+    out->imcasts = s->multicast; /* Linux counts received multicast only */
+    out->omcasts = 0;
+    out->collisions = s->collisions;
+    out->iqdrops = s->rx_dropped;
+    out->mtu = mtu;
+    out->type = nv_linux_iftype(hardware_type);
+}
+
 int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
     if (!ifname || !out || ifindex == 0 || ifindex > (unsigned)INT32_MAX) return 0;
     struct {
@@ -84,14 +107,16 @@ int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
         int remaining = (int)IFLA_PAYLOAD(reply);
         const char* name = NULL;
         size_t name_length = 0;
-        const struct rtnl_link_stats64* stats = NULL;
+        const unsigned char* stats = NULL;
+        size_t stats_length = 0;
         uint32_t mtu = 0;
         for (struct rtattr* a = IFLA_RTA(info); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
             if (a->rta_type == IFLA_IFNAME) {
                 name = RTA_DATA(a);
                 name_length = RTA_PAYLOAD(a);
-            } else if (a->rta_type == IFLA_STATS64 && RTA_PAYLOAD(a) >= sizeof *stats) {
+            } else if (a->rta_type == IFLA_STATS64) {
                 stats = RTA_DATA(a);
+                stats_length = RTA_PAYLOAD(a);
             } else if (a->rta_type == IFLA_MTU && RTA_PAYLOAD(a) >= sizeof mtu) {
                 memcpy(&mtu, RTA_DATA(a), sizeof mtu);
             }
@@ -102,29 +127,12 @@ int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
         nv_linux_copy_name(expected, ifname);
         memset(actual, 0, sizeof actual);
         if (name) memcpy(actual, name, name_length < 15 ? name_length : 15);
-        if (name && stats && info->ifi_index == (int)ifindex && strncmp(expected, actual, 16) == 0) {
-            struct rtnl_link_stats64 s;
-            memcpy(&s, stats, sizeof s);
+        if (name && stats_length >= NV_LINUX_STATS64_MIN && info->ifi_index == (int)ifindex && strncmp(expected, actual, 16) == 0) {
             nv_ifdata_t data;
-            memset(&data, 0, sizeof data);
-            data.ibytes = s.rx_bytes;
-            data.obytes = s.tx_bytes;
-            data.ipackets = s.rx_packets;
-            data.opackets = s.tx_packets;
-            data.ierrors = s.rx_errors;
-            data.oerrors = s.tx_errors;
-            data.imcasts = s.multicast; /* Linux counts received multicast only */
-            data.omcasts = 0;
-            data.collisions = s.collisions;
-            data.iqdrops = s.rx_dropped;
-            data.mtu = mtu;
-            data.type = nv_linux_iftype(info->ifi_type);
+            nv_linux_ifdata(stats, stats_length, mtu, info->ifi_type, &data);
             /* Interface ioctls work on any socket, the netlink one too. */
             struct ethtool_link_settings settings;
-            if (nv_linux_link_settings(fd, ifname, &settings) && settings.speed != 0 &&
-                settings.speed != (uint32_t)SPEED_UNKNOWN) {
-                data.baudrate = (uint64_t)settings.speed * 1000000u;
-            }
+            if (nv_linux_link_settings(fd, ifname, NULL, &settings)) data.baudrate = nv_linux_baudrate(&settings);
             *out = data;
             ok = 1;
         }
@@ -167,4 +175,42 @@ int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in
     }
     *out = nv_linux_in6_flags(flags);
     return 1;
+}
+
+int nv_linux_netlink_dump(int fd, struct nlmsghdr* request, uint16_t type, nv_linux_visit_t visit, void* context,
+                          int* interrupted) {
+    if (fd < 0 || !request || !visit) return 0;
+    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    struct sockaddr_nl kernel;
+    memset(&kernel, 0, sizeof kernel);
+    kernel.nl_family = AF_NETLINK;
+    if (sendto(fd, request, request->nlmsg_len, 0, (struct sockaddr*)&kernel, sizeof kernel) !=
+        (ssize_t)request->nlmsg_len) {
+        return 0;
+    }
+    unsigned char* buf = malloc(NV_NETLINK_REPLY_SIZE);
+    if (!buf) return 0;
+    int done = 0, failed = 0, changed = 0;
+    while (!done && !failed) {
+        ssize_t n = recv(fd, buf, NV_NETLINK_REPLY_SIZE, MSG_TRUNC);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0 || n > NV_NETLINK_REPLY_SIZE) break;
+        int remaining = (int)n;
+        for (struct nlmsghdr* m = (struct nlmsghdr*)buf; NLMSG_OK(m, remaining); m = NLMSG_NEXT(m, remaining)) {
+            if (m->nlmsg_seq != request->nlmsg_seq) continue;
+            if (m->nlmsg_flags & NLM_F_DUMP_INTR) changed = 1;
+            if (m->nlmsg_type == NLMSG_DONE) {
+                done = 1;
+                break;
+            }
+            if (m->nlmsg_type == NLMSG_ERROR) {
+                failed = 1;
+                break;
+            }
+            if (m->nlmsg_type == type) visit(m, context);
+        }
+    }
+    free(buf);
+    if (interrupted) *interrupted = changed;
+    return done;
 }

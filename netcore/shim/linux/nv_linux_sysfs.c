@@ -58,6 +58,28 @@ static void uevent_devtype(int dirfd, char* devtype, size_t size) {
     devtype[n] = '\0';
 }
 
+int nv_linux_has_device(const char* ifname) {
+    int dir = open_interface_dir("/sys/class/net", ifname);
+    if (dir < 0) return 0;
+    int hardware = faccessat(dir, "device", F_OK, 0) == 0;
+    close(dir);
+    return hardware;
+}
+
+uint32_t nv_linux_read_functional_type(const char* ifname, uint32_t hardware_type, int hardware) {
+    char devtype[32] = "";
+    int wireless = 0;
+    /* Only hardware interfaces need the costlier questions (most interfaces
+     * of a busy host are virtual). */
+    int dir = hardware && hardware_type != ARPHRD_LOOPBACK ? open_interface_dir("/sys/class/net", ifname) : -1;
+    if (dir >= 0) {
+        uevent_devtype(dir, devtype, sizeof devtype);
+        wireless = faccessat(dir, "phy80211", F_OK, 0) == 0 || faccessat(dir, "wireless", F_OK, 0) == 0;
+        close(dir);
+    }
+    return nv_linux_functional_type(hardware_type, devtype, wireless, hardware);
+}
+
 int nv_get_functional_type(int sock, const char* ifname, uint32_t* out) {
     (void)sock;
     if (!ifname || !out) return 0;
@@ -65,19 +87,9 @@ int nv_get_functional_type(int sock, const char* ifname, uint32_t* out) {
     if (dir < 0) return 0;
     long type = 0;
     int ok = nv_linux_read_long(dir, "type", &type);
-    if (ok) {
-        char devtype[32] = "";
-        int wireless = 0;
-        /* Virtual interfaces have no device link; only hardware ones need the
-         * costlier questions (most interfaces of a busy host are virtual). */
-        int hardware = type != ARPHRD_LOOPBACK && faccessat(dir, "device", F_OK, 0) == 0;
-        if (hardware) {
-            uevent_devtype(dir, devtype, sizeof devtype);
-            wireless = faccessat(dir, "phy80211", F_OK, 0) == 0 || faccessat(dir, "wireless", F_OK, 0) == 0;
-        }
-        *out = nv_linux_functional_type((uint32_t)type, devtype, wireless, hardware);
-    }
+    int hardware = ok && type != ARPHRD_LOOPBACK && faccessat(dir, "device", F_OK, 0) == 0;
     close(dir);
+    if (ok) *out = nv_linux_read_functional_type(ifname, (uint32_t)type, hardware);
     return ok;
 }
 

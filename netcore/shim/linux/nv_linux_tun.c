@@ -10,7 +10,10 @@
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/if_link.h>
 #include <linux/if_tun.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <stdlib.h>
 #include <string.h>
@@ -124,8 +127,55 @@ static int scan_process(int proc, const char* pid_text, const namespace_id_t* ou
     return written;
 }
 
+static void count_tun(const struct nlmsghdr* message, void* context) {
+    const struct ifinfomsg* info = NLMSG_DATA(message);
+    int remaining = (int)IFLA_PAYLOAD(message);
+    for (const struct rtattr* a = IFLA_RTA(info); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
+        if (a->rta_type != IFLA_LINKINFO) continue;
+        int inner = (int)RTA_PAYLOAD(a);
+        for (const struct rtattr* k = RTA_DATA(a); RTA_OK(k, inner); k = RTA_NEXT(k, inner)) {
+            if (k->rta_type == IFLA_INFO_KIND && RTA_PAYLOAD(k) == 4 && memcmp(RTA_DATA(k), "tun", 4) == 0) {
+                ++*(int*)context;
+            }
+        }
+    }
+}
+
+/* How many tun interfaces this namespace has (tap ones count too), or -1
+ * when the kernel would not say. The dump asks the kernel to leave out other
+ * kinds; one that cannot is answered with every interface and counted the
+ * same way. */
+static int tun_interfaces(void) {
+    struct {
+        struct nlmsghdr header;
+        struct ifinfomsg info;
+        struct rtattr linkinfo;
+        struct rtattr kind;
+        char name[4];
+    } request;
+    memset(&request, 0, sizeof request);
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = RTM_GETLINK;
+    request.header.nlmsg_seq = 1;
+    request.info.ifi_family = AF_UNSPEC;
+    request.linkinfo.rta_type = IFLA_LINKINFO;
+    request.linkinfo.rta_len = RTA_LENGTH(RTA_LENGTH(sizeof request.name));
+    request.kind.rta_type = IFLA_INFO_KIND;
+    request.kind.rta_len = RTA_LENGTH(sizeof request.name);
+    memcpy(request.name, "tun", 4);
+
+    int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    int count = 0;
+    int ok = nv_linux_netlink_dump(fd, &request.header, RTM_NEWLINK, count_tun, &count, NULL);
+    if (fd >= 0) close(fd);
+    return ok ? count : -1;
+}
+
 int nv_utun_owners(nv_utun_owner_t* out, int max) {
     if (!out || max < 1) return 0;
+    /* Without a tun interface here no descriptor can own one, and the walk
+     * over every process is spared. */
+    if (tun_interfaces() == 0) return 0;
     int proc = open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (proc < 0) return 0;
     namespace_id_t ours;
