@@ -7,110 +7,150 @@
 #include "support/base64.h"
 
 namespace netvane {
-namespace {
 
-class JsonWriter {
-public:
-    explicit JsonWriter(bool pretty) : pretty_(pretty) {}
-
-    std::string run(const plist::Value& value) {
-        write(value, 0);
-        if (pretty_) out_.push_back('\n');
-        return std::move(out_);
-    }
-
-private:
-    void newline(std::size_t depth) {
-        if (!pretty_) return;
-        out_.push_back('\n');
-        out_.append(depth * 2, ' ');
-    }
-
-    template <class Number>
-    void number(Number n) {
-        char buffer[64];
-        auto end = std::to_chars(buffer, buffer + sizeof buffer, n).ptr;
-        out_.append(buffer, end);
-    }
-
-    void write(const plist::Value& value, std::size_t depth) {
-        using Type = plist::Value::Type;
-        switch (value.type()) {
-        case Type::Boolean: out_.append(*value.boolean() ? "true" : "false"); break;
-        case Type::Integer: number(*value.int64()); break;
-        case Type::UnsignedInteger: number(*value.uint64()); break;
-        case Type::Real:
-            if (std::isfinite(*value.real())) {
-                number(*value.real());
-            } else {
-                out_.append("null");
-            }
-            break;
-        case Type::Date: out_.append(jsonQuote(formatISO8601Fraction(*value.date()))); break;
-        case Type::Data: out_.append(jsonQuote(base64Encode(*value.data()))); break;
-        case Type::String: out_.append(jsonQuote(*value.string())); break;
-        case Type::Array: {
-            const auto& array = *value.array();
-            out_.push_back('[');
-            for (std::size_t i = 0; i < array.size(); ++i) {
-                if (i > 0) out_.push_back(',');
-                newline(depth + 1);
-                write(array[i], depth + 1);
-            }
-            if (!array.empty()) newline(depth);
-            out_.push_back(']');
-            break;
-        }
-        case Type::Dictionary: {
-            const auto& dictionary = *value.dictionary();
-            out_.push_back('{');
-            bool first = true;
-            for (const auto& [key, child] : dictionary) {
-                if (!first) out_.push_back(',');
-                first = false;
-                newline(depth + 1);
-                out_.append(jsonQuote(key));
-                out_.append(pretty_ ? ": " : ":");
-                write(child, depth + 1);
-            }
-            if (!dictionary.empty()) newline(depth);
-            out_.push_back('}');
-            break;
-        }
-        }
-    }
-
-    bool pretty_;
-    std::string out_;
-};
-
-}  // namespace
-
-std::string jsonQuote(std::string_view text) {
-    std::string out;
-    out.reserve(text.size() + 2);
+void appendJsonQuoted(std::string& out, std::string_view text) {
     out.push_back('"');
-    for (char c : text) {
+    std::size_t plain = 0;  // start of the run of characters that need no escape
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c != '"' && c != '\\' && static_cast<unsigned char>(c) >= 0x20) continue;
+        out.append(text.substr(plain, i - plain));
+        plain = i + 1;
         switch (c) {
         case '"': out.append("\\\""); break;
         case '\\': out.append("\\\\"); break;
         case '\n': out.append("\\n"); break;
         case '\r': out.append("\\r"); break;
         case '\t': out.append("\\t"); break;
-        default:
-            if (static_cast<unsigned char>(c) < 0x20) {
-                char escape[8];
-                std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
-                out.append(escape);
-            } else {
-                out.push_back(c);
-            }
+        default: {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
+            out.append(escape);
+        }
         }
     }
+    out.append(text.substr(plain));
     out.push_back('"');
+}
+
+JsonWriter::JsonWriter(bool pretty) : pretty_(pretty) {}
+
+void JsonWriter::newline() {
+    if (!pretty_) return;
+    out_.push_back('\n');
+    out_.append(depth_ * 2, ' ');
+}
+
+void JsonWriter::element() {
+    if (afterKey_) {
+        afterKey_ = false;
+        return;
+    }
+    if (depth_ > 0) {
+        if (!first_) out_.push_back(',');
+        newline();
+    }
+    first_ = false;
+}
+
+void JsonWriter::open(char bracket) {
+    element();
+    out_.push_back(bracket);
+    ++depth_;
+    first_ = true;
+}
+
+void JsonWriter::close(char bracket) {
+    --depth_;
+    if (!first_) newline();
+    out_.push_back(bracket);
+    first_ = false;
+}
+
+void JsonWriter::key(std::string_view name) {
+    element();
+    appendJsonQuoted(out_, name);
+    out_.append(pretty_ ? ": " : ":");
+    afterKey_ = true;
+}
+
+void JsonWriter::string(std::string_view text) {
+    element();
+    appendJsonQuoted(out_, text);
+}
+
+void JsonWriter::boolean(bool value) {
+    element();
+    out_.append(value ? "true" : "false");
+}
+
+template <class Number>
+void JsonWriter::number(Number n) {
+    element();
+    char buffer[64];
+    auto end = std::to_chars(buffer, buffer + sizeof buffer, n).ptr;
+    out_.append(buffer, end);
+}
+
+void JsonWriter::number(std::int64_t n) { number<std::int64_t>(n); }
+void JsonWriter::number(std::uint64_t n) { number<std::uint64_t>(n); }
+
+void JsonWriter::number(double n) {
+    if (std::isfinite(n)) {
+        number<double>(n);
+    } else {
+        element();
+        out_.append("null");
+    }
+}
+
+void JsonWriter::value(const plist::Value& value) {
+    using Type = plist::Value::Type;
+    switch (value.type()) {
+    case Type::Boolean: boolean(*value.boolean()); break;
+    case Type::Integer: number(*value.int64()); break;
+    case Type::UnsignedInteger: number(*value.uint64()); break;
+    case Type::Real: number(*value.real()); break;
+    case Type::Date: string(formatISO8601Fraction(*value.date())); break;
+    case Type::Data: string(base64Encode(*value.data())); break;
+    case Type::String: string(*value.string()); break;
+    case Type::Array:
+        beginArray();
+        for (const plist::Value& element : *value.array()) this->value(element);
+        endArray();
+        break;
+    case Type::Dictionary:
+        beginObject();
+        for (const auto& [name, child] : *value.dictionary()) {
+            key(name);
+            this->value(child);
+        }
+        endObject();
+        break;
+    }
+}
+
+bool JsonWriter::flushTo(std::FILE* stream) {
+    const bool written = std::fwrite(out_.data(), 1, out_.size(), stream) == out_.size();
+    out_.clear();
+    return written;
+}
+
+std::string JsonWriter::take() {
+    if (pretty_) out_.push_back('\n');
+    return std::move(out_);
+}
+
+std::string jsonQuote(std::string_view text) {
+    std::string out;
+    appendJsonQuoted(out, text);
     return out;
 }
 
-std::string toJSON(const plist::Value& value, bool pretty) { return JsonWriter(pretty).run(value); }
+std::string toJSON(const plist::Value& value, bool pretty) {
+    JsonWriter writer(pretty);
+    writer.value(value);
+    return writer.take();
+}
 
 }  // namespace netvane

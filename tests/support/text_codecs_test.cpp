@@ -80,6 +80,66 @@ TEST(Json, EscapesAndConvertsEveryType) {
               "\"list\":[true,[],{}]}");
 }
 
+// The same document written call by call, pretty and compact, and flushed
+// in pieces on the way, against the text of its value.
+TEST(Json, StreamedDocumentMatchesItsValue) {
+    const plist::Value value(plist::Dictionary{
+        {"empty", plist::Dictionary{}},
+        {"list", plist::Array{1, plist::Array{}, plist::Dictionary{{"a", "x\ty"}}, false}},
+        {"nested", plist::Dictionary{{"deep", plist::Dictionary{{"n", 2.25}}}, {"after", -1}}},
+    });
+    const auto stream = [](JsonWriter& json, std::FILE* pieces) {
+        json.beginObject();
+        json.key("empty");
+        json.beginObject();
+        json.endObject();
+        json.key("list");
+        json.beginArray();
+        json.number(std::int64_t{1});
+        json.beginArray();
+        json.endArray();
+        if (pieces != nullptr) {
+            EXPECT_TRUE(json.flushTo(pieces));
+        }
+        json.beginObject();
+        json.key("a");
+        json.string("x\ty");
+        json.endObject();
+        json.boolean(false);
+        json.endArray();
+        json.key("nested");
+        json.beginObject();
+        json.key("deep");
+        json.beginObject();
+        json.key("n");
+        json.number(2.25);
+        json.endObject();
+        if (pieces != nullptr) {
+            EXPECT_TRUE(json.flushTo(pieces));
+        }
+        json.key("after");
+        json.number(std::int64_t{-1});
+        json.endObject();
+        json.endObject();
+    };
+    for (bool pretty : {true, false}) {
+        JsonWriter whole(pretty);
+        stream(whole, nullptr);
+        EXPECT_EQ(whole.take(), toJSON(value, pretty));
+
+        std::FILE* file = std::tmpfile();
+        ASSERT_NE(file, nullptr);
+        JsonWriter pieces(pretty);
+        stream(pieces, file);
+        const std::string rest = pieces.take();
+        std::string text(static_cast<std::size_t>(std::ftell(file)), '\0');
+        std::rewind(file);
+        ASSERT_EQ(std::fread(text.data(), 1, text.size(), file), text.size());
+        std::fclose(file);
+        EXPECT_EQ(text + rest, toJSON(value, pretty));
+    }
+}
+
 }  // namespace
 }  // namespace netvane
 

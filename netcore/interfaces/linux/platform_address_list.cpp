@@ -28,10 +28,11 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <string>
 #include <type_traits>
 #include <unordered_map>
 #include <vector>
@@ -79,28 +80,35 @@ struct Node {
 };
 static_assert(std::is_standard_layout_v<Node>);
 
+// What one link message says, as fixed-size fields: a reading of a few
+// hundred interfaces should not cost an allocation per attribute.
 struct Link {
     int index = 0;
     unsigned flags = 0;
     unsigned short type = 0;
-    std::string name;
-    std::vector<std::uint8_t> address;
+    char name[IF_NAMESIZE] = {};
+    std::uint8_t address[kLinkAddressMax] = {};
+    std::size_t addressLength = 0;  // beyond kLinkAddressMax: none kept
     std::uint32_t mtu = 0;
-    std::vector<unsigned char> stats;
-    std::vector<std::int32_t> inet6Conf;
-    bool hasInet6 = false;
+    std::optional<nv_ifdata_t> data;
+    // accept_ra, disable_ipv6, accept_dad, when the link has IPv6 settings.
+    std::optional<std::array<std::int32_t, 3>> inet6;
     bool hasParent = false;
 };
 
+// One IPv4 or IPv6 address: local, peer (where it differs from local) and
+// broadcast, each present when its length is non-zero.
 struct Address {
     unsigned char family = 0;
     unsigned char prefixLength = 0;
     int index = 0;
     std::uint32_t flags = 0;
-    std::vector<std::uint8_t> local;
-    std::vector<std::uint8_t> peer;  // IFA_ADDRESS: the peer where it differs from IFA_LOCAL
-    std::vector<std::uint8_t> broadcast;
-    std::string label;
+    std::uint8_t local[16] = {};
+    std::uint8_t peer[16] = {};
+    std::uint8_t broadcast[16] = {};
+    bool hasPeer = false;
+    bool hasBroadcast = false;
+    char label[IF_NAMESIZE] = {};
 };
 
 struct Dump {
@@ -108,20 +116,36 @@ struct Dump {
     std::vector<Address> addresses;
 };
 
-std::vector<std::uint8_t> bytesOf(const rtattr* attribute) {
-    const auto* data = static_cast<const std::uint8_t*>(RTA_DATA(attribute));
-    return {data, data + RTA_PAYLOAD(attribute)};
-}
-
-std::string stringOf(const rtattr* attribute) {
+// Copies a string attribute into a name field; false when it does not fit.
+bool copyString(const rtattr* attribute, char (&into)[IF_NAMESIZE]) {
     const char* text = static_cast<const char*>(RTA_DATA(attribute));
-    return {text, strnlen(text, RTA_PAYLOAD(attribute))};
+    const std::size_t length = strnlen(text, RTA_PAYLOAD(attribute));
+    if (length >= sizeof into) return false;
+    std::memcpy(into, text, length);
+    into[length] = '\0';
+    return true;
 }
 
 // Visits the attributes nested in one attribute (or in a message's payload).
 template <typename Visit>
 void forEachAttribute(const rtattr* first, int length, Visit visit) {
     for (const rtattr* a = first; RTA_OK(a, length); a = RTA_NEXT(a, length)) visit(a);
+}
+
+template <typename Visit>
+void forEachNested(const rtattr* parent, Visit visit) {
+    forEachAttribute(static_cast<const rtattr*>(RTA_DATA(parent)), static_cast<int>(RTA_PAYLOAD(parent)), visit);
+}
+
+void readInet6Settings(const rtattr* settings, Link& link) {
+    const std::size_t count = RTA_PAYLOAD(settings) / sizeof(std::int32_t);
+    if (count <= DEVCONF_ACCEPT_RA || count <= DEVCONF_DISABLE_IPV6 || count <= DEVCONF_ACCEPT_DAD) return;
+    const auto value = [&](std::size_t i) {
+        std::int32_t v = 0;
+        std::memcpy(&v, static_cast<const std::uint8_t*>(RTA_DATA(settings)) + i * sizeof v, sizeof v);
+        return v;
+    };
+    link.inet6 = {value(DEVCONF_ACCEPT_RA), value(DEVCONF_DISABLE_IPV6), value(DEVCONF_ACCEPT_DAD)};
 }
 
 void addLink(const nlmsghdr* message, void* context) {
@@ -131,51 +155,64 @@ void addLink(const nlmsghdr* message, void* context) {
     link.index = info->ifi_index;
     link.flags = info->ifi_flags;
     link.type = info->ifi_type;
+    bool named = false;
+    const rtattr* stats = nullptr;
     forEachAttribute(IFLA_RTA(info), static_cast<int>(IFLA_PAYLOAD(message)), [&](const rtattr* a) {
         switch (a->rta_type) {
-        case IFLA_IFNAME: link.name = stringOf(a); break;
-        case IFLA_ADDRESS: link.address = bytesOf(a); break;
+        case IFLA_IFNAME: named = copyString(a, link.name); break;
+        case IFLA_ADDRESS:
+            link.addressLength = RTA_PAYLOAD(a);
+            if (link.addressLength <= kLinkAddressMax) std::memcpy(link.address, RTA_DATA(a), link.addressLength);
+            break;
         case IFLA_MTU:
             if (RTA_PAYLOAD(a) >= sizeof link.mtu) std::memcpy(&link.mtu, RTA_DATA(a), sizeof link.mtu);
             break;
-        case IFLA_STATS64: link.stats = bytesOf(a); break;
+        case IFLA_STATS64: stats = a; break;
         case IFLA_PARENT_DEV_NAME: link.hasParent = true; break;
         case IFLA_AF_SPEC:
-            forEachAttribute(static_cast<const rtattr*>(RTA_DATA(a)), static_cast<int>(RTA_PAYLOAD(a)),
-                             [&](const rtattr* family) {
-                                 if (family->rta_type != AF_INET6) return;
-                                 link.hasInet6 = true;
-                                 forEachAttribute(static_cast<const rtattr*>(RTA_DATA(family)),
-                                                  static_cast<int>(RTA_PAYLOAD(family)), [&](const rtattr* setting) {
-                                                      if (setting->rta_type != IFLA_INET6_CONF) return;
-                                                      link.inet6Conf.resize(RTA_PAYLOAD(setting) / sizeof(std::int32_t));
-                                                      std::memcpy(link.inet6Conf.data(), RTA_DATA(setting),
-                                                                  link.inet6Conf.size() * sizeof(std::int32_t));
-                                                  });
-                             });
+            forEachNested(a, [&](const rtattr* family) {
+                if (family->rta_type != AF_INET6) return;
+                forEachNested(family, [&](const rtattr* setting) {
+                    if (setting->rta_type == IFLA_INET6_CONF) readInet6Settings(setting, link);
+                });
+            });
             break;
         default: break;
         }
     });
-    if (!link.name.empty()) static_cast<Dump*>(context)->links.push_back(std::move(link));
+    if (!named) return;
+    if (stats != nullptr && RTA_PAYLOAD(stats) >= NV_LINUX_STATS64_MIN) {
+        nv_ifdata_t data{};
+        nv_linux_ifdata(RTA_DATA(stats), RTA_PAYLOAD(stats), link.mtu, link.type, &data);
+        link.data = data;
+    }
+    static_cast<Dump*>(context)->links.push_back(link);
 }
 
 void addAddress(const nlmsghdr* message, void* context) {
     if (message->nlmsg_len < NLMSG_LENGTH(sizeof(ifaddrmsg))) return;
     const auto* info = static_cast<const ifaddrmsg*>(NLMSG_DATA(message));
     if (info->ifa_family != AF_INET && info->ifa_family != AF_INET6) return;
+    const std::size_t size = info->ifa_family == AF_INET ? 4 : 16;
     Address address;
     address.family = info->ifa_family;
     address.prefixLength = info->ifa_prefixlen;
     address.index = static_cast<int>(info->ifa_index);
     address.flags = info->ifa_flags;
-    std::vector<std::uint8_t> destination;
+    const rtattr* destination = nullptr;
+    const rtattr* local = nullptr;
     forEachAttribute(IFA_RTA(info), static_cast<int>(IFA_PAYLOAD(message)), [&](const rtattr* a) {
+        const bool sized = RTA_PAYLOAD(a) == size;
         switch (a->rta_type) {
-        case IFA_ADDRESS: destination = bytesOf(a); break;
-        case IFA_LOCAL: address.local = bytesOf(a); break;
-        case IFA_BROADCAST: address.broadcast = bytesOf(a); break;
-        case IFA_LABEL: address.label = stringOf(a); break;
+        case IFA_ADDRESS: if (sized) destination = a; break;
+        case IFA_LOCAL: if (sized) local = a; break;
+        case IFA_BROADCAST:
+            if (sized) {
+                std::memcpy(address.broadcast, RTA_DATA(a), size);
+                address.hasBroadcast = true;
+            }
+            break;
+        case IFA_LABEL: copyString(a, address.label); break;
         case IFA_FLAGS:
             if (RTA_PAYLOAD(a) >= sizeof address.flags) std::memcpy(&address.flags, RTA_DATA(a), sizeof address.flags);
             break;
@@ -184,16 +221,14 @@ void addAddress(const nlmsghdr* message, void* context) {
     });
     // IFA_ADDRESS is the local address, or the peer's on a point-to-point
     // link, where IFA_LOCAL holds the local one.
-    if (address.local.empty()) {
-        address.local = std::move(destination);
-    } else if (destination != address.local) {
-        address.peer = std::move(destination);
+    if (local == nullptr) local = destination;
+    if (local == nullptr) return;
+    std::memcpy(address.local, RTA_DATA(local), size);
+    if (destination != nullptr && std::memcmp(RTA_DATA(destination), address.local, size) != 0) {
+        std::memcpy(address.peer, RTA_DATA(destination), size);
+        address.hasPeer = true;
     }
-    const std::size_t size = address.family == AF_INET ? 4 : 16;
-    if (address.local.size() != size) return;
-    if (address.peer.size() != size) address.peer.clear();
-    if (address.broadcast.size() != size) address.broadcast.clear();
-    static_cast<Dump*>(context)->addresses.push_back(std::move(address));
+    static_cast<Dump*>(context)->addresses.push_back(address);
 }
 
 // Both dumps, consistent with each other; false when netlink fails.
@@ -266,26 +301,16 @@ private:
 
 KernelFacts factsOf(const Link& link, EthtoolReader& ethtool, bool parentsNamed) {
     KernelFacts facts;
-    if (link.stats.size() >= NV_LINUX_STATS64_MIN) {
-        nv_ifdata_t data{};
-        nv_linux_ifdata(link.stats.data(), link.stats.size(), link.mtu, link.type, &data);
-        facts.data = data;
+    facts.data = link.data;
+    ethtool.read(link.name, facts);
+    if (link.inet6) {
+        const auto& [acceptRA, disabled, acceptDAD] = *link.inet6;
+        facts.nd6Flags = nv_linux_nd6_flags(acceptRA, disabled, acceptDAD, (link.flags & IFF_NOARP) != 0);
     }
-    ethtool.read(link.name.c_str(), facts);
-    const auto& conf = link.inet6Conf;
-    if (link.hasInet6 && conf.size() > DEVCONF_ACCEPT_DAD && conf.size() > DEVCONF_DISABLE_IPV6) {
-        facts.nd6Flags = nv_linux_nd6_flags(conf[DEVCONF_ACCEPT_RA], conf[DEVCONF_DISABLE_IPV6],
-                                            conf[DEVCONF_ACCEPT_DAD], (link.flags & IFF_NOARP) != 0);
-    }
-    const bool hardware = link.type != ARPHRD_LOOPBACK &&
-                          (parentsNamed ? link.hasParent : nv_linux_has_device(link.name.c_str()) != 0);
-    facts.functionalType = nv_linux_read_functional_type(link.name.c_str(), link.type, hardware);
+    const bool hardware =
+        link.type != ARPHRD_LOOPBACK && (parentsNamed ? link.hasParent : nv_linux_has_device(link.name) != 0);
+    facts.functionalType = nv_linux_read_functional_type(link.name, link.type, hardware);
     return facts;
-}
-
-void copyName(char (&dest)[IF_NAMESIZE], const std::string& name) {
-    std::memset(dest, 0, sizeof dest);
-    std::memcpy(dest, name.data(), std::min(name.size(), sizeof dest - 1));
 }
 
 void setAddress(SocketAddress& into, int family, const std::uint8_t* bytes, int index) {
@@ -320,22 +345,22 @@ struct AddressList::State {
     }
 
     void build(const Dump& dump) {
-        std::unordered_map<int, const Link*> byIndex;
+        std::unordered_map<int, const Link*> byIndex(dump.links.size());
         for (const Link& link : dump.links) byIndex.emplace(link.index, &link);
         nodes.assign(dump.links.size() + dump.addresses.size(), Node{});
         std::size_t used = 0;
 
         for (const Link& link : dump.links) {
             Node& node = nodes[used++];
-            copyName(node.name, link.name);
+            std::memcpy(node.name, link.name, sizeof node.name);
             node.entry.ifa_flags = link.flags;
             sockaddr_ll& ll = node.address.link.ll;
             ll.sll_family = AF_PACKET;
             ll.sll_ifindex = link.index;
             ll.sll_hatype = link.type;
-            if (link.address.size() <= kLinkAddressMax) {
-                ll.sll_halen = static_cast<unsigned char>(link.address.size());
-                std::memcpy(ll.sll_addr, link.address.data(), link.address.size());
+            if (link.addressLength <= kLinkAddressMax) {
+                ll.sll_halen = static_cast<unsigned char>(link.addressLength);
+                std::memcpy(ll.sll_addr, link.address, link.addressLength);
             }
             node.entry.ifa_addr = &node.address.any;
         }
@@ -343,15 +368,15 @@ struct AddressList::State {
             auto link = byIndex.find(address.index);
             if (link == byIndex.end()) continue;  // appeared after the link dump
             Node& node = nodes[used++];
-            copyName(node.name, address.label.empty() ? link->second->name : address.label);
+            std::memcpy(node.name, address.label[0] != '\0' ? address.label : link->second->name, sizeof node.name);
             node.entry.ifa_flags = link->second->flags;
-            setAddress(node.address, address.family, address.local.data(), address.index);
+            setAddress(node.address, address.family, address.local, address.index);
             node.entry.ifa_addr = &node.address.any;
             setNetmask(node.netmask, address.family, address.prefixLength);
             node.entry.ifa_netmask = &node.netmask.any;
-            const auto& other = address.peer.empty() ? address.broadcast : address.peer;
-            if (!other.empty()) {
-                setAddress(node.other, address.family, other.data(), address.index);
+            if (address.hasPeer || address.hasBroadcast) {
+                setAddress(node.other, address.family, address.hasPeer ? address.peer : address.broadcast,
+                           address.index);
                 node.entry.ifa_dstaddr = &node.other.any;
             }
             if (address.family == AF_INET6) {

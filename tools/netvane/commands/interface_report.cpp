@@ -8,10 +8,15 @@
 namespace netvane::cli {
 namespace {
 
-plist::Array stringArray(const std::vector<std::string>& names) { return plist::Array(names.begin(), names.end()); }
-
-plist::Value bitsValue(std::uint32_t value, const BitNames& table) {
-    return plist::Dictionary{{"value", value}, {"names", stringArray(table.names(value))}};
+void writeBits(JsonWriter& json, std::uint32_t value, const std::vector<std::string>& names) {
+    json.beginObject();
+    json.key("value");
+    json.number(std::uint64_t{value});
+    json.key("names");
+    json.beginArray();
+    for (const std::string& name : names) json.string(name);
+    json.endArray();
+    json.endObject();
 }
 
 const char* mediaStatusName(MediaStatus status) {
@@ -23,17 +28,30 @@ const char* mediaStatusName(MediaStatus status) {
     return "unknown";
 }
 
-plist::Value countersValue(const InterfaceCounters& c) {
-    return plist::Dictionary{{"bytesIn", c.bytesIn},         {"bytesOut", c.bytesOut},
-                             {"packetsIn", c.packetsIn},     {"packetsOut", c.packetsOut},
-                             {"errorsIn", c.errorsIn},       {"errorsOut", c.errorsOut},
-                             {"multicastIn", c.multicastIn}, {"multicastOut", c.multicastOut},
-                             {"collisions", c.collisions},   {"dropsIn", c.dropsIn}};
+void writeCounters(JsonWriter& json, const InterfaceCounters& c) {
+    const std::pair<const char*, std::uint64_t> fields[] = {
+        {"bytesIn", c.bytesIn},         {"bytesOut", c.bytesOut},         {"packetsIn", c.packetsIn},
+        {"packetsOut", c.packetsOut},   {"errorsIn", c.errorsIn},         {"errorsOut", c.errorsOut},
+        {"multicastIn", c.multicastIn}, {"multicastOut", c.multicastOut}, {"collisions", c.collisions},
+        {"dropsIn", c.dropsIn}};
+    json.beginObject();
+    for (const auto& [name, value] : fields) {
+        json.key(name);
+        json.number(value);
+    }
+    json.endObject();
 }
 
-template <class T>
-void appendIfPresent(plist::Dictionary& dictionary, const char* key, const std::optional<T>& value) {
-    if (value) dictionary.append(key, *value);
+void writeIfPresent(JsonWriter& json, const char* key, const std::optional<std::string>& value) {
+    if (!value) return;
+    json.key(key);
+    json.string(*value);
+}
+
+void writeIfPresent(JsonWriter& json, const char* key, const std::optional<int>& value) {
+    if (!value) return;
+    json.key(key);
+    json.number(std::int64_t{*value});
 }
 
 std::string joined(const std::vector<std::string>& names) {
@@ -42,21 +60,27 @@ std::string joined(const std::vector<std::string>& names) {
     return text;
 }
 
-plist::Value ipv4Value(const IPv4Address& a) {
-    plist::Dictionary d{{"address", a.address}};
-    appendIfPresent(d, "netmask", a.netmask);
-    appendIfPresent(d, "prefixLength", a.prefixLength);
-    appendIfPresent(d, "broadcast", a.broadcast);
-    appendIfPresent(d, "destination", a.destination);
-    return d;
+void writeIPv4(JsonWriter& json, const IPv4Address& a) {
+    json.beginObject();
+    json.key("address");
+    json.string(a.address);
+    writeIfPresent(json, "netmask", a.netmask);
+    writeIfPresent(json, "prefixLength", a.prefixLength);
+    writeIfPresent(json, "broadcast", a.broadcast);
+    writeIfPresent(json, "destination", a.destination);
+    json.endObject();
 }
 
-plist::Value ipv6Value(const IPv6Address& a) {
-    plist::Dictionary d{{"address", a.address}};
-    appendIfPresent(d, "prefixLength", a.prefixLength);
-    d.append("scopeID", a.scopeID);
-    d.append("flags", plist::Dictionary{{"value", a.flags}, {"names", stringArray(a.flagNames())}});
-    return d;
+void writeIPv6(JsonWriter& json, const IPv6Address& a) {
+    json.beginObject();
+    json.key("address");
+    json.string(a.address);
+    writeIfPresent(json, "prefixLength", a.prefixLength);
+    json.key("scopeID");
+    json.number(std::uint64_t{a.scopeID});
+    json.key("flags");
+    writeBits(json, a.flags, a.flagNames());
+    json.endObject();
 }
 
 }  // namespace
@@ -76,35 +100,64 @@ std::string functionalTypeName(FunctionalType type) {
     return "unknown";
 }
 
-plist::Value snapshotValue(const InterfaceSnapshot& s) {
-    plist::Dictionary d{{"name", s.name},
-                        {"index", s.index},
-                        {"flags", bitsValue(s.flags, BitNames::interfaceFlags())},
-                        {"mtu", s.mtu},
-                        {"ifType", static_cast<unsigned>(s.ifType)},
-                        {"baudrate", s.baudrate},
-                        {"counters", countersValue(s.counters)}};
+void writeSnapshot(JsonWriter& json, const InterfaceSnapshot& s) {
+    json.beginObject();
+    json.key("name");
+    json.string(s.name);
+    json.key("index");
+    json.number(std::uint64_t{s.index});
+    json.key("flags");
+    writeBits(json, s.flags, BitNames::interfaceFlags().names(s.flags));
+    json.key("mtu");
+    json.number(std::uint64_t{s.mtu});
+    json.key("ifType");
+    json.number(std::uint64_t{s.ifType});
+    json.key("baudrate");
+    json.number(s.baudrate);
+    json.key("counters");
+    writeCounters(json, s.counters);
     if (s.linkAddress) {
-        d.append("linkAddress", plist::Dictionary{{"address", s.linkAddress->description()},
-                                                  {"type", static_cast<unsigned>(s.linkAddress->type)}});
+        json.key("linkAddress");
+        json.beginObject();
+        json.key("address");
+        json.string(s.linkAddress->description());
+        json.key("type");
+        json.number(std::uint64_t{s.linkAddress->type});
+        json.endObject();
     }
-    plist::Array v4, v6;
-    for (const IPv4Address& a : s.ipv4) v4.push_back(ipv4Value(a));
-    for (const IPv6Address& a : s.ipv6) v6.push_back(ipv6Value(a));
-    d.append("ipv4", std::move(v4));
-    d.append("ipv6", std::move(v6));
+    json.key("ipv4");
+    json.beginArray();
+    for (const IPv4Address& a : s.ipv4) writeIPv4(json, a);
+    json.endArray();
+    json.key("ipv6");
+    json.beginArray();
+    for (const IPv6Address& a : s.ipv6) writeIPv6(json, a);
+    json.endArray();
     if (s.media) {
-        plist::Dictionary media{{"current", s.media->current}};
-        appendIfPresent(media, "active", s.media->active);
-        media.append("status", mediaStatusName(s.media->status));
-        media.append("description", s.media->description());
-        d.append("media", std::move(media));
+        json.key("media");
+        json.beginObject();
+        json.key("current");
+        json.string(s.media->current);
+        writeIfPresent(json, "active", s.media->active);
+        json.key("status");
+        json.string(mediaStatusName(s.media->status));
+        json.key("description");
+        json.string(s.media->description());
+        json.endObject();
     }
-    if (s.capabilities) d.append("capabilities", bitsValue(*s.capabilities, BitNames::capabilities()));
-    if (s.nd6Flags) d.append("nd6Flags", bitsValue(*s.nd6Flags, BitNames::nd6Flags()));
-    d.append("functionalType", functionalTypeName(s.functionalType));
-    d.append("linkActive", s.isLinkActive());
-    return d;
+    if (s.capabilities) {
+        json.key("capabilities");
+        writeBits(json, *s.capabilities, BitNames::capabilities().names(*s.capabilities));
+    }
+    if (s.nd6Flags) {
+        json.key("nd6Flags");
+        writeBits(json, *s.nd6Flags, BitNames::nd6Flags().names(*s.nd6Flags));
+    }
+    json.key("functionalType");
+    json.string(functionalTypeName(s.functionalType));
+    json.key("linkActive");
+    json.boolean(s.isLinkActive());
+    json.endObject();
 }
 
 plist::Value tunnelOwnersValue(const TunnelOwnerMap& owners) {

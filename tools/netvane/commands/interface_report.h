@@ -1,5 +1,6 @@
 // How the status, tunnels and watch commands show interface readings and
-// tunnel owners, as text and as JSON-ready property-list values.
+// tunnel owners, as text and as JSON (a reading is written straight out: as
+// a value tree first it cost more than the reading itself).
 #pragma once
 
 #include <cstdio>
@@ -8,13 +9,14 @@
 
 #include "netcore/interfaces/interface_snapshot.h"
 #include "netcore/sysconfig/tunnel_owners.h"
+#include "support/json.h"
 #include "support/plist/value.h"
 
 namespace netvane::cli {
 
 std::string functionalTypeName(FunctionalType type);
 
-plist::Value snapshotValue(const InterfaceSnapshot& snapshot);
+void writeSnapshot(JsonWriter& json, const InterfaceSnapshot& snapshot);
 plist::Value tunnelOwnersValue(const TunnelOwnerMap& owners);
 
 void printSnapshot(std::FILE* out, const InterfaceSnapshot& snapshot);

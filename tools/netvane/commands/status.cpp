@@ -26,11 +26,23 @@ int run(const Args& args) {
     const std::vector<InterfaceSnapshot> snapshots = InterfaceReader().snapshot();
     const TunnelOwnerMap owners = TunnelOwners::scan();
     if (json) {
-        plist::Array interfaces;
-        interfaces.reserve(snapshots.size());
-        for (const InterfaceSnapshot& snapshot : snapshots) interfaces.push_back(snapshotValue(snapshot));
-        plist::Dictionary report{{"interfaces", std::move(interfaces)}, {"tunnelOwners", tunnelOwnersValue(owners)}};
-        std::printf("%s\n", toJSON(report).c_str());
+        // Written out piece by piece: a reading of many interfaces makes
+        // megabytes of text.
+        constexpr std::size_t kPiece = 64 * 1024;
+        JsonWriter out;
+        out.beginObject();
+        out.key("interfaces");
+        out.beginArray();
+        for (const InterfaceSnapshot& snapshot : snapshots) {
+            writeSnapshot(out, snapshot);
+            if (out.pending() >= kPiece) out.flushTo(stdout);
+        }
+        out.endArray();
+        out.key("tunnelOwners");
+        out.value(tunnelOwnersValue(owners));
+        out.endObject();
+        const std::string rest = out.take();
+        std::fwrite(rest.data(), 1, rest.size(), stdout);
         return kExitOK;
     }
     if (snapshots.empty()) std::printf("no interfaces\n");
