@@ -75,12 +75,11 @@ Result<Bytes> readFile(const std::string& path, std::size_t maxBytes) {
 }
 
 Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode) {
-    const std::span<const std::uint8_t> pieces[] = {bytes};
-    return writeFileAtomically(path, pieces, mode);
+    return writeFileAtomically(path, [&](const ByteSink& sink) { return sink(bytes); }, mode, bytes.size());
 }
 
-Status writeFileAtomically(const std::string& path, std::span<const std::span<const std::uint8_t>> pieces,
-                           mode_t mode) {
+Status writeFileAtomically(const std::string& path, const std::function<Status(const ByteSink&)>& produce,
+                           mode_t mode, std::size_t expectedSize) {
     std::string temporary = path + ".XXXXXX";
     UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
     if (!fd) return posixError(errno, "create temporary file for " + path);
@@ -89,9 +88,11 @@ Status writeFileAtomically(const std::string& path, std::span<const std::span<co
         return error;
     };
     if (::fchmod(fd.get(), mode) != 0) return fail(posixError(errno, "chmod " + temporary));
-    for (const auto& piece : pieces) {
-        if (auto written = writeAll(fd.get(), piece.data(), piece.size()); !written.ok()) return fail(written.error());
-    }
+    // Only a hint: where the filesystem cannot reserve space, the writes
+    // below find out what there is.
+    if (expectedSize > 0) (void)::posix_fallocate(fd.get(), 0, static_cast<off_t>(expectedSize));
+    const ByteSink sink = [&](std::span<const std::uint8_t> piece) { return writeAll(fd.get(), piece.data(), piece.size()); };
+    if (auto written = produce(sink); !written.ok()) return fail(written.error());
     if (::fsync(fd.get()) != 0) return fail(posixError(errno, "fsync " + temporary));
     if (::close(fd.release()) != 0) return fail(posixError(errno, "close " + temporary));
     if (::rename(temporary.c_str(), path.c_str()) != 0) return fail(posixError(errno, "rename to " + path));

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -25,9 +26,12 @@ Result<Bytes> readFile(const std::string& path, std::size_t maxBytes = std::size
 // Writes through "<path>.XXXXXX" + fsync + rename; the new file gets `mode`.
 Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode = 0644);
 Status writeFileAtomically(const std::string& path, std::string_view text, mode_t mode = 0644);
-// The file's bytes are the pieces, in order.
-Status writeFileAtomically(const std::string& path, std::span<const std::span<const std::uint8_t>> pieces,
-                           mode_t mode = 0644);
+// The file's bytes are whatever `produce` hands to its sink, in order; an
+// error from either side leaves the old file as it was. A known size lets
+// the filesystem reserve the space in one piece before the bytes arrive.
+using ByteSink = std::function<Status(std::span<const std::uint8_t>)>;
+Status writeFileAtomically(const std::string& path, const std::function<Status(const ByteSink&)>& produce,
+                           mode_t mode = 0644, std::size_t expectedSize = 0);
 
 // Creates a directory and its missing parents with `mode` (exactly, or as
 // narrowed by the process's umask); an existing directory is accepted as it is.

@@ -7,10 +7,10 @@
 
 namespace netvane {
 
-plist::Value HistoryStore::encode(const HistorySet& histories) {
+plist::Value HistoryStore::encode(const HistorySet& histories, bool withBuckets) {
     plist::Dictionary root;
     for (const auto& [name, history] : histories) {
-        if (history.hasTraffic()) root.append(name, history.encode());
+        if (history.hasTraffic()) root.append(name, history.encode(withBuckets));
     }
     return root;
 }
@@ -32,17 +32,51 @@ Result<HistorySet> HistoryStore::decode(const plist::Value& document) {
     return histories;
 }
 
+namespace {
+
+// Calls `use` with the pieces of the file `save` writes; they live only for
+// the call. The packed buckets are most of the file: they are packed on
+// their way out rather than into the document first, since fresh memory for
+// all of them cost more than writing the file.
+Status withFilePieces(const HistorySet& histories, const std::function<Status(const plist::EncodedPieces&)>& use) {
+    const plist::Value document = HistoryStore::encode(histories, /*withBuckets=*/false);
+    // Each placeholder with its tier, in the order encode wrote them.
+    std::vector<plist::DeferredData> deferred;
+    auto entry = document.dictionary()->begin();
+    for (const auto& [name, history] : histories) {
+        if (!history.hasTraffic()) continue;
+        const plist::Array& tiers = *entry->second.find("tiers")->array();
+        for (std::size_t i = 0; i < history.tiers.size(); ++i) {
+            const std::deque<Bucket>& buckets = history.tiers[i].buckets;
+            deferred.push_back({tiers[i].find("buckets")->data(), buckets.size() * kPackedBucketSize,
+                                [&buckets](std::size_t offset, std::span<std::uint8_t> out) {
+                                    packBuckets(buckets, offset, out);
+                                }});
+        }
+        ++entry;
+    }
+    auto pieces = plist::encodeBinaryPieces(document, deferred);
+    if (!pieces) return pieces.error();
+    return use(*pieces);
+}
+
+}  // namespace
+
+Status HistoryStore::write(const HistorySet& histories, const ByteSink& sink) {
+    return withFilePieces(histories, [&](const plist::EncodedPieces& pieces) { return pieces.writeTo(sink); });
+}
+
 Status HistoryStore::save(const HistorySet& histories) const {
-    const plist::Value document = encode(histories);
-    auto bytes = plist::encodeBinaryPieces(document);
-    if (!bytes) return bytes.error();
     std::filesystem::path parent = std::filesystem::path(url).parent_path();
     if (!parent.empty()) {
         // Ignored on purpose: if the directory is still missing, the write
         // below fails with the more useful error.
         (void)createDirectories(parent.string(), 0777, DirectoryMode::umasked);
     }
-    return writeFileAtomically(url, bytes->pieces);
+    return withFilePieces(histories, [&](const plist::EncodedPieces& pieces) {
+        return writeFileAtomically(
+            url, [&](const ByteSink& sink) { return pieces.writeTo(sink); }, 0644, pieces.size());
+    });
 }
 
 Result<HistorySet> HistoryStore::loadReportingErrors() const {

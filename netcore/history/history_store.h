@@ -15,6 +15,7 @@
 #include <string>
 
 #include "netcore/history/rate_history.h"
+#include "support/files.h"
 #include "support/plist/value.h"
 #include "support/result.h"
 
@@ -32,9 +33,13 @@ struct HistoryStore {
     // What `load` does, with the reason when it falls back to the empty set.
     Result<HistorySet> loadReportingErrors() const;
 
-    // The document `save` writes, and its inverse.
-    static plist::Value encode(const HistorySet& histories);
+    // The document `save` writes, and its inverse. Without buckets, empty
+    // data stands in for each tier's packed buckets.
+    static plist::Value encode(const HistorySet& histories, bool withBuckets = true);
     static Result<HistorySet> decode(const plist::Value& document);
+    // The bytes of the file `save` writes, handed to `sink` in order; the
+    // buckets are packed on the way, a chunk at a time.
+    static Status write(const HistorySet& histories, const ByteSink& sink);
 };
 
 }  // namespace netvane

@@ -25,6 +25,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <span>
 #include <vector>
 
 #include "netcore/history/rate_sample.h"
@@ -53,11 +54,17 @@ struct Tier {
     void add(const RateSample& sample);
     void prune(Date now);
 
-    plist::Value encode() const;
+    // Without buckets, an empty Data stands in for the packed buckets, for a
+    // writer that packs them on their way out (packBuckets).
+    plist::Value encode(bool withBuckets = true) const;
     static Result<Tier> decode(const plist::Value& value);
 
     bool operator==(const Tier&) const = default;
 };
+
+// The packed form of the buckets from byte `offset` of it on, into out;
+// offset and out's size are whole buckets.
+void packBuckets(const std::deque<Bucket>& buckets, std::size_t offset, std::span<std::uint8_t> out);
 
 struct RateHistory {
     struct Retention {
@@ -91,7 +98,7 @@ struct RateHistory {
     bool isEmpty() const;
     bool hasTraffic() const;
 
-    plist::Value encode() const;
+    plist::Value encode(bool withBuckets = true) const;
     static Result<RateHistory> decode(const plist::Value& value);
 
     bool operator==(const RateHistory&) const = default;

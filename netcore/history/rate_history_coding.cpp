@@ -1,4 +1,5 @@
 // The keyed coding of tiers and histories, with the packed bucket data.
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -52,18 +53,28 @@ Result<double> decodeDouble(const plist::Value& dict, const char* key) {
 
 }  // namespace
 
-plist::Value Tier::encode() const {
-    // Appended bucket by bucket rather than zero-filled and overwritten: the
-    // blobs are most of a history file, and a second pass over them shows.
-    plist::Data packed;
-    packed.reserve(buckets.size() * kPackedBucketSize);
-    for (const Bucket& b : buckets) {
+void packBuckets(const std::deque<Bucket>& buckets, std::size_t offset, std::span<std::uint8_t> out) {
+    const std::size_t first = offset / kPackedBucketSize;
+    const std::size_t count = std::min(out.size() / kPackedBucketSize, buckets.size() - std::min(first, buckets.size()));
+    // A deque keeps its buckets in small blocks spread over the heap, which
+    // defeats the hardware's prefetching; the next blocks are asked for ahead.
+    constexpr std::size_t kAhead = 16;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (i + kAhead < count) __builtin_prefetch(&buckets[first + i + kAhead]);
+        const Bucket& b = buckets[first + i];
+        const std::size_t at = i * kPackedBucketSize;
         const double fields[kDoublesPerBucket] = {b.start.secondsSinceReference, b.seconds,
                                                   static_cast<double>(b.bytesIn), static_cast<double>(b.bytesOut),
                                                   b.minIn, b.maxIn, b.minOut, b.maxOut};
-        std::uint8_t bytes[kPackedBucketSize];
-        for (std::size_t i = 0; i < kDoublesPerBucket; ++i) storeLittleEndian(fields[i], bytes + i * sizeof(double));
-        packed.insert(packed.end(), bytes, bytes + kPackedBucketSize);
+        for (std::size_t i = 0; i < kDoublesPerBucket; ++i) storeLittleEndian(fields[i], &out[at + i * sizeof(double)]);
+    }
+}
+
+plist::Value Tier::encode(bool withBuckets) const {
+    plist::Data packed;
+    if (withBuckets) {
+        packed.resize(buckets.size() * kPackedBucketSize);
+        packBuckets(buckets, 0, packed);
     }
     plist::Dictionary dict;
     dict.reserve(3);
@@ -104,10 +115,10 @@ Result<Tier> Tier::decode(const plist::Value& value) {
     return tier;
 }
 
-plist::Value RateHistory::encode() const {
+plist::Value RateHistory::encode(bool withBuckets) const {
     plist::Array encoded;
     encoded.reserve(tiers.size());
-    for (const Tier& tier : tiers) encoded.push_back(tier.encode());
+    for (const Tier& tier : tiers) encoded.push_back(tier.encode(withBuckets));
     plist::Dictionary dict;
     dict.append("tiers", std::move(encoded));
     return dict;

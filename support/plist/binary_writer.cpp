@@ -2,6 +2,7 @@
 // (sharing equal strings, integers and booleans, as the format intends) and
 // sizes the output; the second writes objects, offset table and trailer into
 // one buffer reserved up front, so large data values are copied exactly once.
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <unordered_map>
@@ -25,7 +26,10 @@ std::size_t bytesFor(std::uint64_t value) {
 class BinaryWriter {
 public:
     // Data values of at least `borrowFrom` bytes are referenced, not copied.
-    explicit BinaryWriter(std::size_t borrowFrom) : borrowFrom_(borrowFrom) {}
+    explicit BinaryWriter(std::size_t borrowFrom, std::span<const DeferredData> deferred = {})
+        : borrowFrom_(borrowFrom) {
+        for (const DeferredData& data : deferred) deferred_.emplace(data.placeholder, &data);
+    }
 
     Result<EncodedPieces> run(const Value& root) {
         auto top = flatten(root, 0);
@@ -77,6 +81,10 @@ private:
             return it->second;
         }
         case Value::Type::Data: {
+            if (const DeferredData* deferred = deferredFor(*value.data())) {
+                borrowedEstimate_ += deferred->size;
+                return add(value, deferred->size + 9);
+            }
             const std::size_t size = value.data()->size();
             if (size >= borrowFrom_) borrowedEstimate_ += size;
             return add(value, size + 9);
@@ -202,6 +210,11 @@ private:
         case Value::Type::Date: putDouble(0x33, value.date()->secondsSinceReference); break;
         case Value::Type::Data: {
             const Data& data = *value.data();
+            if (const DeferredData* deferred = deferredFor(data)) {
+                putMarkerWithLength(0x40, deferred->size);
+                defer(*deferred);
+                break;
+            }
             putMarkerWithLength(0x40, data.size());
             if (data.size() >= borrowFrom_) {
                 borrow(data);
@@ -233,11 +246,23 @@ private:
     // Where the next byte lands in the whole document.
     std::uint64_t position() const { return out_.size() + borrowedBytes_; }
 
+    const DeferredData* deferredFor(const Data& data) const {
+        if (deferred_.empty()) return nullptr;
+        auto found = deferred_.find(&data);
+        return found == deferred_.end() ? nullptr : found->second;
+    }
+
     // A borrowed data value: the buffer so far ends a piece, the value is the next.
     void borrow(const Data& data) {
-        pieces_.push_back(Piece{out_.size(), nullptr, 0});
-        pieces_.push_back(Piece{0, data.data(), data.size()});
+        pieces_.push_back(Piece{out_.size(), nullptr, 0, nullptr});
+        pieces_.push_back(Piece{0, data.data(), data.size(), nullptr});
         borrowedBytes_ += data.size();
+    }
+
+    void defer(const DeferredData& data) {
+        pieces_.push_back(Piece{out_.size(), nullptr, 0, nullptr});
+        pieces_.push_back(Piece{0, nullptr, data.size, &data});
+        borrowedBytes_ += data.size;
     }
 
     // Turns buffer offsets into spans now that the buffer no longer moves.
@@ -246,14 +271,16 @@ private:
         result.buffer = std::move(out_);
         std::size_t bufferStart = 0;
         for (const Piece& piece : pieces_) {
-            if (piece.external) {
-                result.pieces.emplace_back(piece.external, piece.size);
+            if (piece.deferred) {
+                result.pieces.push_back({{}, piece.deferred});
+            } else if (piece.external) {
+                result.pieces.push_back({{piece.external, piece.size}});
             } else {
-                result.pieces.emplace_back(result.buffer.data() + bufferStart, piece.bufferEnd - bufferStart);
+                result.pieces.push_back({{result.buffer.data() + bufferStart, piece.bufferEnd - bufferStart}});
                 bufferStart = piece.bufferEnd;
             }
         }
-        result.pieces.emplace_back(result.buffer.data() + bufferStart, result.buffer.size() - bufferStart);
+        result.pieces.push_back({{result.buffer.data() + bufferStart, result.buffer.size() - bufferStart}});
         return result;
     }
 
@@ -261,9 +288,11 @@ private:
         std::size_t bufferEnd;           // buffer pieces: where they end
         const std::uint8_t* external;    // borrowed pieces: the data
         std::size_t size;
+        const DeferredData* deferred;    // deferred pieces: the data to make
     };
 
     std::size_t borrowFrom_;
+    std::unordered_map<const Data*, const DeferredData*> deferred_;
     std::size_t borrowedBytes_ = 0;
     std::size_t borrowedEstimate_ = 0;
     std::vector<Piece> pieces_;
@@ -279,12 +308,34 @@ Result<Data> encodeBinary(const Value& value) {
     return std::move(encoded->buffer);
 }
 
-Result<EncodedPieces> encodeBinaryPieces(const Value& value) { return BinaryWriter(kBorrowedDataBytes).run(value); }
+Result<EncodedPieces> encodeBinaryPieces(const Value& value, std::span<const DeferredData> deferred) {
+    return BinaryWriter(kBorrowedDataBytes, deferred).run(value);
+}
 
 std::size_t EncodedPieces::size() const {
     std::size_t total = 0;
-    for (const auto& piece : pieces) total += piece.size();
+    for (const Piece& piece : pieces) total += piece.deferred ? piece.deferred->size : piece.bytes.size();
     return total;
+}
+
+Status EncodedPieces::writeTo(const std::function<Status(std::span<const std::uint8_t>)>& sink) const {
+    // One chunk reused for all deferred data: it stays in cache between
+    // filling and writing, where fresh memory for all of it would not.
+    std::vector<std::uint8_t> chunk;
+    for (const Piece& piece : pieces) {
+        if (!piece.deferred) {
+            if (auto written = sink(piece.bytes); !written.ok()) return written;
+            continue;
+        }
+        const DeferredData& data = *piece.deferred;
+        if (chunk.empty()) chunk.resize(kDeferredChunkBytes);
+        for (std::size_t offset = 0; offset < data.size; offset += chunk.size()) {
+            const std::span<std::uint8_t> out(chunk.data(), std::min(chunk.size(), data.size - offset));
+            data.fill(offset, out);
+            if (auto written = sink(out); !written.ok()) return written;
+        }
+    }
+    return {};
 }
 
 Result<Data> encode(const Value& value, Format format) {

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -37,17 +38,38 @@ Result<Value> decodeXml(std::span<const std::uint8_t> bytes);
 
 Result<Data> encodeBinary(const Value& value);
 
-// A binary document as pieces to write in order: our own bytes, and data
-// values of at least kBorrowedDataBytes referenced where they lie, so big
-// blobs go from the value to the file without an intermediate copy.
-// IMPORTANT: the pieces point into the encoded value, which must outlive them.
+// Data made while the document is written rather than before, for values
+// too large to be worth building in memory first. In the value an empty Data
+// stands in for it, recognised by its address. `fill` writes the bytes
+// [offset, offset + out.size()) of the data; it is handed whole chunks of
+// kDeferredChunkBytes, except for the last, shorter one.
+inline constexpr std::size_t kDeferredChunkBytes = 512 * 1024;
+struct DeferredData {
+    const Data* placeholder = nullptr;
+    std::size_t size = 0;
+    std::function<void(std::size_t offset, std::span<std::uint8_t> out)> fill;
+};
+
+// A binary document as pieces to write in order: our own bytes, data values
+// of at least kBorrowedDataBytes referenced where they lie, so big blobs go
+// from the value to the file without an intermediate copy, and deferred data.
+// IMPORTANT: the pieces point into the encoded value and the deferred data,
+// which must outlive them.
 inline constexpr std::size_t kBorrowedDataBytes = 64 * 1024;
 struct EncodedPieces {
+    struct Piece {
+        std::span<const std::uint8_t> bytes;
+        const DeferredData* deferred = nullptr;  // when set, the piece is that data
+    };
     Data buffer;
-    std::vector<std::span<const std::uint8_t>> pieces;
+    std::vector<Piece> pieces;
+
     std::size_t size() const;
+    // Hands the whole document to `sink` in order, deferred data a chunk at
+    // a time; stops at the first error.
+    Status writeTo(const std::function<Status(std::span<const std::uint8_t>)>& sink) const;
 };
-Result<EncodedPieces> encodeBinaryPieces(const Value& value);
+Result<EncodedPieces> encodeBinaryPieces(const Value& value, std::span<const DeferredData> deferred = {});
 Result<std::string> encodeXml(const Value& value);
 Result<Data> encode(const Value& value, Format format);
 

@@ -135,6 +135,16 @@ TEST(PlistEncode, RefusesInvalidUtf8) {
 namespace netvane::plist {
 namespace {
 
+Data written(const EncodedPieces& pieces) {
+    Data joined;
+    const Status status = pieces.writeTo([&](std::span<const std::uint8_t> bytes) {
+        joined.insert(joined.end(), bytes.begin(), bytes.end());
+        return Status{};
+    });
+    EXPECT_TRUE(status.ok());
+    return joined;
+}
+
 // Borrowing big data values changes where bytes come from, never the bytes.
 TEST(PlistEncode, PiecesConcatenateToTheWholeDocument) {
     Dictionary root{{"small", Data(100, 1)}, {"big", Data(kBorrowedDataBytes, 2)},
@@ -143,11 +153,58 @@ TEST(PlistEncode, PiecesConcatenateToTheWholeDocument) {
     auto pieces = encodeBinaryPieces(value);
     ASSERT_TRUE(pieces.ok());
     EXPECT_GE(pieces->pieces.size(), 5u);
-    Data joined;
-    for (const auto& piece : pieces->pieces) joined.insert(joined.end(), piece.begin(), piece.end());
+    const Data joined = written(*pieces);
     EXPECT_EQ(joined.size(), pieces->size());
     EXPECT_EQ(joined, *encodeBinary(value));
     EXPECT_EQ(*decodeBinary(joined), value);
+}
+
+// Deferred data written in chunks, around, between and beside ordinary data
+// (empty, borrowed, equal to another), reads back as if it had been there.
+TEST(PlistEncode, DeferredDataIsMadeInChunksWhereItsPlaceholderStands) {
+    const auto pattern = [](std::uint8_t seed, std::size_t size) {
+        Data data(size);
+        for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<std::uint8_t>(seed + i * 7 + i / 251);
+        return data;
+    };
+    const std::size_t sizes[] = {kDeferredChunkBytes * 2 + 64, 0, 10, kDeferredChunkBytes};
+    Array list;
+    for (std::size_t i = 0; i < std::size(sizes); ++i) list.push_back(Data{});  // placeholders
+    list.push_back(Data{});  // an empty value that is not deferred
+    list.push_back(Data(kBorrowedDataBytes, 9));
+    Value document(Dictionary{{"list", std::move(list)}});
+
+    std::vector<DeferredData> deferred;
+    std::vector<std::size_t> fillSizes;
+    const Array& placed = *document.find("list")->array();
+    for (std::size_t i = 0; i < std::size(sizes); ++i) {
+        deferred.push_back({placed[i].data(), sizes[i], [&, i](std::size_t offset, std::span<std::uint8_t> out) {
+                                const Data whole = pattern(static_cast<std::uint8_t>(i), sizes[i]);
+                                std::copy_n(whole.begin() + static_cast<std::ptrdiff_t>(offset), out.size(), out.begin());
+                                fillSizes.push_back(out.size());
+                            }});
+    }
+    auto pieces = encodeBinaryPieces(document, deferred);
+    ASSERT_TRUE(pieces.ok());
+    const Data joined = written(*pieces);
+    EXPECT_EQ(joined.size(), pieces->size());
+
+    Array expectedList;
+    for (std::size_t i = 0; i < std::size(sizes); ++i) expectedList.push_back(pattern(static_cast<std::uint8_t>(i), sizes[i]));
+    expectedList.push_back(Data{});
+    expectedList.push_back(Data(kBorrowedDataBytes, 9));
+    const Value expected(Dictionary{{"list", std::move(expectedList)}});
+    EXPECT_EQ(joined, *encodeBinary(expected));
+    EXPECT_EQ(fillSizes, (std::vector<std::size_t>{kDeferredChunkBytes, kDeferredChunkBytes, 64, 10, kDeferredChunkBytes}));
+
+    // A sink that fails stops the writing at once.
+    int calls = 0;
+    const Status failed = pieces->writeTo([&](std::span<const std::uint8_t>) {
+        ++calls;
+        return Status{Error{"test", 1, "disk full"}};
+    });
+    EXPECT_FALSE(failed.ok());
+    EXPECT_EQ(calls, 1);
 }
 
 }  // namespace
