@@ -195,7 +195,7 @@ int nv_linux_netlink_dump(int fd, struct nlmsghdr* request, uint16_t type, nv_li
         ssize_t n = recv(fd, buf, NV_NETLINK_REPLY_SIZE, MSG_TRUNC);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0 || n > NV_NETLINK_REPLY_SIZE) break;
-        int remaining = (int)n;
+        size_t remaining = (size_t)n;
         for (struct nlmsghdr* m = (struct nlmsghdr*)buf; NLMSG_OK(m, remaining); m = NLMSG_NEXT(m, remaining)) {
             if (m->nlmsg_seq != request->nlmsg_seq) continue;
             if (m->nlmsg_flags & NLM_F_DUMP_INTR) changed = 1;
