@@ -1,5 +1,6 @@
 #include "support/json.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -8,12 +9,24 @@
 
 namespace netvane {
 
+namespace {
+
+// Which bytes a JSON string cannot carry as they are.
+constexpr std::array<bool, 256> kNeedsEscape = [] {
+    std::array<bool, 256> table{};
+    for (int c = 0; c < 0x20; ++c) table[c] = true;
+    table['"'] = table['\\'] = true;
+    return table;
+}();
+
+}  // namespace
+
 void appendJsonQuoted(std::string& out, std::string_view text) {
     out.push_back('"');
     std::size_t plain = 0;  // start of the run of characters that need no escape
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
-        if (c != '"' && c != '\\' && static_cast<unsigned char>(c) >= 0x20) continue;
+        if (!kNeedsEscape[static_cast<unsigned char>(c)]) continue;
         out.append(text.substr(plain, i - plain));
         plain = i + 1;
         switch (c) {
@@ -37,8 +50,15 @@ JsonWriter::JsonWriter(bool pretty) : pretty_(pretty) {}
 
 void JsonWriter::newline() {
     if (!pretty_) return;
-    out_.push_back('\n');
-    out_.append(depth_ * 2, ' ');
+    // A line break and the indentation in one append, for the usual depths.
+    static constexpr std::string_view kBreaks = "\n                                ";
+    const std::size_t width = 1 + depth_ * 2;
+    if (width <= kBreaks.size()) {
+        out_.append(kBreaks.substr(0, width));
+    } else {
+        out_.push_back('\n');
+        out_.append(depth_ * 2, ' ');
+    }
 }
 
 void JsonWriter::element() {

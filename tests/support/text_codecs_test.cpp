@@ -80,6 +80,17 @@ TEST(Json, EscapesAndConvertsEveryType) {
               "\"list\":[true,[],{}]}");
 }
 
+// Pretty output indents two spaces a level, however deep.
+TEST(Json, PrettyOutputIndentsEveryLevel) {
+    plist::Value value = plist::Array{};
+    for (int i = 0; i < 20; ++i) value = plist::Array{std::move(value)};
+    const std::string text = toJSON(value);
+    std::string expected;
+    for (int depth = 0; depth <= 20; ++depth) expected += std::string(depth * 2, ' ') + (depth < 20 ? "[\n" : "[]\n");
+    for (int depth = 19; depth >= 0; --depth) expected += std::string(depth * 2, ' ') + "]\n";
+    EXPECT_EQ(text, expected);
+}
+
 // The same document written call by call, pretty and compact, and flushed
 // in pieces on the way, against the text of its value.
 TEST(Json, StreamedDocumentMatchesItsValue) {
