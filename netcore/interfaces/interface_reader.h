@@ -1,5 +1,6 @@
 // One complete reading of every network interface: the system's address list
-// combined with the kernel shim's per-interface requests.
+// combined with the kernel shim's per-interface requests, or with the same
+// facts where the platform's list brings them along (platform_address_list.h).
 //
 // A reader owns two datagram sockets (IPv4 for the interface requests, IPv6
 // for the two IPv6 ones), opened once so that polling stays cheap; either may

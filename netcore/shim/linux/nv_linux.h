@@ -84,8 +84,6 @@ int nv_linux_feature_table(int sock, const char* ifname, nv_linux_features_t* ou
  * interface's feature count is not the table's. */
 int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* table, uint32_t* out);
 
-/* Whether a hardware device backs the interface (its sysfs device link). */
-int nv_linux_has_device(const char* ifname);
 /* Functional type of an interface whose hardware type is known; sysfs is
  * asked only about hardware interfaces. */
 uint32_t nv_linux_read_functional_type(const char* ifname, uint32_t hardware_type, int hardware);

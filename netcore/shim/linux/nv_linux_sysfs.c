@@ -58,14 +58,6 @@ static void uevent_devtype(int dirfd, char* devtype, size_t size) {
     devtype[n] = '\0';
 }
 
-int nv_linux_has_device(const char* ifname) {
-    int dir = open_interface_dir("/sys/class/net", ifname);
-    if (dir < 0) return 0;
-    int hardware = faccessat(dir, "device", F_OK, 0) == 0;
-    close(dir);
-    return hardware;
-}
-
 uint32_t nv_linux_read_functional_type(const char* ifname, uint32_t hardware_type, int hardware) {
     char devtype[32] = "";
     int wireless = 0;
