@@ -189,7 +189,7 @@ void InterfaceReader::apply(const KernelFacts& facts, InterfaceSnapshot& snapsho
 }
 
 std::vector<InterfaceSnapshot> InterfaceReader::snapshot() const {
-    const AddressList list = AddressList::read();
+    const AddressList list = AddressList::read(sock4_.get());
     return snapshot(list.entries(), &list);
 }
 

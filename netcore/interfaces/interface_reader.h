@@ -5,7 +5,8 @@
 // A reader owns two datagram sockets (IPv4 for the interface requests, IPv6
 // for the two IPv6 ones), opened once so that polling stays cheap; either may
 // be missing, which only leaves the fields it serves at their defaults. The
-// sockets tie a reader to the network namespace it was created in.
+// sockets tie a reader's interface requests to the network namespace it was
+// created in, so a caller that changes namespace makes a new reader.
 // Nothing is reported: a failed request leaves its field at the default, a
 // failed address list gives an empty reading. A reader is not synchronised;
 // callers sharing one serialise their calls.

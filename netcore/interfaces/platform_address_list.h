@@ -38,8 +38,10 @@ struct KernelFacts {
 
 class AddressList {
 public:
-    // One reading of the list; empty when the system would not give one.
-    static AddressList read();
+    // One reading of the list, in the caller's network namespace; empty when
+    // the system would not give one. Interface requests go through sock (an
+    // AF_INET datagram socket, or -1).
+    static AddressList read(int sock);
 
     AddressList();
     AddressList(AddressList&&) noexcept;

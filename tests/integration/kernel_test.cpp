@@ -267,14 +267,14 @@ void expectTheSystemListsEntries() {
     ASSERT_EQ(::getifaddrs(&system), 0);
     const std::vector<std::string> expected = describeAll(system);
     ::freeifaddrs(system);
-    const AddressList list = AddressList::read();
+    const AddressList list = AddressList::read(UniqueFd(::socket(AF_INET, SOCK_DGRAM, 0)).get());
     EXPECT_EQ(describeAll(list.entries()), expected);
 }
 
 // The list's facts against the shim's per-interface requests; returns how
 // many interfaces it checked.
 std::size_t expectWhatThePerInterfaceRequestsAnswer() {
-    const AddressList list = AddressList::read();
+    const AddressList list = AddressList::read(UniqueFd(::socket(AF_INET, SOCK_DGRAM, 0)).get());
     UniqueFd sock4(::socket(AF_INET, SOCK_DGRAM, 0)), sock6(::socket(AF_INET6, SOCK_DGRAM, 0));
     std::size_t interfaces = 0;
     for (const ifaddrs* entry = list.entries(); entry != nullptr; entry = entry->ifa_next) {

@@ -135,7 +135,7 @@ struct AddressList::State {
         if (system != nullptr) ::freeifaddrs(system);
     }
 
-    void build(const KernelLinks& dump) {
+    void build(const KernelLinks& dump, int sock) {
         std::unordered_map<int, const KernelLink*> byIndex(dump.links.size());
         for (const KernelLink& link : dump.links) byIndex.emplace(link.index, &link);
         nodes.assign(dump.links.size() + dump.addresses.size(), Node{});
@@ -181,8 +181,7 @@ struct AddressList::State {
             nodes[i].entry.ifa_next = i + 1 < nodes.size() ? &nodes[i + 1].entry : nullptr;
         }
 
-        UniqueFd sock(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        EthtoolReader ethtool(sock.get());
+        EthtoolReader ethtool(sock);
         for (std::size_t i = 0; i < dump.links.size(); ++i) facts.emplace(nodes[i].name, factsOf(dump.links[i], ethtool));
     }
 };
@@ -193,10 +192,10 @@ AddressList::AddressList(AddressList&&) noexcept = default;
 AddressList& AddressList::operator=(AddressList&&) noexcept = default;
 AddressList::~AddressList() = default;
 
-AddressList AddressList::read() {
+AddressList AddressList::read(int sock) {
     auto state = std::make_unique<State>();
     if (auto dump = readKernelLinks()) {
-        state->build(*dump);
+        state->build(*dump, sock);
     } else if (::getifaddrs(&state->system) != 0) {
         state->system = nullptr;
     }
