@@ -13,9 +13,13 @@ function(netvane_add_subdirectories dir)
 endfunction()
 
 # netvane_test(NAME SOURCES... LIBS libs... [LABELS labels...])
-# One GoogleTest executable, its cases registered with CTest.
+# One GoogleTest executable, its cases registered with CTest. Tests are
+# labelled `unit` unless they are labelled `integration`.
 function(netvane_test name)
   cmake_parse_arguments(T "" "" "SOURCES;LIBS;LABELS" ${ARGN})
+  if(NOT "integration" IN_LIST T_LABELS)
+    list(PREPEND T_LABELS unit)
+  endif()
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
@@ -23,7 +27,7 @@ function(netvane_test name)
   # given as PROPERTIES, which would keep only the first label.
   set(labels_file "${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake")
   file(WRITE "${labels_file}"
-    "set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"unit;${T_LABELS}\")\n")
+    "set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${T_LABELS}\")\n")
   set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${labels_file}")
 endfunction()
 
