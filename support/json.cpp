@@ -19,8 +19,7 @@ constexpr std::array<bool, 256> kNeedsEscape = [] {
     return table;
 }();
 
-}  // namespace
-
+// A JSON string literal, with its quotes, for UTF-8 text.
 void appendJsonQuoted(std::string& out, std::string_view text) {
     out.push_back('"');
     std::size_t plain = 0;  // start of the run of characters that need no escape
@@ -45,6 +44,8 @@ void appendJsonQuoted(std::string& out, std::string_view text) {
     out.append(text.substr(plain));
     out.push_back('"');
 }
+
+}  // namespace
 
 JsonWriter::JsonWriter(bool pretty) : pretty_(pretty) {}
 
@@ -159,12 +160,6 @@ bool JsonWriter::flushTo(std::FILE* stream) {
 std::string JsonWriter::take() {
     if (pretty_) out_.push_back('\n');
     return std::move(out_);
-}
-
-std::string jsonQuote(std::string_view text) {
-    std::string out;
-    appendJsonQuoted(out, text);
-    return out;
 }
 
 std::string toJSON(const plist::Value& value, bool pretty) {

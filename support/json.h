@@ -59,8 +59,4 @@ private:
 // Pretty output indents by two spaces; compact output has no whitespace.
 std::string toJSON(const plist::Value& value, bool pretty = true);
 
-// JSON string literal (with quotes) for UTF-8 text.
-std::string jsonQuote(std::string_view text);
-void appendJsonQuoted(std::string& out, std::string_view text);
-
 }  // namespace netvane
