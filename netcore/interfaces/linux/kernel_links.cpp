@@ -267,9 +267,8 @@ void markHardware(Collected& collected) {
 }  // namespace
 
 std::optional<KernelLinks> readKernelLinks() {
-    UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    UniqueFd fd(nv_linux_netlink_socket());
     if (!fd) return std::nullopt;
-    const bool parentsKnown = kernelNamesParents();
     for (int attempt = 1;; ++attempt) {
         Collected collected;
         bool changed = false;
@@ -284,7 +283,7 @@ std::optional<KernelLinks> readKernelLinks() {
             collected = Collected{};
             links.ifi_family = AF_UNSPEC;
             if (!dump(fd.get(), RTM_GETLINK, RTM_NEWLINK, links, addLink, collected, changed)) return std::nullopt;
-            collected.parentsNamed = parentsKnown;
+            collected.parentsNamed = kernelNamesParents();
         }
         if (!dump(fd.get(), RTM_GETADDR, RTM_NEWADDR, ifaddrmsg{}, addAddress, collected, changed)) {
             return std::nullopt;

@@ -88,6 +88,8 @@ int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* tab
  * asked only about hardware interfaces. */
 uint32_t nv_linux_read_functional_type(const char* ifname, uint32_t hardware_type, int hardware);
 
+/* A routing netlink socket (close-on-exec), or -1. */
+int nv_linux_netlink_socket(void);
 /* Sends a dump request on a netlink socket and hands every reply message of
  * `type` to visit. 1 when the dump completed; *interrupted (optional) tells
  * whether the kernel flagged it as changed while it ran. */

@@ -22,7 +22,7 @@
  * and for the largest batch of dump messages the kernel sends at once. */
 #define NV_NETLINK_REPLY_SIZE 65536
 
-static int netlink_socket(void) { return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE); }
+int nv_linux_netlink_socket(void) { return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE); }
 
 /* Sends one request and returns the length of the one reply message of
  * `type`, copied into buf; -1 on any error, a kernel refusal or truncation. */
@@ -98,7 +98,7 @@ int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
 
     unsigned char* buf = malloc(NV_NETLINK_REPLY_SIZE);
     if (!buf) return 0;
-    int fd = netlink_socket();
+    int fd = nv_linux_netlink_socket();
     int length = netlink_exchange(fd, &request.header, RTM_NEWLINK, buf, NV_NETLINK_REPLY_SIZE);
     int ok = 0;
     if (length >= (int)NLMSG_LENGTH(sizeof(struct ifinfomsg))) {
@@ -161,7 +161,7 @@ int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in
     put_attribute(&request.header, IFA_ADDRESS, &addr->sin6_addr, 16);
 
     unsigned char buf[4096];
-    int fd = netlink_socket();
+    int fd = nv_linux_netlink_socket();
     int length = netlink_exchange(fd, &request.header, RTM_NEWADDR, buf, sizeof buf);
     if (fd >= 0) close(fd);
     if (length < (int)NLMSG_LENGTH(sizeof(struct ifaddrmsg))) return 0;

@@ -164,7 +164,7 @@ static int tun_interfaces(void) {
     request.kind.rta_len = RTA_LENGTH(sizeof request.name);
     memcpy(request.name, "tun", 4);
 
-    int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    int fd = nv_linux_netlink_socket();
     int count = 0;
     int ok = nv_linux_netlink_dump(fd, &request.header, RTM_NEWLINK, count_tun, &count, NULL);
     if (fd >= 0) close(fd);
