@@ -177,8 +177,13 @@ bool AdminDaemon::isPaired(std::string_view token, std::uint32_t uid) {
 Status AdminDaemon::setServiceEnabled(const std::string& serviceID, bool enabled, std::string_view token,
                                       std::uint32_t uid) {
     if (!isPaired(token, uid)) return toError(AdminError::notPaired);
-    auto changed = ServiceConfigurator::setEnabled(backends_.preferences.get(), serviceID, enabled);
-    if (!changed) return changed;
+    std::string reason;
+    auto changed = ServiceConfigurator::setEnabled(backends_.preferences.get(), serviceID, enabled, &reason);
+    if (!changed) {
+        // The wire carries only the fixed message; the administrator reads why here.
+        if (!reason.empty()) log("uid " + std::to_string(uid) + " could not set service " + serviceID + ": " + reason);
+        return changed;
+    }
     log("uid " + std::to_string(uid) + " set service " + serviceID + " enabled=" + (enabled ? "true" : "false"));
     return {};
 }

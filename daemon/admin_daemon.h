@@ -30,9 +30,9 @@
 #include <vector>
 
 #include "daemon/authorizer.h"
-#include "daemon/network_preferences.h"
 #include "daemon/pairing_store.h"
 #include "daemon/tunnel_owner_source.h"
+#include "netcore/sysconfig/network_preferences.h"
 #include "support/date.h"
 #include "support/plist/value.h"
 #include "support/result.h"

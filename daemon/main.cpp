@@ -17,6 +17,7 @@
 #include "daemon/linux/netcore_tunnel_owners.h"
 #include "daemon/linux/polkit_authorizer.h"
 #include "daemon/listener.h"
+#include "netcore/sysconfig/network_preferences.h"
 #include "support/bundle_info.h"
 #include "support/files.h"
 #include "support/ipc/socket_activation.h"
@@ -98,6 +99,8 @@ int main(int argc, char** argv) {
     AdminDaemon::Backends backends;
     backends.authorizer = std::make_shared<PolkitAuthorizer>();
     backends.tunnelOwners = std::make_shared<NetcoreTunnelOwners>();
+    // Reached afresh for every change, so a NetworkManager that starts after us is found.
+    backends.preferences = systemNetworkPreferences();
     auto daemon = std::make_shared<AdminDaemon>(PairingStore::load(options.stateDirectory), version, backends);
 
     const std::string& team = AdminConstants::teamID();

@@ -297,11 +297,14 @@ TEST_F(ServiceSwitchTest, UnpairedTokenNeverTouchesThePreferences) {
     EXPECT_TRUE(logLines().empty());
 }
 
-TEST_F(ServiceSwitchTest, ConfiguratorErrorsPassThroughUnlogged) {
+TEST_F(ServiceSwitchTest, RefusalsPassThroughAndOnlyTheStoresReasonIsLogged) {
     EXPECT_EQ(codeOf(daemon_->setServiceEnabled("NOPE", true, first_, kUser)), AdminError::unknownService);
-    preferences_->fail({.commit = true});
-    EXPECT_EQ(codeOf(daemon_->setServiceEnabled("ABC", true, first_, kUser)), AdminError::configurationFailed);
     EXPECT_TRUE(logLines().empty());
+    preferences_->fail({.commit = true});
+    const Status refused = daemon_->setServiceEnabled("ABC", true, first_, kUser);
+    EXPECT_EQ(codeOf(refused), AdminError::configurationFailed);
+    EXPECT_EQ(refused.error().message, "macOS refused the network configuration change") << "the wire's text is fixed";
+    EXPECT_EQ(logLines(), (std::vector<std::string>{"uid 501 could not set service ABC: commit refused"}));
 }
 
 TEST_F(ServiceSwitchTest, NoPreferencesBackendIsAConfigurationFailure) {

@@ -92,20 +92,35 @@ TEST_F(ServiceConfiguratorTest, ARefusedStepStopsTheRestAndStillUnlocks) {
         FakeNetworkPreferences::Failures failures;
         const char* lastStep;
     };
-    for (const Case& c : {Case{{.set = true}, "set WIFI 1"}, Case{{.commit = true}, "commit"},
-                          Case{{.apply = true}, "apply"}}) {
+    for (const Case& c : {Case{{.lookup = true}, "hasService WIFI"}, Case{{.set = true}, "set WIFI 1"},
+                          Case{{.commit = true}, "commit"}, Case{{.apply = true}, "apply"}}) {
         SCOPED_TRACE(c.lastStep);
         FakeNetworkPreferences preferences;
         preferences.addService("WIFI", {});
         preferences.fail(c.failures);
-        EXPECT_EQ(codeOf(ServiceConfigurator::setEnabled(&preferences, "WIFI", true)),
-                  AdminError::configurationFailed);
+        std::string reason;
+        EXPECT_EQ(codeOf(ServiceConfigurator::setEnabled(&preferences, "WIFI", true, &reason)),
+                  AdminError::configurationFailed)
+            << "a store that cannot answer is no verdict on the service";
+        EXPECT_NE(reason.find("refused"), std::string::npos) << reason;
         const Journal journal = preferences.journal();
         ASSERT_GE(journal.size(), 3u);
         EXPECT_EQ(journal.end()[-3], c.lastStep);
         EXPECT_EQ(journal.end()[-2], "unlock");
         EXPECT_EQ(journal.end()[-1], "close");
     }
+}
+
+TEST_F(ServiceConfiguratorTest, ImplausibleIDsAreUnknownWithoutALookup) {
+    for (const std::string& id : std::vector<std::string>{"", "../Interface", "WIFI/Interface", "A B", std::string(65, 'A'), "WIFI\n"}) {
+        EXPECT_EQ(codeOf(ServiceConfigurator::setEnabled(&preferences_, id, false)), AdminError::unknownService) << id;
+    }
+    for (const std::string& step : preferences_.journal()) {
+        EXPECT_EQ(step.rfind("hasService", 0), std::string::npos) << step;
+        EXPECT_EQ(step.rfind("pathValue", 0), std::string::npos) << step;
+    }
+    EXPECT_FALSE(preferences_.locked());
+    EXPECT_EQ(preferences_.enabled("WIFI"), false);
 }
 
 }  // namespace
