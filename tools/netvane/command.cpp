@@ -1,5 +1,7 @@
 #include "command.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -8,6 +10,10 @@
 
 namespace netvane::cli {
 namespace {
+
+volatile sig_atomic_t interruptReceived = 0;
+
+extern "C" void noteInterrupt(int) { interruptReceived = 1; }
 
 std::vector<const Command*>& registry() {
     static std::vector<const Command*> all;
@@ -52,10 +58,28 @@ std::optional<double> parsePositiveSeconds(std::string_view text) {
     return value;
 }
 
+std::optional<std::uint64_t> parsePositiveCount(std::string_view text) {
+    const std::string copy(text);
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long value = std::strtoull(copy.c_str(), &end, 10);
+    if (copy.empty() || copy[0] == '-' || *end != '\0' || errno != 0 || value == 0) return std::nullopt;
+    return value;
+}
+
 int printHelp(const Command& command) {
     std::printf("%.*s\n\n%.*s\n", static_cast<int>(command.summary.size()), command.summary.data(),
                 static_cast<int>(command.synopsis.size()), command.synopsis.data());
     return kExitOK;
 }
+
+void stopOnInterrupt() {
+    struct sigaction action {};
+    action.sa_handler = noteInterrupt;
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
+bool interrupted() { return interruptReceived != 0; }
 
 }  // namespace netvane::cli

@@ -6,6 +6,7 @@
 // for "daemon unreachable".
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -40,6 +41,12 @@ int failure(std::string_view message);
 bool wantsHelp(const Args& args);
 // A finite number of seconds greater than zero, written in full ("2.5").
 std::optional<double> parsePositiveSeconds(std::string_view text);
+// A whole number greater than zero, in decimal digits only.
+std::optional<std::uint64_t> parsePositiveCount(std::string_view text);
 int printHelp(const Command& command);
+// Ctrl-C and SIGTERM end a long-running command at its next look at
+// interrupted(); sleeps in the main thread are cut short by them.
+void stopOnInterrupt();
+bool interrupted();
 
 }  // namespace netvane::cli

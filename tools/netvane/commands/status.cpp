@@ -1,11 +1,13 @@
-// netvane status: a full reading of this machine's interfaces and the owners
-// of its tunnels, as the status display shows them.
+// netvane status: a full reading of this machine's interfaces, the owners of
+// its tunnels, and the network services and primary interfaces that label
+// them, as the status display shows them.
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
 
 #include "command.h"
+#include "configuration_report.h"
 #include "interface_report.h"
 #include "netcore/interfaces/interface_reader.h"
 #include "support/json.h"
@@ -16,7 +18,9 @@ namespace {
 int run(const Args& args);
 
 const Command command("status", "netvane status [--json]",
-                      "every interface with its addresses, media, flags and counters, and the tunnel owners", run);
+                      "every interface with its addresses, media, flags and counters, the tunnel owners, the "
+                      "services and the primary interfaces",
+                      run);
 
 int run(const Args& args) {
     bool json = false;
@@ -25,6 +29,7 @@ int run(const Args& args) {
 
     const std::vector<InterfaceSnapshot> snapshots = InterfaceReader().snapshot();
     const TunnelOwnerMap owners = TunnelOwners::scan();
+    const NetworkMetadata configuration = SystemConfigurationReader::read();
     if (json) {
         // Written out piece by piece: a reading of many interfaces makes
         // megabytes of text.
@@ -40,6 +45,7 @@ int run(const Args& args) {
         out.endArray();
         out.key("tunnelOwners");
         out.value(tunnelOwnersValue(owners));
+        writeServicesAndPrimaries(out, configuration);
         out.endObject();
         const std::string rest = out.take();
         std::fwrite(rest.data(), 1, rest.size(), stdout);
@@ -49,6 +55,9 @@ int run(const Args& args) {
     for (const InterfaceSnapshot& snapshot : snapshots) printSnapshot(stdout, snapshot);
     std::printf("\ntunnel owners%s:\n", ::geteuid() == 0 ? "" : " (only your own processes; run as root for all)");
     printTunnelOwners(stdout, owners);
+    std::printf("\n");
+    printServices(stdout, configuration);
+    printPrimaries(stdout, configuration);
     return kExitOK;
 }
 

@@ -1,22 +1,27 @@
 // netvane watch: the live view a menu bar shows. Readings at a fixed interval
 // become per-interface rates; every sample also goes into that interface's
-// rate history, which is pruned and saved so a restart continues it.
-#include <signal.h>
+// rate history, which is pruned and saved so a restart continues it. The
+// network configuration that names the interfaces (services, primaries) is
+// read again whenever the change watcher says it changed.
 #include <time.h>
 
 #include <cerrno>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
+#include <atomic>
 #include <cstdlib>
 #include <optional>
 #include <string>
 #include <unordered_set>
 
 #include "command.h"
+#include "configuration_report.h"
 #include "netcore/history/history_store.h"
 #include "netcore/interfaces/counter_delta_tracker.h"
 #include "netcore/interfaces/interface_reader.h"
+#include "netcore/sysconfig/network_change_watcher.h"
+#include "netcore/sysconfig/system_configuration_reader.h"
 #include "support/date.h"
 #include "support/json.h"
 
@@ -31,10 +36,6 @@ constexpr double kMinimumInterval = 0.05;
 constexpr RateHistory::Retention kRetention{3600, 7 * 86400, 90 * 86400};
 // The history goes to disk this often, and once more on the way out.
 constexpr double kSaveEvery = 60;
-
-volatile sig_atomic_t stopRequested = 0;
-
-extern "C" void requestStop(int) { stopRequested = 1; }
 
 struct WatchOptions {
     double interval = kDefaultInterval;
@@ -58,15 +59,6 @@ std::string defaultHistoryFile() {
     return "";
 }
 
-std::optional<std::uint64_t> parseCount(std::string_view text) {
-    std::string copy(text);
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long value = std::strtoull(copy.c_str(), &end, 10);
-    if (copy.empty() || copy[0] == '-' || *end != '\0' || errno != 0 || value == 0) return std::nullopt;
-    return value;
-}
-
 std::optional<std::string> parse(const Args& args, WatchOptions& options) {
     for (std::size_t i = 0; i < args.size(); ++i) {
         std::string_view arg = args[i];
@@ -83,7 +75,7 @@ std::optional<std::string> parse(const Args& args, WatchOptions& options) {
             options.interval = *value;
         } else if (arg == "--count") {
             auto text = next();
-            auto value = text ? parseCount(*text) : std::nullopt;
+            auto value = text ? parsePositiveCount(*text) : std::nullopt;
             if (!value) return "--count needs a positive whole number of readings";
             options.count = *value;
         } else if (arg == "--history") {
@@ -99,24 +91,61 @@ std::optional<std::string> parse(const Args& args, WatchOptions& options) {
     return std::nullopt;
 }
 
+// The service an interface runs, for people: " (Office)", or nothing.
+std::string serviceSuffix(const NetworkMetadata& configuration, const std::string& name) {
+    const auto service = configuration.service(name);
+    return service ? " (" + service->name + ")" : "";
+}
+
+// `configuration` is shown in full only when it was just read again.
 void printReading(const WatchOptions& options, Date now, const std::vector<std::pair<std::string, RateSample>>& rates,
-                  std::size_t interfaces) {
+                  std::size_t interfaces, const NetworkMetadata& configuration, bool configurationRead) {
     if (options.json) {
-        plist::Array list;
+        JsonWriter out(false);
+        out.beginObject();
+        out.key("time");
+        out.value(plist::Value(now));
+        out.key("interfaces");
+        out.beginArray();
         for (const auto& [name, s] : rates) {
-            list.push_back(plist::Dictionary{{"name", name},
-                                             {"duration", s.duration},
-                                             {"bytesIn", s.bytesIn},
-                                             {"bytesOut", s.bytesOut},
-                                             {"rateIn", s.rateIn()},
-                                             {"rateOut", s.rateOut()}});
+            out.beginObject();
+            out.key("name");
+            out.string(name);
+            if (const auto service = configuration.service(name)) {
+                out.key("service");
+                out.string(service->name);
+            }
+            out.key("duration");
+            out.number(s.duration);
+            out.key("bytesIn");
+            out.number(s.bytesIn);
+            out.key("bytesOut");
+            out.number(s.bytesOut);
+            out.key("rateIn");
+            out.number(s.rateIn());
+            out.key("rateOut");
+            out.number(s.rateOut());
+            out.endObject();
         }
-        std::printf("%s\n", toJSON(plist::Dictionary{{"time", now}, {"interfaces", std::move(list)}}, false).c_str());
+        out.endArray();
+        if (configurationRead) {
+            out.key("configuration");
+            out.beginObject();
+            writeServicesAndPrimaries(out, configuration);
+            out.endObject();
+        }
+        out.endObject();
+        std::printf("%s\n", out.take().c_str());
     } else {
         std::printf("%s  %zu interfaces\n", formatISO8601(now).c_str(), interfaces);
+        if (configurationRead) {
+            std::printf("  configuration: %zu services; ", configuration.services.size());
+            printPrimaries(stdout, configuration);
+        }
         if (rates.empty()) std::printf("  (first reading; rates follow)\n");
         for (const auto& [name, s] : rates) {
-            std::printf("  %-16s in %12.1f B/s  out %12.1f B/s\n", name.c_str(), s.rateIn(), s.rateOut());
+            const std::string label = name + serviceSuffix(configuration, name);
+            std::printf("  %-28s in %12.1f B/s  out %12.1f B/s\n", label.c_str(), s.rateIn(), s.rateOut());
         }
     }
     std::fflush(stdout);
@@ -129,7 +158,7 @@ bool save(const HistoryStore& store, const HistorySet& histories) {
 }
 
 void sleepUntil(const timespec& deadline) {
-    while (!stopRequested && ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    while (!interrupted() && ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
     }
 }
 
@@ -159,23 +188,26 @@ int run(const Args& args) {
     }
     for (auto& [name, history] : histories) history.apply(kRetention);
 
-    struct sigaction action {};
-    action.sa_handler = requestStop;
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
+    stopOnInterrupt();
 
     // A reading later than this after the previous one says the machine
     // slept or stalled; such a gap is no rate.
     const double maxGap = std::max(2 * options.interval, options.interval + 1);
     InterfaceReader reader;
     CounterDeltaTracker tracker;
+    // The watcher only raises a flag; the reading loop reads the configuration
+    // again at its next turn, so a burst of changes costs one reading.
+    std::atomic<bool> configurationChanged{true};
+    auto watcherQueue = std::make_shared<SerialQueue>("watch");
+    const NetworkChangeWatcher watcher(watcherQueue, [&](const std::vector<std::string>&) { configurationChanged = true; });
+    NetworkMetadata configuration;
     timespec start{};
     ::clock_gettime(CLOCK_MONOTONIC, &start);
     double lastSave = Date::now().secondsSinceReference;
     bool saved = true;
-    for (std::uint64_t reading = 0; !stopRequested && (!options.count || reading < *options.count); ++reading) {
+    for (std::uint64_t reading = 0; !interrupted() && (!options.count || reading < *options.count); ++reading) {
         if (reading > 0) sleepUntil(addSeconds(start, options.interval * static_cast<double>(reading)));
-        if (stopRequested) break;
+        if (interrupted()) break;
         const Date now = Date::now();
         const std::vector<InterfaceSnapshot> snapshots = reader.snapshot();
         std::vector<std::pair<std::string, RateSample>> rates;
@@ -190,7 +222,9 @@ int run(const Args& args) {
         }
         tracker.retain(names);
         for (auto& [name, history] : histories) history.prune(now);
-        printReading(options, now, rates, snapshots.size());
+        const bool configurationRead = configurationChanged.exchange(false);
+        if (configurationRead) configuration = SystemConfigurationReader::read();
+        printReading(options, now, rates, snapshots.size(), configuration, configurationRead);
         if (now.secondsSinceReference - lastSave >= kSaveEvery) {
             saved = save(store, histories);
             lastSave = now.secondsSinceReference;

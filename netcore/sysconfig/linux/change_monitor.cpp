@@ -1,0 +1,316 @@
+#include "netcore/sysconfig/linux/change_monitor.h"
+
+#include <linux/rtnetlink.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "netcore/sysconfig/linux/bus.h"
+#include "netcore/sysconfig/linux/kernel_network.h"
+#include "netcore/sysconfig/linux/network_manager.h"
+#include "support/unique_fd.h"
+
+namespace netvane {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
+constexpr const char* kOwnerMatch =
+    "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',member='NameOwnerChanged',"
+    "arg0='org.freedesktop.NetworkManager'";
+// Room for the largest batch of events the kernel hands over in one read.
+constexpr std::size_t kEventBufferSize = 64 * 1024;
+constexpr unsigned kIPv6RuleGroup = 19;  // RTNLGRP_IPV6_RULE
+
+Result<UniqueFd> subscribe(int receiveBuffer) {
+    UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+    if (!fd) return posixError(errno, "open a routing netlink socket");
+    // Root may raise the buffer past the system's default limit; others get what the limit allows.
+    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0) {
+        (void)::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE |
+                        RTMGRP_IPV6_ROUTE | RTMGRP_IPV4_RULE;
+    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        return posixError(errno, "subscribe to routing events");
+    }
+    const unsigned group = kIPv6RuleGroup;
+    (void)::setsockopt(fd.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group);
+    return fd;
+}
+
+const char* orEmpty(const char* text) { return text ? text : ""; }
+
+timespec untilDeadline(Clock::time_point deadline) {
+    const auto left = std::max(Clock::duration::zero(), deadline - Clock::now());
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+    return timespec{static_cast<time_t>(seconds.count()),
+                    static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - seconds).count())};
+}
+
+std::optional<std::string> profileUUID(sd_bus* bus, const char* path) {
+    auto request = bus::methodCall(bus, nm::kService, path, nm::kProfileInterface, "GetSettings");
+    if (!request) return std::nullopt;
+    auto reply = bus::call(bus, request->get());
+    if (!reply) return std::nullopt;
+    auto settings = bus::readValue(reply->get());
+    if (!settings) return std::nullopt;
+    auto profile = nm::profileFrom(path, *settings, 0);
+    if (!profile) return std::nullopt;
+    return profile->uuid;
+}
+
+std::optional<std::string> activeUUID(sd_bus* bus, const char* path) {
+    auto request = bus::methodCall(bus, nm::kService, path, kPropertiesInterface, "Get");
+    if (!request) return std::nullopt;
+    if (sd_bus_message_append(request->get(), "ss", nm::kActiveInterface, "Uuid") < 0) return std::nullopt;
+    auto reply = bus::call(bus, request->get());
+    if (!reply) return std::nullopt;
+    auto uuid = bus::readValue(reply->get());
+    if (!uuid || !uuid->string()) return std::nullopt;
+    return *uuid->string();
+}
+
+}  // namespace
+
+struct ChangeMonitor::State {
+    Report report;
+    UniqueFd stop;
+    UniqueFd events;
+    UniqueFd requests;
+    bus::Bus bus;  // null: the kernel alone
+    bus::Slot signals, owner;
+    KernelChangeTracker kernel;
+    NetworkManagerChangeTracker manager;
+    KeySet pending;
+    Clock::time_point first, last;
+    std::thread thread;
+
+    Status open(int receiveBuffer) {
+        stop = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        if (!stop) return posixError(errno, "create an event descriptor");
+        auto subscribed = subscribe(receiveBuffer);
+        if (!subscribed) return subscribed.error();
+        events = std::move(*subscribed);
+        requests = kernel::openRoutingSocket();
+        if (!requests) return posixError(errno, "open a routing netlink socket");
+        // Subscribed first, baseline second: a change in between is reported, not lost.
+        kernel.reset(kernel::dumpLinks(requests.get()).value_or(std::vector<kernel::Link>{}),
+                     kernel::primaryRoute(requests.get(), AF_INET), kernel::primaryRoute(requests.get(), AF_INET6));
+        openBus();
+        return {};
+    }
+
+    void openBus() {
+        auto opened = bus::openSystemBus();
+        if (!opened) return;  // no bus: the kernel alone
+        sd_bus_slot* raw = nullptr;
+        if (sd_bus_match_signal(opened->get(), &raw, nm::kService, nullptr, nullptr, nullptr, &State::onSignal, this) <
+            0) {
+            return;
+        }
+        signals.reset(raw);
+        raw = nullptr;
+        if (sd_bus_add_match(opened->get(), &raw, kOwnerMatch, &State::onOwnerChanged, this) < 0) {
+            signals.reset();
+            return;
+        }
+        owner.reset(raw);
+        bus = std::move(*opened);
+        if (auto state = nm::load(bus.get())) manager.reset(*state);
+    }
+
+    void closeBus() {
+        signals.reset();
+        owner.reset();
+        bus.reset();
+    }
+
+    static int onOwnerChanged(sd_bus_message* message, void* context, sd_bus_error*) {
+        auto* self = static_cast<State*>(context);
+        const char *name = nullptr, *before = nullptr, *after = nullptr;
+        if (sd_bus_message_read(message, "sss", &name, &before, &after) < 0) return 0;
+        self->manager.managerLost(self->pending);
+        if (after && *after) {
+            if (auto state = nm::load(self->bus.get())) {
+                self->manager.reset(*state);
+                for (const nm::Profile& profile : state->profiles) {
+                    self->manager.profileChanged(profile.path, profile.uuid, self->pending);
+                }
+                for (const nm::ActiveConnection& active : state->active) {
+                    self->manager.activeChanged(active.path, active.uuid, self->pending);
+                }
+            }
+        }
+        return 0;
+    }
+
+    static int onSignal(sd_bus_message* message, void* context, sd_bus_error*) {
+        static_cast<State*>(context)->signal(message);
+        return 0;
+    }
+
+    void signal(sd_bus_message* message) {
+        const std::string_view interface = orEmpty(sd_bus_message_get_interface(message));
+        const std::string_view member = orEmpty(sd_bus_message_get_member(message));
+        const char* path = orEmpty(sd_bus_message_get_path(message));
+        sd_bus* connection = bus.get();
+        if (interface == nm::kSettingsInterface && (member == "NewConnection" || member == "ConnectionRemoved")) {
+            const char* profile = nullptr;
+            if (sd_bus_message_read(message, "o", &profile) < 0) return;
+            if (member == "ConnectionRemoved") {
+                manager.profileRemoved(profile, pending);
+            } else if (auto uuid = profileUUID(connection, profile)) {
+                manager.profileChanged(profile, *uuid, pending);
+            }
+        } else if (interface == nm::kProfileInterface && member == "Updated") {
+            if (auto uuid = profileUUID(connection, path)) manager.profileChanged(path, *uuid, pending);
+        } else if (interface == nm::kActiveInterface && member == "StateChanged") {
+            activeTouched(path);
+        } else if (interface == kPropertiesInterface && member == "PropertiesChanged") {
+            propertiesChanged(message, path);
+        }
+    }
+
+    void activeTouched(const char* path) {
+        if (manager.activeTouched(path, pending)) return;
+        if (auto uuid = activeUUID(bus.get(), path)) manager.activeChanged(path, *uuid, pending);
+    }
+
+    void propertiesChanged(sd_bus_message* message, const char* path) {
+        const char* of = nullptr;
+        if (sd_bus_message_read(message, "s", &of) < 0) return;
+        const std::string_view interface = of;
+        if (interface == nm::kProfileInterface) {
+            if (!manager.profileTouched(path, pending)) {
+                if (auto uuid = profileUUID(bus.get(), path)) manager.profileChanged(path, *uuid, pending);
+            }
+        } else if (interface == nm::kActiveInterface) {
+            activeTouched(path);
+        } else if (interface == nm::kManagerInterface) {
+            auto changed = bus::readValue(message);
+            if (!changed) return;
+            const plist::Value* list = changed->find("ActiveConnections");
+            if (!list || !list->array()) return;
+            std::vector<std::string> paths;
+            for (const plist::Value& entry : *list->array()) {
+                if (entry.string()) paths.push_back(*entry.string());
+            }
+            for (const std::string& added : manager.activeListIs(paths, pending)) activeTouched(added.c_str());
+        }
+    }
+
+    // Reads every event the kernel has queued; false when it dropped some.
+    bool drainKernel(bool& routing) {
+        alignas(nlmsghdr) static thread_local unsigned char buffer[kEventBufferSize];
+        bool complete = true;
+        for (;;) {
+            const ssize_t n = ::recv(events.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0 && errno == ENOBUFS) {
+                complete = false;
+                continue;
+            }
+            if (n <= 0) break;
+            std::size_t remaining = static_cast<std::size_t>(n);
+            for (auto* m = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(m, remaining);
+                 m = NLMSG_NEXT(m, remaining)) {
+                switch (m->nlmsg_type) {
+                    case RTM_NEWLINK: case RTM_DELLINK:
+                        if (auto link = kernel::parseLink(m)) kernel.linkChanged(*link, m->nlmsg_type == RTM_DELLINK, pending);
+                        routing = true;
+                        break;
+                    case RTM_NEWADDR: case RTM_DELADDR:
+                        if (auto address = kernel::parseAddress(m)) kernel.addressChanged(*address, pending);
+                        routing = true;
+                        break;
+                    case RTM_NEWROUTE: case RTM_DELROUTE: case RTM_NEWRULE: case RTM_DELRULE:
+                        routing = true;
+                        break;
+                    default: break;
+                }
+            }
+        }
+        return complete;
+    }
+
+    void run() {
+        pollfd fds[3] = {{stop.get(), POLLIN, 0}, {events.get(), POLLIN, 0}, {-1, 0, 0}};
+        for (;;) {
+            std::optional<Clock::time_point> deadline;
+            if (!pending.empty()) deadline = std::min(last + kQuiet, first + kMaxHold);
+            fds[2] = {-1, 0, 0};
+            if (bus) {
+                fds[2] = {sd_bus_get_fd(bus.get()), static_cast<short>(sd_bus_get_events(bus.get())), 0};
+                std::uint64_t when = 0;  // CLOCK_MONOTONIC microseconds, as steady_clock here
+                if (sd_bus_get_timeout(bus.get(), &when) >= 0 && when != UINT64_MAX) {
+                    const Clock::time_point busDeadline{std::chrono::microseconds(when)};
+                    deadline = deadline ? std::min(*deadline, busDeadline) : busDeadline;
+                }
+            }
+            timespec wait{};
+            if (deadline) wait = untilDeadline(*deadline);
+            const int ready = ::ppoll(fds, bus ? 3 : 2, deadline ? &wait : nullptr, nullptr);
+            if (ready < 0 && errno != EINTR) return;
+            if (fds[0].revents) return;
+
+            const std::size_t before = pending.size();
+            bool routing = false;
+            if (fds[1].revents && !drainKernel(routing)) {
+                routing = true;
+                kernel.resync(kernel::dumpLinks(requests.get()).value_or(std::vector<kernel::Link>{}), pending);
+            }
+            if (routing) {
+                kernel.primariesAre(kernel::primaryRoute(requests.get(), AF_INET),
+                                    kernel::primaryRoute(requests.get(), AF_INET6), pending);
+            }
+            if (bus) {
+                int r = 0;
+                while ((r = sd_bus_process(bus.get(), nullptr)) > 0) {
+                }
+                if (r < 0) {
+                    // The bus went away; what NetworkManager said may no longer hold.
+                    manager.managerLost(pending);
+                    closeBus();
+                }
+            }
+            const Clock::time_point now = Clock::now();
+            if (pending.size() != before) {
+                if (before == 0) first = now;
+                last = now;
+            }
+            if (!pending.empty() && now >= std::min(last + kQuiet, first + kMaxHold)) {
+                report(std::exchange(pending, {}));
+            }
+        }
+    }
+};
+
+ChangeMonitor::ChangeMonitor(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+Result<std::unique_ptr<ChangeMonitor>> ChangeMonitor::start(Report report, Options options) {
+    auto state = std::make_unique<State>();
+    state->report = std::move(report);
+    if (auto opened = state->open(options.receiveBuffer); !opened) return opened.error();
+    State* raw = state.get();
+    state->thread = std::thread([raw] { raw->run(); });
+    return std::unique_ptr<ChangeMonitor>(new ChangeMonitor(std::move(state)));
+}
+
+ChangeMonitor::~ChangeMonitor() {
+    const std::uint64_t one = 1;
+    if (::write(state_->stop.get(), &one, sizeof one) < 0) {
+        // An eventfd write fails only on overflow, which one write cannot cause.
+    }
+    if (state_->thread.joinable()) state_->thread.join();
+}
+
+}  // namespace netvane

@@ -1,0 +1,53 @@
+// Watches the kernel (links, IPv4 and IPv6 addresses, routes and policy
+// rules) and NetworkManager (profiles and active connections) on a thread of
+// its own, and reports the store keys each change touched.
+//
+// Events that arrive close together are one change: a batch is reported once
+// no further event came for kQuiet, or kMaxHold after its first event at the
+// latest. A kernel overrun (events dropped because we fell behind) is made
+// good by re-reading the links and reporting every interface key that may
+// have changed. Without a system bus or NetworkManager only the kernel is
+// watched; NetworkManager appearing later is noticed.
+//
+// `report` runs on the monitor's thread. Destruction stops the thread and
+// returns after it ended: no report runs after that.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "netcore/sysconfig/linux/change_trackers.h"
+#include "support/result.h"
+
+namespace netvane {
+
+class ChangeMonitor {
+public:
+    // The kernel sends the events of one change within microseconds of each
+    // other and NetworkManager its signals within a millisecond or two.
+    static constexpr std::chrono::microseconds kQuiet{2000};
+    // A stream of changes still gets reported while it lasts.
+    static constexpr std::chrono::milliseconds kMaxHold{50};
+
+    struct Options {
+        // The kernel's queue for our events, in bytes: large enough that a
+        // burst (a whole interface going away) fits.
+        int receiveBuffer = 1 << 20;
+    };
+    using Report = std::function<void(KeySet changedKeys)>;
+
+    // Subscribed and holding its baseline when it returns, so that every
+    // change after that is reported.
+    static Result<std::unique_ptr<ChangeMonitor>> start(Report report, Options options);
+    ~ChangeMonitor();
+    ChangeMonitor(const ChangeMonitor&) = delete;
+    ChangeMonitor& operator=(const ChangeMonitor&) = delete;
+
+private:
+    struct State;
+    explicit ChangeMonitor(std::unique_ptr<State> state);
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace netvane
