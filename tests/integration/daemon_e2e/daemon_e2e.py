@@ -32,7 +32,7 @@ AWAIT_SETTLE_SECONDS = 0.5
 BAD_FRAMES = 10_000
 RSS_GROWTH_LIMIT_KB = 16 * 1024
 
-NOT_PAIRED, UNKNOWN_REQUEST, AUTHORIZATION_FAILED, WRONG_USER, CONFIGURATION_FAILED = 1, 3, 4, 5, 6
+NOT_PAIRED, UNKNOWN_SERVICE, UNKNOWN_REQUEST, AUTHORIZATION_FAILED, WRONG_USER, CONFIGURATION_FAILED = 1, 2, 3, 4, 5, 6
 ADMIN_DOMAIN = "com.tarnwick.Netvane.admin"
 
 
@@ -183,10 +183,33 @@ class Test:
                      "set-service with an unpaired token")
         expect_error(self.run(self.b, "app", "set-service", "eth0", "off", "--token", self.token), NOT_PAIRED,
                      "set-service with another user's token")
-        # No network-preferences backend exists on Linux yet: a paired
-        # request gets as far as the configurator and fails there.
-        expect_error(self.run(self.a, "app", "set-service", "eth0", "on", "--token", self.token),
-                     CONFIGURATION_FAILED, "set-service with a paired token")
+        env = self.env
+        if env.network_manager is None:
+            expect_error(self.run(self.a, "app", "set-service", "eth0", "on", "--token", self.token),
+                         CONFIGURATION_FAILED, "set-service without NetworkManager")
+            return
+        env.nmcli("connection", "add", "type", "ethernet", "ifname", "nv0", "con-name", "Lab", "autoconnect", "no",
+                  "ipv4.method", "disabled", "ipv6.method", "ignore")
+        lab = env.nmcli("-g", "connection.uuid", "connection", "show", "Lab")
+        expect_error(self.run(self.a, "app", "set-service", "0" * 8 + "-0000-0000-0000-" + "0" * 12, "on",
+                              "--token", self.token), UNKNOWN_SERVICE, "set-service of a profile that does not exist")
+        expect_error(self.run(self.a, "app", "set-service", "../Lab", "on", "--token", self.token), UNKNOWN_SERVICE,
+                     "set-service of a name that cannot be a service")
+
+        expect_ok(self.run(self.a, "app", "set-service", lab, "on", "--token", self.token), "set-service on")
+        expect(env.nmcli("-g", "connection.autoconnect", "connection", "show", lab) == "yes", "the profile is enabled")
+        wait_until("the profile to come up",
+                   lambda: env.nmcli("-g", "GENERAL.STATE", "connection", "show", lab) == "activated")
+        expect_ok(self.run(self.a, "app", "set-service", lab, "off", "--token", self.token), "set-service off")
+        expect(env.nmcli("-g", "connection.autoconnect", "connection", "show", lab) == "no", "the profile is disabled")
+        wait_until("the profile to go down",
+                   lambda: env.nmcli("-g", "GENERAL.STATE", "connection", "show", lab) == "")
+
+        env.stop_network_manager()
+        expect_error(self.run(self.a, "app", "set-service", lab, "on", "--token", self.token), CONFIGURATION_FAILED,
+                     "set-service with NetworkManager stopped")
+        expect(f"could not set service {lab}: NetworkManager is not running" in env.log_tail(),
+               "the daemon's log says why the change was refused")
 
     def bad_input(self):
         app_socket, control_socket = self.env.socket_paths()

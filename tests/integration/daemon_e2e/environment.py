@@ -4,7 +4,9 @@ Everything lives in a mount namespace of its own and a temporary directory:
 two test users exist only in bind-mounted copies of /etc/passwd and
 /etc/group, a private system bus carries a real polkitd that sees only our
 action and our rule, and a real netvane-admind serves sockets in a
-world-reachable runtime directory. Every process started here is owned by an
+world-reachable runtime directory. A real NetworkManager joins the bus after
+the daemon started, from a network namespace of its own (the sandbox script
+keeps it off the host). Every process started here is owned by an
 `Environment` and killed by `close()`; the mounts vanish with the namespace.
 """
 import os
@@ -19,6 +21,9 @@ import time
 SKIP = 77
 NAMESPACE_MARK = "NETVANE_E2E_PRIVATE_MOUNTS"
 POLKITD = "/usr/lib/polkit-1/polkitd"
+NETWORK_MANAGER = "/usr/sbin/NetworkManager"
+NM_SANDBOX = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "network-manager-sandbox.sh")
+NM_DEVICE = "nv0"
 POLKIT_NAME = "org.freedesktop.PolicyKit1"
 PAIR_ACTION = "com.tarnwick.Netvane.admin.pair"
 USER_NAMES = ("nvtest-a", "nvtest-b")
@@ -137,6 +142,7 @@ class Environment:
         self.state_dir = os.path.join(self.root, "state")
         self.runtime_dir = os.path.join(self.root, "run")
         self.daemon = None
+        self.network_manager = None  # stays None where NetworkManager is not installed
         self.bus_address = None
         self.users = []
 
@@ -147,6 +153,8 @@ class Environment:
         self._start_bus()
         self._start_polkitd()
         self._start_daemon()
+        # After the daemon: it must find a NetworkManager that came later.
+        self._start_network_manager()
 
     def _dir(self, name, mode=0o755):
         path = os.path.join(self.root, name)
@@ -227,6 +235,37 @@ class Environment:
                 if "listening" in words and "daemon" in words:
                     return words[words.index("daemon") + 1]
         return None
+
+    def _start_network_manager(self):
+        if not os.access(NETWORK_MANAGER, os.X_OK) or shutil.which("nmcli") is None:
+            print("note: NetworkManager is not installed; service switching is tested without it")
+            return
+        work = self._dir("network-manager", 0o700)
+        with open(os.path.join(self.root, "NetworkManager.log"), "w") as log:
+            self.network_manager = self._spawn(
+                [NM_SANDBOX, work, "--new-network-namespace", "--veth", NM_DEVICE], stdout=log, stderr=log)
+        wait_until("NetworkManager on the private bus", self._network_manager_started, timeout=20)
+
+    def _network_manager_started(self):
+        if self.network_manager.poll() is not None:
+            raise RuntimeError(f"NetworkManager exited with {self.network_manager.returncode}")
+        answer = subprocess.run(
+            ["dbus-send", f"--bus={self.bus_address}", "--print-reply", "--dest=org.freedesktop.NetworkManager",
+             "/org/freedesktop/NetworkManager", "org.freedesktop.DBus.Properties.Get",
+             "string:org.freedesktop.NetworkManager", "string:Startup"],
+            capture_output=True, text=True, timeout=5)
+        return answer.returncode == 0 and "boolean false" in answer.stdout
+
+    def stop_network_manager(self):
+        self.network_manager.terminate()
+        self.network_manager.wait(timeout=10)
+
+    def nmcli(self, *args):
+        """NetworkManager's own client on the private bus; its output, stripped."""
+        answer = subprocess.run(["nmcli", *args], env=self.env(), capture_output=True, text=True, timeout=20)
+        if answer.returncode != 0:
+            raise RuntimeError(f"nmcli {' '.join(args)}: {answer.stderr.strip()}")
+        return answer.stdout.strip()
 
     def _spawn(self, argv, **kwargs):
         process = subprocess.Popen(argv, env=self.env(), cwd="/", **kwargs)
