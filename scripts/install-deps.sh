@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libssl-dev libsystemd-dev
   iproute2 dbus polkitd pkexec curl
+  network-manager                  # the configuration backend's tests and benchmark
 )
 
 missing=()

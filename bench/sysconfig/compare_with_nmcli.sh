@@ -18,7 +18,8 @@ build=${1:?usage: $0 BUILD_DIR [RUNS]}
 runs=${2:-30}
 build=$(cd "$build" && pwd)
 here=$(cd "$(dirname "$0")" && pwd)
-sandbox="$here/../../tests/integration/support/network-manager-sandbox.sh"
+support="$here/../../tests/integration/support"
+sandbox="$support/network-manager-sandbox.sh"
 netvane="$build/tools/netvane/netvane"
 bench="$build/bench/sysconfig/sysconfig_bench"
 for tool in "$netvane" "$bench"; do
@@ -43,20 +44,7 @@ mount --make-rprivate /
 mount -t sysfs sysfs /sys
 ip link set lo up
 
-cat > "$work/bus.conf" <<CONF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=$work/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/><allow own="*"/>
-    <allow send_destination="*" eavesdrop="true"/><allow receive_sender="*"/>
-  </policy>
-</busconfig>
-CONF
-dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=1 > "$work/address" &
+"$support/private-system-bus.sh" "$work/bus" > "$work/address" 2> "$work/bus.log" &
 pids+=($!)
 for _ in $(seq 1 100); do [[ -s $work/address ]] && break; sleep 0.05; done
 DBUS_SYSTEM_BUS_ADDRESS=$(head -1 "$work/address")

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "netcore/sysconfig/linux/bus.h"
+
 namespace netvane {
 namespace {
 
@@ -13,14 +15,8 @@ constexpr const char* kAuthorityDomain = "netvane.authority";
 // a hung service.
 constexpr std::uint64_t kCallTimeoutMicroseconds = 10'000'000;
 
-struct BusCloser {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct MessageUnref {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Bus = std::unique_ptr<sd_bus, BusCloser>;
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+using bus::Bus;
+using bus::Message;
 
 Error busError(int result, const std::string& what) {
     return Error{kAuthorityDomain, -result, what + ": " + posixError(-result).message};

@@ -212,6 +212,24 @@ TEST_F(NetworkManagerTest, WithoutNetworkManagerChangesAreRefusedAndReadingsGoOn
     EXPECT_TRUE(metadata.interfaces.contains("nv0")) << "the kernel's part is still there";
 }
 
+TEST_F(NetworkManagerTest, AHungNetworkManagerCostsTimeoutsNotAHang) {
+    const std::string lab = addProfile({.id = "Lab", .interfaceName = "nv0"});
+    world_->stopNetworkManager();
+    // Someone holds NetworkManager's name and never answers.
+    auto squatter = bus::openSystemBus();
+    ASSERT_TRUE(squatter);
+    ASSERT_GE(sd_bus_request_name(squatter->get(), nm::kService, 0), 0);
+
+    const auto started = std::chrono::steady_clock::now();
+    std::string reason;
+    EXPECT_EQ(switchService(lab, false, &reason), AdminError::configurationFailed);
+    EXPECT_NE(reason.find("timed out"), std::string::npos) << reason;
+    const NetworkMetadata metadata = SystemConfigurationReader::read();
+    EXPECT_TRUE(metadata.services.empty());
+    // One bounded wait for the change, one each for the reading's two connections.
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 4 * bus::kCallTimeout);
+}
+
 TEST_F(NetworkManagerTest, TheWatcherReportsProfilesAndConnections) {
     std::mutex mutex;
     std::condition_variable arrived;

@@ -18,29 +18,14 @@
 #include "netcore/sysconfig/linux/network_manager.h"
 #include "network_namespace.h"
 
-#ifndef NETVANE_NM_SANDBOX_SCRIPT
-#error "the build names the sandbox script"
+#if !defined(NETVANE_NM_SANDBOX_SCRIPT) || !defined(NETVANE_PRIVATE_BUS_SCRIPT)
+#error "the build names the support scripts"
 #endif
 
 namespace netvane::testing {
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr const char* kBusConfig = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=@DIR@/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-)";
 
 // Starts argv with stdout and stderr to `output` (a pipe end or a file).
 pid_t spawn(const std::vector<std::string>& argv, int output) {
@@ -125,18 +110,13 @@ std::unique_ptr<NetworkManagerWorld> NetworkManagerWorld::start(const std::vecto
         return nullptr;
     }
     world->directory_ = pattern;
-    std::string config = kBusConfig;
-    config.replace(config.find("@DIR@"), 5, world->directory_);
-    std::ofstream(world->directory_ + "/bus.conf") << config;
 
     int pipe[2];
     if (::pipe2(pipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         whyNot = "pipe failed";
         return nullptr;
     }
-    world->bus_ = spawn({"dbus-daemon", "--config-file=" + world->directory_ + "/bus.conf", "--nofork",
-                         "--print-address=1"},
-                        pipe[1]);
+    world->bus_ = spawn({NETVANE_PRIVATE_BUS_SCRIPT, world->directory_ + "/bus"}, pipe[1]);
     ::close(pipe[1]);
     world->busAddress_ = readLine(pipe[0], 10s);
     ::close(pipe[0]);

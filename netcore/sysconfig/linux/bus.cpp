@@ -66,6 +66,20 @@ std::string basicText(sd_bus_message* message, char type, int& r) {
 
 int readInto(sd_bus_message* message, plist::Value& out);
 
+// Every value left in the container the message is in.
+int readElements(sd_bus_message* message, plist::Value& out) {
+    plist::Array elements;
+    int r = 0;
+    while ((r = sd_bus_message_at_end(message, 0)) == 0) {
+        plist::Value element;
+        if ((r = readInto(message, element)) <= 0) return r < 0 ? r : -EBADMSG;
+        elements.push_back(std::move(element));
+    }
+    if (r < 0) return r;
+    out = plist::Value(std::move(elements));
+    return 1;
+}
+
 int readBasic(sd_bus_message* message, char type, plist::Value& out) {
     int r = 0;
     switch (type) {
@@ -131,15 +145,8 @@ int readArray(sd_bus_message* message, const char* contents, plist::Value& out) 
         }
         if (r < 0) return r;
         out = plist::Value(std::move(dictionary));
-    } else {
-        plist::Array array;
-        while ((r = sd_bus_message_at_end(message, 0)) == 0) {
-            plist::Value element;
-            if ((r = readInto(message, element)) <= 0) return r < 0 ? r : -EBADMSG;
-            array.push_back(std::move(element));
-        }
-        if (r < 0) return r;
-        out = plist::Value(std::move(array));
+    } else if ((r = readElements(message, out)) < 0) {
+        return r;
     }
     r = sd_bus_message_exit_container(message);
     return r < 0 ? r : 1;
@@ -160,14 +167,7 @@ int readInto(sd_bus_message* message, plist::Value& out) {
         }
         case SD_BUS_TYPE_STRUCT: {
             if ((r = sd_bus_message_enter_container(message, SD_BUS_TYPE_STRUCT, contents)) <= 0) return r;
-            plist::Array fields;
-            while ((r = sd_bus_message_at_end(message, 0)) == 0) {
-                plist::Value field;
-                if ((r = readInto(message, field)) <= 0) return r < 0 ? r : -EBADMSG;
-                fields.push_back(std::move(field));
-            }
-            if (r < 0) return r;
-            out = plist::Value(std::move(fields));
+            if ((r = readElements(message, out)) < 0) return r;
             r = sd_bus_message_exit_container(message);
             return r < 0 ? r : 1;
         }
@@ -208,7 +208,11 @@ Result<Message> methodCall(sd_bus* bus, const char* destination, const char* pat
     sd_bus_message* raw = nullptr;
     int r = sd_bus_message_new_method_call(bus, &raw, destination, path, interface, member);
     if (r < 0) return errorFrom(r, std::string("build ") + member);
-    return Message(raw);
+    Message call(raw);
+    // Asking must never start a stopped service behind its administrator's back.
+    r = sd_bus_message_set_auto_start(call.get(), 0);
+    if (r < 0) return errorFrom(r, std::string("build ") + member);
+    return call;
 }
 
 Result<Message> call(sd_bus* bus, sd_bus_message* request) {

@@ -42,7 +42,7 @@ using Slot = std::unique_ptr<sd_bus_slot, SlotUnref>;
 // within the call timeout.
 Result<Bus> openSystemBus();
 
-// A method call ready for arguments.
+// A method call ready for arguments; it never starts its destination.
 Result<Message> methodCall(sd_bus* bus, const char* destination, const char* path, const char* interface,
                            const char* member);
 // Sends one call and waits for its reply within the call timeout.

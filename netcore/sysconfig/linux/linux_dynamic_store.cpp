@@ -16,7 +16,8 @@ constexpr const char* kOwnerChanges =
 
 // NetworkManager's state for copies: loaded when first needed, loaded again
 // after any signal of NetworkManager's (or its coming and going) said it
-// changed.
+// changed. A failed load counts until then too, so that a hung
+// NetworkManager costs one timeout, not one per copy.
 class NetworkManagerView {
 public:
     const nm::State* state() {
@@ -28,16 +29,16 @@ public:
             disconnect();
             if (!connect()) return nullptr;
         }
-        if (stale_ || !state_) {
+        if (stale_) {
             stale_ = false;
             auto loaded = nm::load(bus_.get());
-            if (!loaded) {
+            if (loaded) {
+                state_ = std::move(*loaded);
+            } else {
                 state_.reset();
-                return nullptr;
             }
-            state_ = std::move(*loaded);
         }
-        return &*state_;
+        return state_ ? &*state_ : nullptr;
     }
 
 private:

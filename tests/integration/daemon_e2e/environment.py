@@ -22,27 +22,14 @@ SKIP = 77
 NAMESPACE_MARK = "NETVANE_E2E_PRIVATE_MOUNTS"
 POLKITD = "/usr/lib/polkit-1/polkitd"
 NETWORK_MANAGER = "/usr/sbin/NetworkManager"
-NM_SANDBOX = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "network-manager-sandbox.sh")
+SUPPORT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support")
+PRIVATE_BUS = os.path.join(SUPPORT, "private-system-bus.sh")
+NM_SANDBOX = os.path.join(SUPPORT, "network-manager-sandbox.sh")
 NM_DEVICE = "nv0"
 POLKIT_NAME = "org.freedesktop.PolicyKit1"
 PAIR_ACTION = "com.tarnwick.Netvane.admin.pair"
 USER_NAMES = ("nvtest-a", "nvtest-b")
 FIRST_TEST_ID = 61000
-
-BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={path}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-"""
 
 # The right goes to the first test user only; everybody else is refused
 # outright, so no answer ever depends on an authentication agent.
@@ -184,13 +171,9 @@ class Environment:
 
     def _start_bus(self):
         socket_path = os.path.join(self._dir("bus"), "system_bus_socket")
-        config = os.path.join(self.root, "bus.conf")
-        with open(config, "w") as f:
-            f.write(BUS_CONFIG.format(path=socket_path))
-        # --nofork keeps the bus our child, so cleanup can always reach it.
+        # The bus stays our child, so cleanup can always reach it.
         with open(os.path.join(self.root, "dbus-daemon.log"), "w") as log:
-            bus = self._spawn(["dbus-daemon", f"--config-file={config}", "--print-address=1", "--nofork"],
-                              stdout=subprocess.PIPE, stderr=log)
+            bus = self._spawn([PRIVATE_BUS, socket_path], stdout=subprocess.PIPE, stderr=log)
         self.bus_address = read_line(bus.stdout, timeout=10)
         if not self.bus_address.startswith("unix:"):
             raise RuntimeError("dbus-daemon printed no address: " + self.bus_address)
