@@ -20,6 +20,7 @@
 #include "netcore/sysconfig/network_change_watcher.h"
 #include "netcore/sysconfig/system_configuration_reader.h"
 #include "network_manager_world.h"
+#include "network_namespace.h"
 #include "support/uuid.h"
 
 namespace netvane {

@@ -77,18 +77,6 @@ std::string readLine(int fd, std::chrono::milliseconds timeout) {
 
 }  // namespace
 
-std::optional<std::string> capture(const std::string& command) {
-    std::FILE* pipe = ::popen((command + " 2>/dev/null").c_str(), "r");
-    if (!pipe) return std::nullopt;
-    std::string out;
-    char buffer[4096];
-    std::size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
-    const int status = ::pclose(pipe);
-    if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return std::nullopt;
-    return out;
-}
-
 std::unique_ptr<NetworkManagerWorld> NetworkManagerWorld::start(const std::vector<std::string>& veths,
                                                                 std::string& whyNot) {
     if (::access("/usr/sbin/NetworkManager", X_OK) != 0) {

@@ -40,8 +40,4 @@ private:
     pid_t networkManager_ = -1;
 };
 
-// Runs a shell command and returns its standard output; nothing when it
-// exits with another status than 0.
-std::optional<std::string> capture(const std::string& command);
-
 }  // namespace netvane::testing

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -32,6 +33,18 @@ std::optional<std::string> enterPrivateNetworkNamespace() {
 bool sh(const std::string& command) {
     int status = std::system((command + " 1>&2").c_str());
     return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+std::optional<std::string> capture(const std::string& command) {
+    std::FILE* pipe = ::popen((command + " 2>/dev/null").c_str(), "r");
+    if (!pipe) return std::nullopt;
+    std::string out;
+    char buffer[4096];
+    std::size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
+    const int status = ::pclose(pipe);
+    if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return std::nullopt;
+    return out;
 }
 
 std::optional<TunHolder> TunHolder::start(const std::vector<std::string>& names, bool ownNamespace) {

@@ -19,6 +19,9 @@ std::optional<std::string> enterPrivateNetworkNamespace();
 
 // Runs a shell command; true when it exits 0. Its output goes to stderr.
 bool sh(const std::string& command);
+// Runs a shell command and returns its standard output; nothing when it
+// exits with another status than 0. Its errors are dropped.
+std::optional<std::string> capture(const std::string& command);
 
 // A child process that holds one tun descriptor per name until destroyed.
 class TunHolder {

@@ -227,5 +227,25 @@ TEST_F(SysconfigKernelTest, AnOverrunLosesNoChange) {
     }
 }
 
+// The CLI end of the same: the JSON keys are the records' field names, and
+// watch-config prints each batch as one line.
+TEST_F(SysconfigKernelTest, TheCommandsShowTheConfigurationAndItsChanges) {
+    vethPair("nva", "nva-far");
+    ASSERT_TRUE(sh("ip addr add 10.1.0.1/24 dev nva && ip route add default via 10.1.0.254"));
+    const std::string cli = NETVANE_CLI;
+    const std::string json = testing::capture(cli + " services --json").value_or("");
+    for (const char* expected : {"\"interfaces\": {", "\"bsdName\": \"nva\"", "\"interfaceType\": \"Ethernet\"",
+                                 "\"services\": []", "\"primaryIPv4Interface\": \"nva\""}) {
+        EXPECT_NE(json.find(expected), std::string::npos) << expected << " in\n" << json;
+    }
+    EXPECT_EQ(json.find("primaryIPv6Interface"), std::string::npos) << "an absent primary is left out";
+
+    // The watcher starts before the change: the command waits for its first batch.
+    const std::string output = testing::capture("(sleep 0.5; ip addr add 10.2.0.1/24 dev nva) & " + cli +
+                                                " watch-config --count 1 --json; wait")
+                                   .value_or("");
+    EXPECT_EQ(output, "[\"State:/Network/Interface/nva/IPv4\"]\n");
+}
+
 }  // namespace
 }  // namespace netvane
