@@ -1,13 +1,9 @@
 #include "configuration_report.h"
 
+#include "interface_report.h"
+
 namespace netvane::cli {
 namespace {
-
-void writeIfPresent(JsonWriter& json, const char* key, const std::optional<std::string>& value) {
-    if (!value) return;
-    json.key(key);
-    json.string(*value);
-}
 
 void writeService(JsonWriter& json, const NetworkService& service) {
     json.beginObject();

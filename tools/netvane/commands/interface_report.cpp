@@ -42,17 +42,13 @@ void writeCounters(JsonWriter& json, const InterfaceCounters& c) {
     json.endObject();
 }
 
-void writeIfPresent(JsonWriter& json, const char* key, const std::optional<std::string>& value) {
-    if (!value) return;
-    json.key(key);
-    json.string(*value);
-}
-
 void writeIfPresent(JsonWriter& json, const char* key, const std::optional<int>& value) {
     if (!value) return;
     json.key(key);
     json.number(std::int64_t{*value});
 }
+// Beside the text overload the header declares.
+using cli::writeIfPresent;
 
 std::string joined(const std::vector<std::string>& names) {
     std::string text;
@@ -84,6 +80,12 @@ void writeIPv6(JsonWriter& json, const IPv6Address& a) {
 }
 
 }  // namespace
+
+void writeIfPresent(JsonWriter& json, const char* key, const std::optional<std::string>& value) {
+    if (!value) return;
+    json.key(key);
+    json.string(*value);
+}
 
 std::string functionalTypeName(FunctionalType type) {
     switch (type) {

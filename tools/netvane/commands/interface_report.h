@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,8 @@ namespace netvane::cli {
 std::string functionalTypeName(FunctionalType type);
 
 void writeSnapshot(JsonWriter& json, const InterfaceSnapshot& snapshot);
+// An optional text under its key; nothing at all when absent.
+void writeIfPresent(JsonWriter& json, const char* key, const std::optional<std::string>& value);
 plist::Value tunnelOwnersValue(const TunnelOwnerMap& owners);
 
 void printSnapshot(std::FILE* out, const InterfaceSnapshot& snapshot);
