@@ -27,12 +27,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Starts argv with stdout and stderr to `output` (a pipe end or a file).
-pid_t spawn(const std::vector<std::string>& argv, int output) {
+// Starts argv with its standard output and errors to the descriptors given.
+pid_t spawn(const std::vector<std::string>& argv, int output, int errors) {
     const pid_t pid = ::fork();
     if (pid != 0) return pid;
     ::dup2(output, STDOUT_FILENO);
-    ::dup2(output, STDERR_FILENO);
+    ::dup2(errors, STDERR_FILENO);
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
@@ -78,7 +78,8 @@ std::string readLine(int fd, std::chrono::milliseconds timeout) {
 }  // namespace
 
 std::unique_ptr<NetworkManagerWorld> NetworkManagerWorld::start(const std::vector<std::string>& veths,
-                                                                std::string& whyNot) {
+                                                                std::string& whyNot, bool& unsupported) {
+    unsupported = true;
     if (::access("/usr/sbin/NetworkManager", X_OK) != 0) {
         whyNot = "NetworkManager is not installed (package network-manager)";
         return nullptr;
@@ -91,6 +92,7 @@ std::unique_ptr<NetworkManagerWorld> NetworkManagerWorld::start(const std::vecto
         whyNot = *reason;
         return nullptr;
     }
+    unsupported = false;
     std::unique_ptr<NetworkManagerWorld> world(new NetworkManagerWorld());
     std::string pattern = "/tmp/netvane-nm-XXXXXX";
     if (!::mkdtemp(pattern.data())) {
@@ -104,8 +106,12 @@ std::unique_ptr<NetworkManagerWorld> NetworkManagerWorld::start(const std::vecto
         whyNot = "pipe failed";
         return nullptr;
     }
-    world->bus_ = spawn({NETVANE_PRIVATE_BUS_SCRIPT, world->directory_ + "/bus"}, pipe[1]);
+    // Its warnings go to a file: a write to the pipe after we stopped reading
+    // would end the bus.
+    const int busLog = ::open((world->directory_ + "/bus.log").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    world->bus_ = spawn({NETVANE_PRIVATE_BUS_SCRIPT, world->directory_ + "/bus"}, pipe[1], busLog);
     ::close(pipe[1]);
+    ::close(busLog);
     world->busAddress_ = readLine(pipe[0], 10s);
     ::close(pipe[0]);
     if (world->busAddress_.rfind("unix:", 0) != 0) {
@@ -120,7 +126,7 @@ std::unique_ptr<NetworkManagerWorld> NetworkManagerWorld::start(const std::vecto
         argv.push_back("--veth");
         argv.push_back(veth);
     }
-    world->networkManager_ = spawn(argv, log);
+    world->networkManager_ = spawn(argv, log, log);
     ::close(log);
     if (!world->waitUntilRunning()) {
         whyNot = "NetworkManager did not start: " + world->logTail();

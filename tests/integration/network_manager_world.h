@@ -17,9 +17,11 @@ namespace netvane::testing {
 
 class NetworkManagerWorld {
 public:
-    // Nothing and the reason when the machine cannot hold the world (not
-    // root, no NetworkManager, no dbus-daemon).
-    static std::unique_ptr<NetworkManagerWorld> start(const std::vector<std::string>& veths, std::string& whyNot);
+    // Nothing and the reason when there is no world: `unsupported` tells a
+    // machine that cannot hold one (not root, no NetworkManager, no
+    // dbus-daemon) from one where it failed to start.
+    static std::unique_ptr<NetworkManagerWorld> start(const std::vector<std::string>& veths, std::string& whyNot,
+                                                      bool& unsupported);
     ~NetworkManagerWorld();
     NetworkManagerWorld(const NetworkManagerWorld&) = delete;
     NetworkManagerWorld& operator=(const NetworkManagerWorld&) = delete;
