@@ -74,7 +74,8 @@ Result<std::string> AdminAppClient::beginPairing() {
 }
 
 Result<std::string> AdminAppClient::awaitPairing(const std::string& requestID) {
-    return stringReply(call(*channel_, AdminAppProtocol, "awaitPairingWithRequestID:reply:", {plist::Value(requestID)}));
+    return stringReply(
+        call(*channel_, AdminAppProtocol, "awaitPairingWithRequestID:reply:", {plist::Value(requestID)}));
 }
 
 Status AdminAppClient::setServiceEnabled(const std::string& serviceID, bool enabled, const std::string& token) {
@@ -110,11 +111,13 @@ Status AdminControlClient::approvePairing(const std::string& requestID, std::spa
 }
 
 Status AdminControlClient::denyPairing(const std::string& requestID) {
-    return errorReply(call(*channel_, AdminControlProtocol, "denyPairingWithRequestID:reply:", {plist::Value(requestID)}));
+    return errorReply(
+        call(*channel_, AdminControlProtocol, "denyPairingWithRequestID:reply:", {plist::Value(requestID)}));
 }
 
 Status AdminControlClient::unpairAll(std::span<const std::uint8_t> authorization) {
-    return errorReply(call(*channel_, AdminControlProtocol, "unpairAllWithAuthorization:reply:", {bytes(authorization)}));
+    return errorReply(
+        call(*channel_, AdminControlProtocol, "unpairAllWithAuthorization:reply:", {bytes(authorization)}));
 }
 
 }  // namespace netvane

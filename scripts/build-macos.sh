@@ -32,7 +32,8 @@ programs=(daemon/netvane-admind tools/netvane/netvane)
 for arch in arm64 x86_64; do
   dir=build/macos-$arch
   echo "=== macOS $arch: configure and build in $dir"
-  cmake -S . -B "$dir" -G Ninja \
+  # Fresh each time, so that a changed toolchain file or sysroot takes effect.
+  cmake --fresh -S . -B "$dir" -G Ninja \
     -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/macos-$arch.cmake" \
     -DCMAKE_OSX_SYSROOT="$sysroot" -DCMAKE_BUILD_TYPE=Release \
     -DNETVANE_BUILD_TESTS=OFF -DNETVANE_BUILD_BENCHMARKS=OFF -DNETVANE_BUILD_FUZZERS=OFF >/dev/null

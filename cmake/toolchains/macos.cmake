@@ -34,14 +34,17 @@ set(CMAKE_OBJCXX_COMPILER ${_nv_clangxx})
 find_program(_nv_ld64 NAMES ld64.lld PATHS /usr/lib/llvm-16/bin /usr/lib/llvm-15/bin /usr/lib/llvm-14/bin REQUIRED)
 find_program(CMAKE_AR NAMES llvm-ar-16 llvm-ar-14 llvm-ar REQUIRED)
 find_program(CMAKE_RANLIB NAMES llvm-ranlib-16 llvm-ranlib-14 llvm-ranlib REQUIRED)
-find_program(CMAKE_INSTALL_NAME_TOOL NAMES llvm-install-name-tool-16 llvm-install-name-tool-14 llvm-install-name-tool REQUIRED)
+find_program(CMAKE_INSTALL_NAME_TOOL
+  NAMES llvm-install-name-tool-16 llvm-install-name-tool-14 llvm-install-name-tool REQUIRED)
 
 # The SDK's headers test the deployment target through this macro, which
 # clang predefines only when it knows the target's SDK. libc++'s headers come
 # from the sysroot, never from the build machine; those two options matter
 # only when compiling, so the link line must not warn about them.
 set(_nv_c_flags "-D__ENVIRONMENT_OS_VERSION_MIN_REQUIRED__=140000")
-set(_nv_cxx_flags "${_nv_c_flags} --start-no-unused-arguments -stdlib=libc++ -nostdinc++ --end-no-unused-arguments -isystem ${CMAKE_OSX_SYSROOT}/usr/include/c++/v1")
+string(JOIN " " _nv_cxx_flags ${_nv_c_flags}
+  --start-no-unused-arguments -stdlib=libc++ -nostdinc++ --end-no-unused-arguments
+  -isystem ${CMAKE_OSX_SYSROOT}/usr/include/c++/v1)
 set(CMAKE_C_FLAGS_INIT "${_nv_c_flags}")
 set(CMAKE_OBJC_FLAGS_INIT "${_nv_c_flags}")
 set(CMAKE_CXX_FLAGS_INIT "${_nv_cxx_flags}")
@@ -49,7 +52,9 @@ set(CMAKE_OBJCXX_FLAGS_INIT "${_nv_cxx_flags}")
 # -mlinker-version tells clang the linker speaks the modern ld64 options.
 # Every symbol must resolve against the SDK's link stubs now, not at launch,
 # and the linker's warnings fail the build as the compiler's do.
-set(_nv_link_flags "-nostdlib++ -fuse-ld=${_nv_ld64} -mlinker-version=705 -Wl,-undefined,error -Wl,-fatal_warnings -L${CMAKE_OSX_SYSROOT}/usr/lib -lc++ -F${CMAKE_OSX_SYSROOT}/System/Library/Frameworks")
+string(JOIN " " _nv_link_flags
+  -nostdlib++ -fuse-ld=${_nv_ld64} -mlinker-version=705 -Wl,-undefined,error -Wl,-fatal_warnings
+  -L${CMAKE_OSX_SYSROOT}/usr/lib -lc++ -F${CMAKE_OSX_SYSROOT}/System/Library/Frameworks)
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${_nv_link_flags}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_nv_link_flags}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${_nv_link_flags}")

@@ -51,7 +51,8 @@ Listener* gAppListener;
 Listener* gControlListener;
 
 PeerIdentity peerOf(NSXPCConnection* connection) {
-    return PeerIdentity{connection.processIdentifier, static_cast<std::uint32_t>(connection.effectiveUserIdentifier), 0};
+    return PeerIdentity{connection.processIdentifier, static_cast<std::uint32_t>(connection.effectiveUserIdentifier),
+                        0};
 }
 
 }  // namespace

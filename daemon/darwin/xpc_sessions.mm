@@ -1,5 +1,6 @@
 #include "daemon/darwin/xpc_sessions.h"
 
+#include <cstdlib>
 #include <optional>
 #include <string>
 
@@ -30,6 +31,10 @@ netvane::PairingReply pairingReply(void (^reply)(NSString* _Nullable, NSError* _
 
 @implementation XPCAppSession {
     std::unique_ptr<netvane::AppSession> _session;
+}
+
+- (instancetype)init {
+    std::abort();  // a session belongs to a daemon and a peer
 }
 
 - (instancetype)initWithDaemon:(std::shared_ptr<netvane::AdminDaemon>)daemon peer:(netvane::PeerIdentity)peer {
@@ -75,6 +80,10 @@ netvane::PairingReply pairingReply(void (^reply)(NSString* _Nullable, NSError* _
 
 @implementation XPCControlSession {
     std::unique_ptr<netvane::ControlSession> _session;
+}
+
+- (instancetype)init {
+    std::abort();  // a session belongs to a daemon and a peer
 }
 
 - (instancetype)initWithDaemon:(std::shared_ptr<netvane::AdminDaemon>)daemon peer:(netvane::PeerIdentity)peer {

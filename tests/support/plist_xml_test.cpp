@@ -65,7 +65,8 @@ TEST(PlistXml, RealsAreDecimalsWithAPointOrTheSpecialNames) {
     EXPECT_EQ(real("1e-400"), 0.0);
     EXPECT_EQ(real("1e999"), std::nullopt);
     EXPECT_EQ(real("-1.8e308"), std::nullopt);
-    for (std::string_view bad : {"", "1e", "e5", ".", "-", "1.5x", "0x10", "1,5", "--1", "+-1", "in", "nan(1)", "1 2"}) {
+    for (std::string_view bad :
+         {"", "1e", "e5", ".", "-", "1.5x", "0x10", "1,5", "--1", "+-1", "in", "nan(1)", "1 2"}) {
         EXPECT_EQ(real(bad), std::nullopt) << bad;
     }
 }

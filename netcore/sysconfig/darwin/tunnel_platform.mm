@@ -20,7 +20,9 @@ class SystemBundles final : public BundleInformation {
 public:
     std::optional<plist::Dictionary> infoDictionary(const std::string& bundlePath) const override {
         @autoreleasepool {
-            NSURL* url = [NSURL fileURLWithFileSystemRepresentation:bundlePath.c_str() isDirectory:YES relativeToURL:nil];
+            NSURL* url = [NSURL fileURLWithFileSystemRepresentation:bundlePath.c_str()
+                                                        isDirectory:YES
+                                                      relativeToURL:nil];
             id bundle = CFBridgingRelease(CFBundleCreate(kCFAllocatorDefault, (__bridge CFURLRef)url));
             if (bundle == nil) return std::nullopt;
             // Owned by the bundle, which outlives its use here.

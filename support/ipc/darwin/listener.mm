@@ -1,11 +1,19 @@
 #include "support/ipc/darwin/listener.h"
 
+#include <cstdlib>
+
 @implementation Listener {
     NSXPCListener* _listener;
     NSString* _requirement;
     NSXPCInterface* _interface;
     id (^_makeSession)(NSXPCConnection*);
     void (^_ended)(id);
+}
+
+- (instancetype)init {
+    // A listener needs its service, requirement and sessions; there is no
+    // sensible default.
+    std::abort();
 }
 
 - (instancetype)initWithService:(NSString*)service

@@ -15,21 +15,22 @@ namespace {
 
 int run(const Args& args);
 
+// The transport's options and note differ by platform; the requests do not.
 const std::string& synopsis() {
     static const std::string text = [] {
-        const std::string admin = "  netvane admin " + std::string(AdminTransport::optionsSynopsis);
-        return admin + "app status [--token T] [--json]\n" +  //
-               admin + "app pair [--json]\n" +                 //
-               admin + "app set-service ID on|off --token T [--json]\n" +
-               admin + "app unpair --token T [--json]\n" +     //
-               admin + "app tunnels [--json]\n" +              //
-               admin + "control status|pending [--json]\n" +   //
-               admin + "control approve ID|deny ID|unpair-all [--json]\n"
-                       "\n"
-                       "  app pair asks to pair and waits until the request is approved or denied\n"
-                       "  from the control role, then prints the token. Exit status: 0 success,\n"
-                       "  1 the daemon answered with an error, 2 usage, 3 daemon unreachable.\n"
-                       "  " + std::string(AdminTransport::whereNote);
+        std::string lines;
+        for (const char* request : {"app status [--token T] [--json]", "app pair [--json]",
+                                    "app set-service ID on|off --token T [--json]", "app unpair --token T [--json]",
+                                    "app tunnels [--json]", "control status|pending [--json]",
+                                    "control approve ID|deny ID|unpair-all [--json]"}) {
+            lines += "  netvane admin " + std::string(AdminTransport::optionsSynopsis) + request + "\n";
+        }
+        return lines +
+               "\n"
+               "  app pair asks to pair and waits until the request is approved or denied\n"
+               "  from the control role, then prints the token. Exit status: 0 success,\n"
+               "  1 the daemon answered with an error, 2 usage, 3 daemon unreachable.\n"
+               "  " + std::string(AdminTransport::whereNote);
     }();
     return text;
 }
