@@ -72,9 +72,14 @@ protected:
     }
     void TearDown() override { ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); }
 
+    // Both ends up and carrying: the kernel reports the carrier up to a
+    // second after the link is set up, and a watcher made before that would
+    // see it as a change of its own.
     static void vethPair(const std::string& a, const std::string& b) {
         ASSERT_TRUE(sh("ip link add " + a + " type veth peer name " + b + " && ip link set " + a + " up && ip link set " +
                        b + " up"));
+        ASSERT_TRUE(sh("for i in $(seq 1 100); do grep -q '^up$' /sys/class/net/" + a + "/operstate && grep -q '^up$' "
+                       "/sys/class/net/" + b + "/operstate && exit 0; sleep 0.05; done; exit 1"));
     }
 };
 
