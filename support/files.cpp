@@ -202,6 +202,7 @@ Status checkTrustedDirectory(const std::string& path) {
         if (::lstat(current.c_str(), &info) != 0) return posixError(errno, "lstat " + current);
         const bool sticky = (info.st_mode & S_ISVTX) != 0;
         const bool othersWrite = (info.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+        if (S_ISLNK(info.st_mode)) return posixError(EPERM, current + " is a symbolic link");
         if (!S_ISDIR(info.st_mode)) return posixError(EPERM, current + " is not a directory");
         if (info.st_uid != 0 && info.st_uid != self) return posixError(EPERM, current + " has an untrusted owner");
         if (othersWrite && (innermost || !sticky)) return posixError(EPERM, current + " is writable by other users");

@@ -11,6 +11,9 @@
 namespace netvane::ipc {
 namespace {
 
+// The longest a reader with deadlines sleeps before it looks at them again.
+constexpr std::chrono::milliseconds kLongestTick{1000};
+
 // The buffer every reader starts with and shrinks back to: a whole small
 // frame and the start of the next. Not taken from the budget, so a peer that
 // exhausts the budget cannot keep the others from sending ordinary calls.
@@ -77,24 +80,24 @@ bool FrameReader::resize(std::size_t size) {
     return true;
 }
 
-Status FrameReader::wait(const std::optional<ReadDeadlines>& deadlines, const std::optional<TimePoint>& frameEnd) {
-    if (!deadlines) return {};
-    // While a call is outstanding, look again this often for its reply to
-    // have gone out and the idle clock to have started.
-    constexpr std::chrono::milliseconds kRecheck{1000};
-    for (;;) {
-        const auto now = std::chrono::steady_clock::now();
-        std::optional<TimePoint> until = frameEnd;
-        if (!until) {
-            std::optional<TimePoint> since = deadlines->idleSince ? deadlines->idleSince() : lastFrameEnd_;
-            if (since) until = std::max(*since, lastFrameEnd_) + deadlines->idle;
-        }
-        if (until && now >= *until) return posixError(ETIMEDOUT, frameEnd ? "read" : "idle");
-        pollfd entry{fd_, POLLIN, 0};
-        const int ready = ::poll(&entry, 1, remainingMilliseconds(until ? std::min(*until, now + kRecheck) : now + kRecheck));
-        if (ready > 0) return {};
-        if (ready < 0 && errno != EINTR) return posixError(errno, "poll");
-    }
+Status FrameReader::expired(const ReadDeadlines& deadlines, const std::optional<TimePoint>& frameEnd) const {
+    const auto now = std::chrono::steady_clock::now();
+    if (frameEnd) return now >= *frameEnd ? posixError(ETIMEDOUT, "read") : Status{};
+    const std::optional<TimePoint> since = deadlines.idleSince ? deadlines.idleSince() : lastFrameEnd_;
+    if (since && now >= std::max(*since, lastFrameEnd_) + deadlines.idle) return posixError(ETIMEDOUT, "idle");
+    return {};
+}
+
+Status FrameReader::armTick(const ReadDeadlines& deadlines) {
+    if (tickArmed_) return {};
+    // A blocking read that wakes up now and then to look at the deadlines
+    // costs one system call per read, as a plain blocking read does.
+    const auto tick = std::max(std::chrono::milliseconds(10),
+                               std::min({kLongestTick, deadlines.frame / 4, deadlines.idle / 4}));
+    const timeval timeout{static_cast<time_t>(tick.count() / 1000), static_cast<suseconds_t>(tick.count() % 1000 * 1000)};
+    if (::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) return posixError(errno, "SO_RCVTIMEO");
+    tickArmed_ = true;
+    return {};
 }
 
 Status FrameReader::fill(std::size_t needed, const std::optional<ReadDeadlines>& deadlines,
@@ -112,18 +115,29 @@ Status FrameReader::fill(std::size_t needed, const std::optional<ReadDeadlines>&
         start_ = 0;
     }
     if (buffer_.size() < kReadChunk) resize(kReadChunk);
+    if (deadlines) {
+        if (auto armed = armTick(*deadlines); !armed) return armed;
+    }
     while (end_ < needed) {
         if (end_ == buffer_.size()) {
             // Grow only by what has arrived: a header alone buys nothing.
             if (!resize(std::min(needed, buffer_.size() * 2))) return posixError(ENOBUFS, "read");
         }
-        if (auto ready = wait(deadlines, frameEnd); !ready) return ready;
-        const ssize_t n = ::recv(fd_, buffer_.data() + end_, buffer_.size() - end_, deadlines ? MSG_DONTWAIT : 0);
-        if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+        const ssize_t n = ::read(fd_, buffer_.data() + end_, buffer_.size() - end_);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && deadlines && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (auto late = expired(*deadlines, frameEnd); !late) return late;
+            continue;
+        }
         if (n < 0) return posixError(errno, "read");
         if (n == 0) return posixError(ECONNRESET, "read");
-        if (!frameEnd && deadlines) frameEnd = std::chrono::steady_clock::now() + deadlines->frame;
         end_ += static_cast<std::size_t>(n);
+        if (!deadlines) continue;
+        // Bytes that trickle in buy no time: the frame's deadline stands.
+        if (!frameEnd) frameEnd = std::chrono::steady_clock::now() + deadlines->frame;
+        if (end_ < needed) {
+            if (auto late = expired(*deadlines, frameEnd); !late) return late;
+        }
     }
     return {};
 }

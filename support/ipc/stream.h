@@ -51,7 +51,8 @@ struct ReadDeadlines {
 // past the first piece is taken from the budget, when one is given. The
 // returned body stays valid until the next call. Errors: end of stream, a
 // read error, a header announcing an oversize or empty frame, a deadline
-// (ETIMEDOUT) or an exhausted budget (ENOBUFS).
+// (ETIMEDOUT) or an exhausted budget (ENOBUFS). A reader given deadlines sets
+// the (blocking) socket's receive timeout to wake up and look at them.
 class FrameReader {
 public:
     explicit FrameReader(int fd, ReadBudget* budget = nullptr) : fd_(fd), budget_(budget) {}
@@ -65,7 +66,9 @@ private:
     using TimePoint = std::chrono::steady_clock::time_point;
     // Until at least `needed` unread bytes, or an error.
     Status fill(std::size_t needed, const std::optional<ReadDeadlines>& deadlines, std::optional<TimePoint>& frameEnd);
-    Status wait(const std::optional<ReadDeadlines>& deadlines, const std::optional<TimePoint>& frameEnd);
+    // ETIMEDOUT once the frame's deadline, or between frames the idle one, has passed.
+    Status expired(const ReadDeadlines& deadlines, const std::optional<TimePoint>& frameEnd) const;
+    Status armTick(const ReadDeadlines& deadlines);
     bool resize(std::size_t size);
 
     int fd_;
@@ -74,6 +77,7 @@ private:
     std::size_t charged_ = 0;             // what buffer_ holds of the budget
     std::size_t start_ = 0, end_ = 0;    // unread bytes are [start_, end_)
     TimePoint lastFrameEnd_ = std::chrono::steady_clock::now();
+    bool tickArmed_ = false;
 };
 
 Status writeFully(int fd, const std::uint8_t* buffer, std::size_t size);

@@ -2,6 +2,7 @@
 // buffer memory and decoding work. Peers of other uids are real: a thread
 // changes only its own credentials (the raw system call, not the libc
 // wrapper that changes every thread), and the kernel records them at connect.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -17,6 +18,7 @@
 
 #include "support/ipc/client.h"
 #include "support/ipc/server.h"
+#include "support/ipc/socket_activation.h"
 #include "support/ipc/stream.h"
 #include "support/plist/plist.h"
 
@@ -304,6 +306,26 @@ TEST(IpcCallDecoding, ExpansionObjectCountAndUnknownKeysAreRefused) {
     EXPECT_FALSE(decodeCall(*plist::encodeBinary(extra)).ok());
     const plist::Value exact = plist::Dictionary{{"call", "echo:reply:"}, {"seq", 1}, {"args", plist::Array{}}};
     EXPECT_TRUE(decodeCall(*plist::encodeBinary(exact)).ok());
+}
+
+// Descriptors handed over under a service's name are served only when they
+// are what we would have made ourselves.
+TEST(SocketActivation, OnlyAListeningUnixStreamSocketIsTaken) {
+    netvane::testing::TemporaryDirectory temp{"netvane-activation"};
+    auto listening = listenOnPath(temp.path() + "/s.sock");
+    ASSERT_TRUE(listening.ok());
+    EXPECT_TRUE(checkListeningUnixStream(listening->get()).ok());
+
+    UniqueFd unbound(::socket(AF_UNIX, SOCK_STREAM, 0));
+    UniqueFd datagram(::socket(AF_UNIX, SOCK_DGRAM, 0));
+    UniqueFd inet(::socket(AF_INET, SOCK_STREAM, 0));
+    UniqueFd file(::open(temp.path().c_str(), O_RDONLY | O_DIRECTORY));
+    for (const int fd : {unbound.get(), datagram.get(), inet.get(), file.get()}) {
+        auto checked = checkListeningUnixStream(fd);
+        ASSERT_FALSE(checked.ok()) << fd;
+        EXPECT_EQ(checked.error().code, EINVAL);
+    }
+    EXPECT_EQ(checkListeningUnixStream(9999).error().code, EBADF);
 }
 
 }  // namespace
