@@ -211,14 +211,4 @@ Status checkTrustedDirectory(const std::string& path) {
     }
 }
 
-Status setMode(const std::string& path, mode_t mode) {
-    if (::chmod(path.c_str(), mode) != 0) return posixError(errno, "chmod " + path);
-    return {};
-}
-
-Status setOwner(const std::string& path, uid_t uid, gid_t gid) {
-    if (::chown(path.c_str(), uid, gid) != 0) return posixError(errno, "chown " + path);
-    return {};
-}
-
 }  // namespace netvane

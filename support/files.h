@@ -65,7 +65,4 @@ Status createDirectories(const std::string& path, mode_t mode, DirectoryMode app
 // EPERM names the first directory that fails.
 Status checkTrustedDirectory(const std::string& path);
 
-Status setMode(const std::string& path, mode_t mode);
-Status setOwner(const std::string& path, uid_t uid, gid_t gid);
-
 }  // namespace netvane
