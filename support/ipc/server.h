@@ -109,8 +109,9 @@ struct ServerLimits {
     // kDefaultReadBudgetBytes for the whole process.
     std::shared_ptr<ReadBudget> readBudget;
 };
-// Room for every connection of both services to read a typical call at once,
-// and for a few large frames; far below what the host can spare.
+// Ordinary calls fit in every reader's first piece and never draw on it; this
+// is room for dozens of full-size frames at once, far below what a host can
+// spare, and what a flood of announced-but-unsent frames can hold at most.
 inline constexpr std::size_t kDefaultReadBudgetBytes = std::size_t{64} << 20;
 
 // Creates a listening socket at `path`, replacing a stale socket file there;
