@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "support/file_space.h"
 #include "support/memory.h"
 #include "support/open_regular.h"
 #include "support/unique_fd.h"
@@ -60,9 +61,7 @@ Status writeAtomically(const std::string& path, const std::function<Status(const
     // Owner before mode: chown may clear set-id bits that the mode asks for.
     if (owner && ::fchown(fd.get(), owner->uid, owner->gid) != 0) return fail(posixError(errno, "chown " + temporary));
     if (::fchmod(fd.get(), mode) != 0) return fail(posixError(errno, "chmod " + temporary));
-    // Only a hint: where the filesystem cannot reserve space, the writes
-    // below find out what there is.
-    if (expectedSize > 0) (void)::posix_fallocate(fd.get(), 0, static_cast<off_t>(expectedSize));
+    if (expectedSize > 0) reserveFileSpace(fd.get(), expectedSize);
     const ByteSink sink = [&](std::span<const std::uint8_t> piece) { return writeAll(fd.get(), piece.data(), piece.size()); };
     if (auto written = produce(sink); !written.ok()) return fail(written.error());
     if (::fsync(fd.get()) != 0) return fail(posixError(errno, "fsync " + temporary));
