@@ -9,8 +9,9 @@
 
 namespace netvane {
 
-// One process, pinned for as long as the handle lives (a pidfd on Linux): it
-// tells whether that very process still runs, whatever has become of its pid.
+// One process, pinned for as long as the handle lives (a pidfd on Linux, a
+// kqueue watching its exit elsewhere): it tells whether that very process
+// still runs, whatever has become of its pid.
 class ProcessHandle {
 public:
     explicit ProcessHandle(UniqueFd handle) : handle_(std::move(handle)) {}

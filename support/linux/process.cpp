@@ -1,25 +1,11 @@
 #include "support/process.h"
 
-#include <poll.h>
-
-#include <cerrno>
 #include <cstdlib>
 #include <string>
 
 #include "support/files.h"
 
 namespace netvane {
-
-bool ProcessHandle::alive() const {
-    if (!handle_) return false;
-    // A pidfd turns readable when its process exits.
-    pollfd entry{handle_.get(), POLLIN, 0};
-    int ready;
-    do {
-        ready = ::poll(&entry, 1, 0);
-    } while (ready < 0 && errno == EINTR);
-    return ready == 0;
-}
 
 std::uint64_t processStartTime(pid_t pid) {
     auto stat = readFile("/proc/" + std::to_string(pid) + "/stat", 4096);
