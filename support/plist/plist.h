@@ -32,8 +32,17 @@ inline constexpr std::size_t kExpansionSlack = 1 << 20;
 
 enum class Format { Binary, Xml };
 
+// What one binary document may decode to. Callers that read input from
+// another user (IPC frames) pass tighter limits than the file defaults.
+struct DecodeLimits {
+    std::size_t expansionFactor = kExpansionFactor;
+    std::size_t expansionSlack = kExpansionSlack;
+    // Objects decoded, counting each repeat of a shared one.
+    std::size_t maxObjects = SIZE_MAX;
+};
+
 Result<Value> decode(std::span<const std::uint8_t> bytes);  // either format, by its header
-Result<Value> decodeBinary(std::span<const std::uint8_t> bytes);
+Result<Value> decodeBinary(std::span<const std::uint8_t> bytes, const DecodeLimits& limits = {});
 Result<Value> decodeXml(std::span<const std::uint8_t> bytes);
 
 Result<Data> encodeBinary(const Value& value);
