@@ -14,7 +14,8 @@
 // Every member function may be called from any thread.
 //
 // Errors: AdminError values (via toError) for the daemon's own refusals;
-// store, random-generator and preferences errors pass through unchanged.
+// store and random-generator errors pass through unchanged; the network
+// preferences' refusals become configurationFailed, their reason logged.
 //
 // Calls that cost real work (begin, unpair, the authority behind approve and
 // unpair-all, tunnel scans) and log lines are limited per user, so one local
