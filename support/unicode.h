@@ -19,8 +19,10 @@ bool appendUtf8AsUtf16BigEndian(std::string_view text, std::vector<std::uint8_t>
 
 bool isAscii(std::string_view text);
 bool isValidUtf8(std::string_view text);
-// Length of the valid UTF-8 sequence starting at text[i], or 0 when none does.
-std::size_t utf8SequenceLength(std::string_view text, std::size_t i);
+// Appends text with every maximal ill-formed subpart (the longest start of a
+// valid sequence, or one byte that starts none) replaced by one U+FFFD, so
+// that a sequence cut short costs one replacement, not one per byte.
+void appendRepairedUtf8(std::string_view text, std::string& out);
 
 // Appends the UTF-8 form of one code point (XML character references).
 bool appendCodePoint(std::uint32_t codePoint, std::string& out);
