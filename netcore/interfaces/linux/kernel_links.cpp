@@ -1,20 +1,15 @@
 #include "netcore/interfaces/linux/kernel_links.h"
 
-// The C library's address headers first: the kernel's IPv6 header then
-// leaves their definitions alone.
 #include <dirent.h>
 #include <net/if_arp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/utsname.h>
 
 #include <linux/if_addr.h>
-#include <linux/ipv6.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <unordered_map>
@@ -37,8 +32,7 @@ struct StatsEntry {
 struct Collected {
     KernelLinks result;
     std::vector<StatsEntry> stats;
-    bool parentsNamed = false;                // the link dump names parent devices
-    std::unordered_set<int> withParent;      // ... and these have one
+    bool parentsNamed = false;  // the link dump names parent devices
 };
 
 // Copies a string attribute into a name field; false when it does not fit.
@@ -51,79 +45,16 @@ bool copyString(const rtattr* attribute, char (&into)[IF_NAMESIZE]) {
     return true;
 }
 
-// Visits the attributes that follow a message's header, or that one
-// attribute nests.
+// Visits the attributes that follow a message's header.
 template <typename Visit>
 void forEachAttribute(const rtattr* first, int length, Visit visit) {
     for (const rtattr* a = first; RTA_OK(a, length); a = RTA_NEXT(a, length)) visit(a);
 }
 
-template <typename Visit>
-void forEachNested(const rtattr* parent, Visit visit) {
-    forEachAttribute(static_cast<const rtattr*>(RTA_DATA(parent)), static_cast<int>(RTA_PAYLOAD(parent)), visit);
-}
-
-void readInet6Settings(const rtattr* settings, KernelLink& link) {
-    const std::size_t count = RTA_PAYLOAD(settings) / sizeof(std::int32_t);
-    if (count <= DEVCONF_ACCEPT_RA || count <= DEVCONF_DISABLE_IPV6 || count <= DEVCONF_ACCEPT_DAD) return;
-    const auto value = [&](std::size_t i) {
-        std::int32_t v = 0;
-        std::memcpy(&v, static_cast<const std::uint8_t*>(RTA_DATA(settings)) + i * sizeof v, sizeof v);
-        return v;
-    };
-    link.inet6 = {value(DEVCONF_ACCEPT_RA), value(DEVCONF_DISABLE_IPV6), value(DEVCONF_ACCEPT_DAD)};
-}
-
-void findInet6Settings(const rtattr* inet6, KernelLink& link) {
-    forEachNested(inet6, [&](const rtattr* setting) {
-        if (setting->rta_type == IFLA_INET6_CONF) readInet6Settings(setting, link);
-    });
-}
-
-// A link message of either dump: the full one keeps the IPv6 settings among
-// the per-family ones and carries the statistics; the IPv6 one keeps them as
-// its protocol information.
 void addLink(const nlmsghdr* message, void* context) {
-    if (message->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return;
     auto& collected = *static_cast<Collected*>(context);
-    const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(message));
     KernelLink link;
-    link.index = info->ifi_index;
-    link.flags = info->ifi_flags;
-    link.type = info->ifi_type;
-    bool named = false, parent = false;
-    const rtattr* stats = nullptr;
-    forEachAttribute(IFLA_RTA(info), static_cast<int>(IFLA_PAYLOAD(message)), [&](const rtattr* a) {
-        switch (a->rta_type) {
-        case IFLA_IFNAME: named = copyString(a, link.name); break;
-        case IFLA_ADDRESS:
-            link.addressLength = RTA_PAYLOAD(a);
-            if (link.addressLength <= kLinkAddressMax) std::memcpy(link.address, RTA_DATA(a), link.addressLength);
-            break;
-        case IFLA_MTU:
-            if (RTA_PAYLOAD(a) >= sizeof link.mtu) std::memcpy(&link.mtu, RTA_DATA(a), sizeof link.mtu);
-            break;
-        case IFLA_STATS64: stats = a; break;
-        case IFLA_PARENT_DEV_NAME: parent = true; break;
-        case IFLA_PROTINFO:
-            if (info->ifi_family == AF_INET6) findInet6Settings(a, link);
-            break;
-        case IFLA_AF_SPEC:
-            forEachNested(a, [&](const rtattr* family) {
-                if (family->rta_type == AF_INET6) findInet6Settings(family, link);
-            });
-            break;
-        default: break;
-        }
-    });
-    if (!named) return;
-    if (stats != nullptr && RTA_PAYLOAD(stats) >= NV_LINUX_STATS64_MIN) {
-        nv_ifdata_t data{};
-        nv_linux_ifdata(RTA_DATA(stats), RTA_PAYLOAD(stats), link.mtu, link.type, &data);
-        link.data = data;
-    }
-    if (parent) collected.withParent.insert(link.index);
-    collected.result.links.push_back(link);
+    if (nv_linux_parse_link(message, &link.facts)) collected.result.links.push_back(link);
 }
 
 void addStats(const nlmsghdr* message, void* context) {
@@ -210,30 +141,22 @@ bool dump(int fd, std::uint16_t request, std::uint16_t reply, Header header, nv_
 // had every one of them.
 bool joinStatistics(Collected& collected) {
     std::unordered_map<int, std::size_t> byIndex(collected.result.links.size());
-    for (std::size_t i = 0; i < collected.result.links.size(); ++i) byIndex.emplace(collected.result.links[i].index, i);
+    for (std::size_t i = 0; i < collected.result.links.size(); ++i) {
+        byIndex.emplace(collected.result.links[i].facts.index, i);
+    }
     std::vector<KernelLink> joined;
     joined.reserve(collected.stats.size());
     for (const StatsEntry& stats : collected.stats) {
         auto found = byIndex.find(stats.index);
         if (found == byIndex.end()) return false;
-        KernelLink link = collected.result.links[found->second];
+        KernelLink& link = joined.emplace_back(collected.result.links[found->second]);
         if (stats.length >= NV_LINUX_STATS64_MIN) {
-            nv_ifdata_t data{};
-            nv_linux_ifdata(stats.bytes, stats.length, link.mtu, link.type, &data);
-            link.data = data;
+            nv_linux_ifdata(stats.bytes, stats.length, link.facts.mtu, link.facts.type, &link.facts.data);
+            link.facts.has_data = 1;
         }
-        joined.push_back(link);
     }
     collected.result.links = std::move(joined);
     return true;
-}
-
-// Kernels from 5.19 on name a link's parent device in the full link dump.
-bool kernelNamesParents() {
-    utsname system{};
-    int major = 0, minor = 0;
-    if (::uname(&system) != 0 || std::sscanf(system.release, "%d.%d", &major, &minor) != 2) return false;
-    return major > 5 || (major == 5 && minor >= 19);
 }
 
 std::unordered_set<std::string> directoryNames(const char* path) {
@@ -258,9 +181,10 @@ void markHardware(Collected& collected) {
         virtualOnes = directoryNames("/sys/devices/virtual/net");
     }
     for (KernelLink& link : collected.result.links) {
-        if (link.type == ARPHRD_LOOPBACK) continue;
-        link.hardware = collected.parentsNamed ? collected.withParent.contains(link.index)
-                                               : listed.contains(link.name) && !virtualOnes.contains(link.name);
+        const nv_linux_link_t& facts = link.facts;
+        if (facts.type == ARPHRD_LOOPBACK) continue;
+        link.hardware = collected.parentsNamed ? facts.names_parent != 0
+                                               : listed.contains(facts.name) && !virtualOnes.contains(facts.name);
     }
 }
 
@@ -283,7 +207,7 @@ std::optional<KernelLinks> readKernelLinks() {
             collected = Collected{};
             links.ifi_family = AF_UNSPEC;
             if (!dump(fd.get(), RTM_GETLINK, RTM_NEWLINK, links, addLink, collected, changed)) return std::nullopt;
-            collected.parentsNamed = kernelNamesParents();
+            collected.parentsNamed = nv_linux_kernel_names_parents() != 0;
         }
         if (!dump(fd.get(), RTM_GETADDR, RTM_NEWADDR, ifaddrmsg{}, addAddress, collected, changed)) {
             return std::nullopt;
