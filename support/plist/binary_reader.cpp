@@ -41,8 +41,8 @@ std::uint64_t readBigEndian(const std::uint8_t* p, std::size_t width) {
 
 class BinaryReader {
 public:
-    explicit BinaryReader(std::span<const std::uint8_t> bytes)
-        : bytes_(bytes), budget_(bytes.size() * kExpansionFactor + kExpansionSlack) {}
+    BinaryReader(std::span<const std::uint8_t> bytes, UIDs uids)
+        : bytes_(bytes), uids_(uids), budget_(bytes.size() * kExpansionFactor + kExpansionSlack) {}
 
     Result<Value> run() {
         Value root;
@@ -192,6 +192,14 @@ private:
         }
         case 0x5:
         case 0x6: return decodeString(pos, marker, out.emplace<std::string>());
+        case 0x8: {
+            if (uids_ != UIDs::read) return fail("unsupported marker");
+            const std::size_t width = (marker & 0x0F) + std::size_t{1};
+            if (width > 8) return fail("bad UID size");
+            if (!fits(pos, 1, width)) return fail("truncated UID");
+            out = Value(UID{readBigEndian(&bytes_[pos], width)});
+            return true;
+        }
         case 0xA: return decodeArray(ref, pos, marker, depth, out);
         case 0xD: return decodeDictionary(ref, pos, marker, depth, out);
         default: return fail("unsupported marker");
@@ -265,6 +273,7 @@ private:
     }
 
     std::span<const std::uint8_t> bytes_;
+    UIDs uids_;
     std::uint64_t budget_;
     const char* problem_ = "";
     std::size_t offsetSize_ = 0;
@@ -282,10 +291,10 @@ bool isBinary(std::span<const std::uint8_t> bytes) {
     return bytes.size() >= 8 && std::memcmp(bytes.data(), "bplist0", 7) == 0;
 }
 
-Result<Value> decodeBinary(std::span<const std::uint8_t> bytes) { return BinaryReader(bytes).run(); }
+Result<Value> decodeBinary(std::span<const std::uint8_t> bytes, UIDs uids) { return BinaryReader(bytes, uids).run(); }
 
-Result<Value> decode(std::span<const std::uint8_t> bytes) {
-    return isBinary(bytes) ? decodeBinary(bytes) : decodeXml(bytes);
+Result<Value> decode(std::span<const std::uint8_t> bytes, UIDs uids) {
+    return isBinary(bytes) ? decodeBinary(bytes, uids) : decodeXml(bytes, uids);
 }
 
 }  // namespace netvane::plist
