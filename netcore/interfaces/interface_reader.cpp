@@ -186,8 +186,13 @@ std::vector<InterfaceSnapshot> InterfaceReader::snapshot() const {
 std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list) const { return snapshot(list, nullptr); }
 
 std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list, const AddressList* known) const {
+    // Room for as many interfaces as entries: more than needed, but what is
+    // not used is not touched, where growing would copy every snapshot.
+    std::size_t entries = 0;
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) ++entries;
     std::vector<InterfaceSnapshot> snapshots;
-    std::unordered_map<std::string, std::size_t> byName;
+    snapshots.reserve(entries);
+    std::unordered_map<std::string, std::size_t> byName(entries);
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
         // An entry without a name breaks the system's own contract.
         if (entry->ifa_name == nullptr) std::abort();

@@ -23,15 +23,25 @@ namespace {
 
 constexpr int kDumpAttempts = 3;
 
-struct StatsEntry {
-    int index = 0;
-    std::uint8_t bytes[sizeof(rtnl_link_stats64)] = {};
-    std::size_t length = 0;
-};
+// Room reserved up front for the links and addresses of a reading: pages of
+// it that stay unused are never touched, so they cost nothing, while growing
+// by doubling would copy and touch everything twice.
+constexpr std::size_t kExpectedLinks = 512;
+constexpr std::size_t kExpectedAddresses = 1024;
 
 struct Collected {
+    Collected() {
+        result.links.reserve(kExpectedLinks);
+        result.addresses.reserve(kExpectedAddresses);
+    }
+
     KernelLinks result;
-    std::vector<StatsEntry> stats;
+    // The compact way: each link's place by index, and the places in the
+    // order of the statistics dump; `unmatched` when it named a link the
+    // IPv6 dump did not have.
+    std::unordered_map<int, std::size_t> byIndex;
+    std::vector<std::size_t> statsOrder;
+    bool unmatched = false;
     bool parentsNamed = false;  // the link dump names parent devices
 };
 
@@ -57,19 +67,25 @@ void addLink(const nlmsghdr* message, void* context) {
     if (nv_linux_parse_link(message, &link.facts)) collected.result.links.push_back(link);
 }
 
+// Statistics go straight into the link they belong to.
 void addStats(const nlmsghdr* message, void* context) {
     const std::size_t header = NLMSG_ALIGN(sizeof(if_stats_msg));
     if (message->nlmsg_len < NLMSG_LENGTH(header)) return;
+    auto& collected = *static_cast<Collected*>(context);
     const auto* info = static_cast<const if_stats_msg*>(NLMSG_DATA(message));
-    StatsEntry entry;
-    entry.index = static_cast<int>(info->ifindex);
+    auto found = collected.byIndex.find(static_cast<int>(info->ifindex));
+    if (found == collected.byIndex.end()) {
+        collected.unmatched = true;
+        return;
+    }
+    collected.statsOrder.push_back(found->second);
+    nv_linux_link_t& link = collected.result.links[found->second].facts;
     const auto* first = reinterpret_cast<const rtattr*>(reinterpret_cast<const std::uint8_t*>(info) + header);
     forEachAttribute(first, static_cast<int>(message->nlmsg_len - NLMSG_LENGTH(header)), [&](const rtattr* a) {
-        if (a->rta_type != IFLA_STATS_LINK_64) return;
-        entry.length = std::min<std::size_t>(RTA_PAYLOAD(a), sizeof entry.bytes);
-        std::memcpy(entry.bytes, RTA_DATA(a), entry.length);
+        if (a->rta_type != IFLA_STATS_LINK_64 || RTA_PAYLOAD(a) < NV_LINUX_STATS64_MIN) return;
+        nv_linux_ifdata(RTA_DATA(a), RTA_PAYLOAD(a), link.mtu, link.type, &link.data);
+        link.has_data = 1;
     });
-    static_cast<Collected*>(context)->stats.push_back(entry);
 }
 
 void addAddress(const nlmsghdr* message, void* context) {
@@ -137,25 +153,21 @@ bool dump(int fd, std::uint16_t request, std::uint16_t reply, Header header, nv_
     return true;
 }
 
-// The links in statistics order with their statistics, when the IPv6 dump
-// had every one of them.
-bool joinStatistics(Collected& collected) {
-    std::unordered_map<int, std::size_t> byIndex(collected.result.links.size());
+void indexLinks(Collected& collected) {
+    collected.byIndex.reserve(collected.result.links.size());
     for (std::size_t i = 0; i < collected.result.links.size(); ++i) {
-        byIndex.emplace(collected.result.links[i].facts.index, i);
+        collected.byIndex.emplace(collected.result.links[i].facts.index, i);
     }
-    std::vector<KernelLink> joined;
-    joined.reserve(collected.stats.size());
-    for (const StatsEntry& stats : collected.stats) {
-        auto found = byIndex.find(stats.index);
-        if (found == byIndex.end()) return false;
-        KernelLink& link = joined.emplace_back(collected.result.links[found->second]);
-        if (stats.length >= NV_LINUX_STATS64_MIN) {
-            nv_linux_ifdata(stats.bytes, stats.length, link.facts.mtu, link.facts.type, &link.facts.data);
-            link.facts.has_data = 1;
-        }
-    }
-    collected.result.links = std::move(joined);
+    collected.statsOrder.reserve(collected.result.links.size());
+}
+
+// The links in statistics order, when the IPv6 dump had every one of them.
+bool inStatisticsOrder(Collected& collected) {
+    if (collected.unmatched) return false;
+    std::vector<KernelLink> ordered;
+    ordered.reserve(std::max(collected.statsOrder.size(), kExpectedLinks));
+    for (std::size_t place : collected.statsOrder) ordered.push_back(collected.result.links[place]);
+    collected.result.links = std::move(ordered);
     return true;
 }
 
@@ -200,9 +212,10 @@ std::optional<KernelLinks> readKernelLinks() {
         links.ifi_family = AF_INET6;
         if_stats_msg stats{};
         stats.filter_mask = IFLA_STATS_FILTER_BIT(IFLA_STATS_LINK_64);
-        bool compact = dump(fd.get(), RTM_GETLINK, RTM_NEWLINK, links, addLink, collected, changed) &&
-                       dump(fd.get(), RTM_GETSTATS, RTM_NEWSTATS, stats, addStats, collected, changed) &&
-                       joinStatistics(collected);
+        bool compact = dump(fd.get(), RTM_GETLINK, RTM_NEWLINK, links, addLink, collected, changed);
+        if (compact) indexLinks(collected);
+        compact = compact && dump(fd.get(), RTM_GETSTATS, RTM_NEWSTATS, stats, addStats, collected, changed) &&
+                  inStatisticsOrder(collected);
         if (!compact) {
             collected = Collected{};
             links.ifi_family = AF_UNSPEC;
