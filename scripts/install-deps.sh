@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libssl-dev libsystemd-dev
   iproute2 dbus polkitd pkexec curl
+  lld llvm-14                      # the macOS cross build: ld64.lld, llvm-lipo, llvm-ar
 )
 
 missing=()

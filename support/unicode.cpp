@@ -1,5 +1,6 @@
 #include "support/unicode.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace netvane {
@@ -111,9 +112,10 @@ bool isAscii(std::string_view text) {
     return true;
 }
 
-void appendRepairedUtf8(std::string_view text, std::string& out) {
+std::string repairUtf8(std::string_view text) {
     constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
-    out.reserve(out.size() + text.size());
+    std::string out;
+    out.reserve(text.size());
     for (std::size_t i = 0; i < text.size();) {
         const auto lead = static_cast<unsigned char>(text[i]);
         if (lead < 0x80) {
@@ -152,6 +154,7 @@ void appendRepairedUtf8(std::string_view text, std::string& out) {
             i += valid == 0 ? 1 : valid;
         }
     }
+    return out;
 }
 
 bool isValidUtf8(std::string_view text) {
@@ -162,6 +165,11 @@ bool isValidUtf8(std::string_view text) {
         i += used;
     }
     return true;
+}
+
+std::string decodeCString(std::span<const char> buffer) {
+    auto end = std::find(buffer.begin(), buffer.end(), '\0');
+    return repairUtf8(std::string_view(buffer.data(), static_cast<std::size_t>(end - buffer.begin())));
 }
 
 }  // namespace netvane

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,10 +20,14 @@ bool appendUtf8AsUtf16BigEndian(std::string_view text, std::vector<std::uint8_t>
 
 bool isAscii(std::string_view text);
 bool isValidUtf8(std::string_view text);
-// Appends text with every maximal ill-formed subpart (the longest start of a
+
+// The text with every maximal ill-formed subpart (the longest start of a
 // valid sequence, or one byte that starts none) replaced by one U+FFFD, so
 // that a sequence cut short costs one replacement, not one per byte.
-void appendRepairedUtf8(std::string_view text, std::string& out);
+std::string repairUtf8(std::string_view text);
+// The bytes up to the first zero (or all), repaired: text a C interface
+// filled into a buffer.
+std::string decodeCString(std::span<const char> buffer);
 
 // Appends the UTF-8 form of one code point (XML character references).
 bool appendCodePoint(std::uint32_t codePoint, std::string& out);
