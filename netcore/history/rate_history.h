@@ -104,9 +104,6 @@ struct RateHistory {
     // Samples with a duration that is not positive are dropped.
     void add(const RateSample& sample);
     void prune(Date now);
-    // The earliest moment from which this tier (with buckets) holds whole
-    // buckets after `cutoff`.
-    double reachBack(double cutoff) const;
     // The newest `count` raw buckets as samples, oldest first. A negative
     // count or a history without tiers stops the program.
     std::vector<RateSample> recentSamples(std::int64_t count) const;

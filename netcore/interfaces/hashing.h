@@ -1,8 +1,7 @@
 // Memberwise hashing for NetCore's value types: every field is fed in
 // declaration order, so values that compare equal hash equally. Pairs feed
-// both members; optionals feed
-// a presence marker and sequences their length, so that (none, x) and (x) or
-// [a][b] and [a, b] do not collide by construction.
+// both members, optionals a presence marker and sequences their length, so
+// that (none, x) and (x) or [a][b] and [a, b] do not collide by construction.
 #pragma once
 
 #include <concepts>
