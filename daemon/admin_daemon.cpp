@@ -14,9 +14,27 @@
 namespace netvane {
 namespace {
 
+using namespace std::chrono_literals;
+
 // The size of an authorization reference in external form; anything else is
 // refused before the authority is asked.
 constexpr std::size_t kAuthorizationExternalFormSize = 32;
+
+// A client begins once per pairing attempt: a few in a row, then one every
+// two seconds, is far beyond it; each begin logs a line.
+constexpr RateLimiter::Rate kBeginRate{5, 2000ms};
+// Each unpair rewrites and flushes the pairing file under the one lock that
+// every other user's calls wait for.
+constexpr RateLimiter::Rate kUnpairRate{5, 1000ms};
+// Each approval or unpair-all is a request to the system's authority, which
+// a person answers by hand beforehand.
+constexpr RateLimiter::Rate kAuthorityRate{5, 1000ms};
+// A scan walks every process's descriptors (milliseconds of system time); a
+// status display asks every few seconds.
+constexpr RateLimiter::Rate kTunnelScanRate{10, 500ms};
+// The journal drops a service's lines past its own rate limit, whoever
+// caused them; each user gets a share far below it.
+constexpr RateLimiter::Rate kLogLineRate{20, 5000ms};
 
 AdminDaemon::Backends withDefaultLog(AdminDaemon::Backends backends) {
     if (!backends.log) {
@@ -26,14 +44,47 @@ AdminDaemon::Backends withDefaultLog(AdminDaemon::Backends backends) {
     return backends;
 }
 
+Error refusal(const char* what) { return Error{kRefusalDomain, 1, std::string(what) + " too often"}; }
+
 }  // namespace
 
-AdminDaemon::AdminDaemon(PairingStore store, std::string version, Backends backends)
-    : version_(std::move(version)), backends_(withDefaultLog(std::move(backends))), store_(std::move(store)) {}
+bool isRefusal(const Error& error) { return error.domain == kRefusalDomain; }
+
+AdminDaemon::Limits AdminDaemon::defaultLimits() {
+    return Limits{kBeginRate, kUnpairRate, kAuthorityRate, kTunnelScanRate, kLogLineRate};
+}
+
+AdminDaemon::AdminDaemon(PairingStore store, std::string version, Backends backends, Limits limits)
+    : version_(std::move(version)),
+      backends_(withDefaultLog(std::move(backends))),
+      beginLimiter_(limits.begin, backends_.clock),
+      unpairLimiter_(limits.unpair, backends_.clock),
+      authorityLimiter_(limits.authority, backends_.clock),
+      scanLimiter_(limits.tunnelScan, backends_.clock),
+      logLimiter_(limits.logLines, backends_.clock),
+      store_(std::move(store)) {}
 
 SessionIdentity AdminDaemon::makeSessionIdentity() { return nextSession_.fetch_add(1, std::memory_order_relaxed); }
 
-void AdminDaemon::log(const std::string& line) const { backends_.log(line); }
+void AdminDaemon::log(std::uint32_t uid, const std::string& line) {
+    std::uint64_t dropped = 0;
+    {
+        const std::lock_guard guard(droppedLinesMutex_);
+        if (!logLimiter_.allow(uid)) {
+            ++droppedLines_[uid];
+            return;
+        }
+        if (auto it = droppedLines_.find(uid); it != droppedLines_.end()) {
+            dropped = it->second;
+            droppedLines_.erase(it);
+        }
+    }
+    if (dropped > 0) {
+        backends_.log(std::to_string(dropped) + " earlier lines about uid " + std::to_string(uid) +
+                      " were dropped: too many");
+    }
+    backends_.log(line);
+}
 
 std::vector<PairingReply> AdminDaemon::removePendingWhere(
     const std::function<bool(const PendingPairing&)>& matches) {
@@ -54,6 +105,7 @@ std::vector<PairingReply> AdminDaemon::removePendingWhere(
 // the lock is released.
 
 Result<std::string> AdminDaemon::beginPairing(std::uint32_t uid, SessionIdentity session) {
+    if (!beginLimiter_.allow(uid)) return refusal("pairing requests");
     auto id = makeUUIDString();
     if (!id) return id.error();
     std::vector<PairingReply> superseded;
@@ -63,7 +115,7 @@ Result<std::string> AdminDaemon::beginPairing(std::uint32_t uid, SessionIdentity
         pending_.insert_or_assign(*id, PendingPairing{*id, uid, Date::now(), session, {}});
     }
     for (PairingReply& waiter : superseded) waiter(std::nullopt, toError(AdminError::unknownRequest));
-    log("pairing requested by uid " + std::to_string(uid) + " as " + *id);
+    log(uid, "pairing requested by uid " + std::to_string(uid) + " as " + *id);
     return id;
 }
 
@@ -102,13 +154,19 @@ plist::Array AdminDaemon::pendingPairings(std::uint32_t uid) {
 }
 
 Status AdminDaemon::verifyPairRight(std::span<const std::uint8_t> authorization, const PeerIdentity& peer) {
-    if (authorization.size() != kAuthorizationExternalFormSize || !backends_.authorizer) {
+    if (authorization.size() != kAuthorizationExternalFormSize || !backends_.authorizer ||
+        !authorityLimiter_.allow(peer.uid)) {
         return toError(AdminError::authorizationFailed);
     }
+    // IMPORTANT: the authority names the peer by pid and start time. A peer
+    // that has exited may have left its pid to another process, whose rights
+    // must not be taken for its own: the process must be alive on both sides
+    // of the question.
+    const auto alive = [&] { return !peer.process || peer.process->alive(); };
+    if (!alive()) return toError(AdminError::authorizationFailed);
     // Whatever the authority says went wrong, the client hears one answer.
-    if (!backends_.authorizer->checkRight(peer, authorization, AdminConstants::pairRight).ok()) {
-        return toError(AdminError::authorizationFailed);
-    }
+    const bool granted = backends_.authorizer->checkRight(peer, authorization, AdminConstants::pairRight).ok();
+    if (!granted || !alive()) return toError(AdminError::authorizationFailed);
     return {};
 }
 
@@ -128,7 +186,7 @@ Status AdminDaemon::approvePairing(const std::string& id, std::span<const std::u
     }
     // A failed pair drops the waiter uncalled: the token was never handed out.
     if (!token->ok()) return token->error();
-    log("pairing " + id + " approved for uid " + std::to_string(approver.uid));
+    log(approver.uid, "pairing " + id + " approved for uid " + std::to_string(approver.uid));
     if (waiter) waiter(std::move(**token), std::nullopt);
     return {};
 }
@@ -149,6 +207,7 @@ Status AdminDaemon::denyPairing(const std::string& id, std::uint32_t approverUID
 }
 
 Status AdminDaemon::unpair(std::string_view token, std::uint32_t uid) {
+    if (!unpairLimiter_.allow(uid)) return refusal("unpair requests");
     const std::vector<std::uint8_t> digest = PairingStore::digest(token);
     const std::lock_guard guard(lock_);
     std::erase_if(store_.pairings, [&](const PairingStore::Pairing& pairing) {
@@ -165,7 +224,7 @@ Status AdminDaemon::unpairAll(std::span<const std::uint8_t> authorization, const
         store_.pairings.clear();
         saved = store_.save();
     }
-    if (saved) log("all pairings removed");
+    if (saved) log(approver.uid, "all pairings removed");
     return saved;
 }
 
@@ -179,7 +238,7 @@ Status AdminDaemon::setServiceEnabled(const std::string& serviceID, bool enabled
     if (!isPaired(token, uid)) return toError(AdminError::notPaired);
     auto changed = ServiceConfigurator::setEnabled(backends_.preferences.get(), serviceID, enabled);
     if (!changed) return changed;
-    log("uid " + std::to_string(uid) + " set service " + serviceID + " enabled=" + (enabled ? "true" : "false"));
+    log(uid, "uid " + std::to_string(uid) + " set service " + serviceID + " enabled=" + (enabled ? "true" : "false"));
     return {};
 }
 
@@ -189,8 +248,9 @@ void AdminDaemon::sessionEnded(SessionIdentity session) {
     dropped = removePendingWhere([session](const PendingPairing& request) { return request.session == session; });
 }
 
-std::vector<TunnelOwnerEntry> AdminDaemon::scanTunnelOwners() {
-    if (!backends_.tunnelOwners) return {};
+Result<std::vector<TunnelOwnerEntry>> AdminDaemon::scanTunnelOwners(std::uint32_t uid) {
+    if (!scanLimiter_.allow(uid)) return refusal("tunnel scans");
+    if (!backends_.tunnelOwners) return std::vector<TunnelOwnerEntry>{};
     return backends_.tunnelOwners->scan();
 }
 

@@ -15,6 +15,13 @@
 //
 // Errors: AdminError values (via toError) for the daemon's own refusals;
 // store, random-generator and preferences errors pass through unchanged.
+//
+// Calls that cost real work (begin, unpair, the authority behind approve and
+// unpair-all, tunnel scans) and log lines are limited per user, so one local
+// user can neither slow the others down nor flood the journal until it drops
+// the lines that matter. Approve and unpair-all over the limit fail as an
+// unauthorised call would; the rest fail with a refusal (isRefusal), which
+// the transport answers by closing that connection instead of replying.
 #pragma once
 
 #include <atomic>
@@ -32,6 +39,7 @@
 #include "daemon/authorizer.h"
 #include "daemon/network_preferences.h"
 #include "daemon/pairing_store.h"
+#include "daemon/rate_limiter.h"
 #include "daemon/tunnel_owner_source.h"
 #include "support/date.h"
 #include "support/plist/value.h"
@@ -41,6 +49,11 @@ namespace netvane {
 
 // Names one session for the daemon's lifetime; never reused.
 using SessionIdentity = std::uint64_t;
+
+// A call refused for coming too often: not an answer for the client, whose
+// connection is closed instead.
+inline constexpr const char* kRefusalDomain = "netvane.admin.refused";
+bool isRefusal(const Error& error);
 
 // (token, nil) on approval; (nil, error) otherwise.
 using PairingReply = std::function<void(std::optional<std::string> token, std::optional<Error> error)>;
@@ -57,9 +70,16 @@ public:
         // Null: this platform has no tunnel-owner scan; no owners are known.
         std::shared_ptr<TunnelOwnerSource> tunnelOwners;
         LogSink log;  // null: the system log, category "daemon"
+        RateLimiter::Clock clock;  // null: the steady clock
     };
 
-    AdminDaemon(PairingStore store, std::string version, Backends backends);
+    // Per-user rates; the defaults leave a well-behaved client far below.
+    struct Limits {
+        RateLimiter::Rate begin, unpair, authority, tunnelScan, logLines;
+    };
+    static Limits defaultLimits();
+
+    AdminDaemon(PairingStore store, std::string version, Backends backends, Limits limits = defaultLimits());
     AdminDaemon(const AdminDaemon&) = delete;
     AdminDaemon& operator=(const AdminDaemon&) = delete;
 
@@ -87,8 +107,9 @@ public:
     bool isPaired(std::string_view token, std::uint32_t uid);
     // Drops the session's pending requests without replying to their waiters.
     void sessionEnded(SessionIdentity session);
-    // In the scan's own order; runs outside the lock.
-    std::vector<TunnelOwnerEntry> scanTunnelOwners();
+    // In the scan's own order; runs outside the lock. A refusal when `uid`
+    // scans too often.
+    Result<std::vector<TunnelOwnerEntry>> scanTunnelOwners(std::uint32_t uid);
 
 private:
     struct PendingPairing {
@@ -103,11 +124,16 @@ private:
     // caller can call or destroy them after releasing it.
     std::vector<PairingReply> removePendingWhere(const std::function<bool(const PendingPairing&)>& matches);
     Status verifyPairRight(std::span<const std::uint8_t> authorization, const PeerIdentity& peer);
-    void log(const std::string& line) const;
+    // A line about what `uid` did, within that user's share of the log; the
+    // first line after a dropped run says how many were dropped.
+    void log(std::uint32_t uid, const std::string& line);
 
     const std::string version_;
     const Backends backends_;
     std::atomic<SessionIdentity> nextSession_{1};
+    RateLimiter beginLimiter_, unpairLimiter_, authorityLimiter_, scanLimiter_, logLimiter_;
+    std::mutex droppedLinesMutex_;
+    std::map<std::uint32_t, std::uint64_t> droppedLines_;  // guarded by droppedLinesMutex_
 
     std::mutex lock_;
     PairingStore store_;                           // guarded by lock_

@@ -9,8 +9,10 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <span>
 
+#include "support/process.h"
 #include "support/result.h"
 
 namespace netvane {
@@ -20,6 +22,10 @@ struct PeerIdentity {
     pid_t pid = 0;
     std::uint32_t uid = 0;
     std::uint64_t startTime = 0;  // of pid, so a reused pid is not mistaken for the peer
+    // The peer process pinned by the transport (a pidfd on Linux), checked
+    // alive around every question about its rights. Null where the transport
+    // pins the peer by other means.
+    std::shared_ptr<const ProcessHandle> process = nullptr;
 
     bool operator==(const PeerIdentity&) const = default;
 };

@@ -68,10 +68,10 @@ Status PairingStore::save() const {
     auto bytes = plist::encodeBinary(encode(pairings));
     if (!bytes) return bytes.error();
     const std::string path = filePath();
-    if (auto written = writeFileAtomically(path, *bytes, 0600); !written.ok()) return written;
-    if (auto owned = setOwner(path, 0, 0); !owned.ok()) return owned;
-    return setMode(path, 0600);
+    return writeFileAtomically(path, *bytes, 0600, FileOwner{0, 0});
 }
+
+Status PairingStore::removeLeftovers() const { return removeAtomicWriteLeftovers(filePath()); }
 
 plist::Value PairingStore::encode(const std::vector<Pairing>& pairings) {
     plist::Array array;

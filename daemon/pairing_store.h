@@ -51,8 +51,13 @@ public:
     Result<std::string> pair(std::uint32_t uid);
 
     // Writes all pairings: directory 0700, atomic file write, file 0600 owned
-    // by uid 0. System errors come back unchanged.
+    // by uid 0, both set on the new file before it takes the name. System
+    // errors come back unchanged.
     Status save() const;
+
+    // Removes the temporary files that a save interrupted by a crash or a
+    // kill left in the directory (only those). Run once at start-up.
+    Status removeLeftovers() const;
 
     std::vector<Pairing> pairings;
 

@@ -48,9 +48,11 @@ void AppSession::setServiceEnabled(std::string serviceID, bool enabled, std::str
 
 void AppSession::unpair(std::string token, ErrorReply reply) { reply(errorOf(daemon_->unpair(token, peer_.uid))); }
 
-void AppSession::tunnelOwners(ArrayReply reply) {
+void AppSession::tunnelOwners(RefusableArrayReply reply) {
+    auto scanned = daemon_->scanTunnelOwners(peer_.uid);
+    if (!scanned) return reply(scanned.error());
     plist::Array owners;
-    for (TunnelOwnerEntry& entry : daemon_->scanTunnelOwners()) {
+    for (TunnelOwnerEntry& entry : *scanned) {
         owners.emplace_back(plist::Dictionary{
             {std::string(TunnelOwnerKey::interface), std::move(entry.interface)},
             {std::string(TunnelOwnerKey::name), std::move(entry.name)},

@@ -27,6 +27,8 @@ namespace netvane {
 using ErrorReply = std::function<void(std::optional<Error> error)>;
 using DictionaryReply = std::function<void(plist::Dictionary)>;
 using ArrayReply = std::function<void(plist::Array)>;
+// The array, or a refusal (isRefusal) for a caller who asks too often.
+using RefusableArrayReply = std::function<void(Result<plist::Array>)>;
 
 class AppSession {
 public:
@@ -43,7 +45,7 @@ public:
     void unpair(std::string token, ErrorReply reply);
     // {"interface", "name", "pid", "path"} per tunnel, in scan order; no
     // pairing needed.
-    void tunnelOwners(ArrayReply reply);
+    void tunnelOwners(RefusableArrayReply reply);
 
     // The connection is gone: its pending requests go, their waiters uncalled.
     // The transport calls this exactly once.

@@ -1,14 +1,18 @@
 #include "support/files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <string_view>
 
 #include "support/file_space.h"
 #include "support/memory.h"
+#include "support/open_regular.h"
 #include "support/unique_fd.h"
 
 namespace netvane {
@@ -34,35 +38,58 @@ std::string parentOf(const std::string& path) {
     return path.substr(0, slash);
 }
 
-}  // namespace
-
-Result<Bytes> readFile(const std::string& path, std::size_t maxBytes) {
-    // Paths may come from other users (a bundle next to some process's
-    // executable): only a regular file is ever opened, never a FIFO that
-    // would block or a device whose open has side effects.
-    struct stat before {};
-    if (::stat(path.c_str(), &before) != 0) return posixError(errno, "open " + path);
-    if (!S_ISREG(before.st_mode)) return posixError(EINVAL, path + " is not a regular file");
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!fd) return posixError(errno, "open " + path);
-    struct stat info {};
-    if (::fstat(fd.get(), &info) != 0) return posixError(errno, "stat " + path);
-    if (!S_ISREG(info.st_mode) || info.st_dev != before.st_dev || info.st_ino != before.st_ino) {
-        return posixError(EINVAL, path + " changed while being opened");
+// mkostemp's suffix: six characters from this set.
+constexpr std::size_t kTemporarySuffixLength = 6;
+bool isTemporarySuffix(std::string_view suffix) {
+    if (suffix.size() != kTemporarySuffixLength) return false;
+    for (const char c : suffix) {
+        const bool alphanumeric = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        if (!alphanumeric) return false;
     }
-    if (static_cast<std::uint64_t>(info.st_size) > maxBytes) return posixError(EFBIG, "read " + path);
+    return true;
+}
+
+Status writeAtomically(const std::string& path, const std::function<Status(const ByteSink&)>& produce, mode_t mode,
+                       std::size_t expectedSize, const FileOwner* owner) {
+    std::string temporary = path + ".XXXXXX";
+    UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
+    if (!fd) return posixError(errno, "create temporary file for " + path);
+    auto fail = [&](Error error) -> Status {
+        ::unlink(temporary.c_str());
+        return error;
+    };
+    // Owner before mode: chown may clear set-id bits that the mode asks for.
+    if (owner && ::fchown(fd.get(), owner->uid, owner->gid) != 0) return fail(posixError(errno, "chown " + temporary));
+    if (::fchmod(fd.get(), mode) != 0) return fail(posixError(errno, "chmod " + temporary));
+    if (expectedSize > 0) reserveFileSpace(fd.get(), expectedSize);
+    const ByteSink sink = [&](std::span<const std::uint8_t> piece) { return writeAll(fd.get(), piece.data(), piece.size()); };
+    if (auto written = produce(sink); !written.ok()) return fail(written.error());
+    if (::fsync(fd.get()) != 0) return fail(posixError(errno, "fsync " + temporary));
+    if (::close(fd.release()) != 0) return fail(posixError(errno, "close " + temporary));
+    if (::rename(temporary.c_str(), path.c_str()) != 0) return fail(posixError(errno, "rename to " + path));
+    // Make the rename itself durable.
+    UniqueFd directory(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory) ::fsync(directory.get());
+    return {};
+}
+
+// The rest of an open regular file whose fstat said `size` bytes.
+Result<Bytes> readOpened(int fd, const std::string& path, std::uint64_t size, std::size_t maxBytes,
+                         std::optional<std::chrono::steady_clock::time_point> deadline) {
+    if (size > maxBytes) return posixError(EFBIG, "read " + path);
     Bytes bytes;
     // The size is a hint: the file may grow or shrink while we read it.
-    bytes.reserve(static_cast<std::size_t>(info.st_size) + 1);
+    bytes.reserve(static_cast<std::size_t>(size) + 1);
     adviseLargeBuffer(bytes.data(), bytes.capacity());
-    bytes.resize(static_cast<std::size_t>(info.st_size) + 1);
+    bytes.resize(static_cast<std::size_t>(size) + 1);
     std::size_t used = 0;
     for (;;) {
+        if (deadline && std::chrono::steady_clock::now() > *deadline) return posixError(ETIMEDOUT, "read " + path);
         if (used == bytes.size()) {
             if (bytes.size() > maxBytes) return posixError(EFBIG, "read " + path);
             bytes.resize(bytes.size() * 2);
         }
-        const ssize_t n = ::read(fd.get(), bytes.data() + used, bytes.size() - used);
+        const ssize_t n = ::read(fd, bytes.data() + used, bytes.size() - used);
         if (n < 0) {
             if (errno == EINTR) continue;
             return posixError(errno, "read " + path);
@@ -75,30 +102,72 @@ Result<Bytes> readFile(const std::string& path, std::size_t maxBytes) {
     return bytes;
 }
 
+}  // namespace
+
+Result<Bytes> readFile(const std::string& path, std::size_t maxBytes) {
+    // Paths here are our own or the caller's; files of other users go
+    // through readUntrustedFile. Still, only a regular file is opened.
+    struct stat before {};
+    if (::stat(path.c_str(), &before) != 0) return posixError(errno, "open " + path);
+    if (!S_ISREG(before.st_mode)) return posixError(EINVAL, path + " is not a regular file");
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!fd) return posixError(errno, "open " + path);
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0) return posixError(errno, "stat " + path);
+    if (!S_ISREG(info.st_mode) || info.st_dev != before.st_dev || info.st_ino != before.st_ino) {
+        return posixError(EINVAL, path + " changed while being opened");
+    }
+    return readOpened(fd.get(), path, static_cast<std::uint64_t>(info.st_size), maxBytes, std::nullopt);
+}
+
+Result<Bytes> readUntrustedFile(const std::string& path, std::size_t maxBytes, std::chrono::milliseconds timeLimit) {
+    const auto deadline = std::chrono::steady_clock::now() + timeLimit;
+    auto fd = openRegularNoSymlinks(path);
+    if (!fd) return fd.error();
+    struct stat info {};
+    if (::fstat(fd->get(), &info) != 0) return posixError(errno, "stat " + path);
+    return readOpened(fd->get(), path, static_cast<std::uint64_t>(info.st_size), maxBytes, deadline);
+}
+
 Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode) {
     return writeFileAtomically(path, [&](const ByteSink& sink) { return sink(bytes); }, mode, bytes.size());
 }
 
 Status writeFileAtomically(const std::string& path, const std::function<Status(const ByteSink&)>& produce,
                            mode_t mode, std::size_t expectedSize) {
-    std::string temporary = path + ".XXXXXX";
-    UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
-    if (!fd) return posixError(errno, "create temporary file for " + path);
-    auto fail = [&](Error error) -> Status {
-        ::unlink(temporary.c_str());
-        return error;
-    };
-    if (::fchmod(fd.get(), mode) != 0) return fail(posixError(errno, "chmod " + temporary));
-    if (expectedSize > 0) reserveFileSpace(fd.get(), expectedSize);
-    const ByteSink sink = [&](std::span<const std::uint8_t> piece) { return writeAll(fd.get(), piece.data(), piece.size()); };
-    if (auto written = produce(sink); !written.ok()) return fail(written.error());
-    if (::fsync(fd.get()) != 0) return fail(posixError(errno, "fsync " + temporary));
-    if (::close(fd.release()) != 0) return fail(posixError(errno, "close " + temporary));
-    if (::rename(temporary.c_str(), path.c_str()) != 0) return fail(posixError(errno, "rename to " + path));
-    // Make the rename itself durable.
-    UniqueFd directory(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory) ::fsync(directory.get());
-    return {};
+    return writeAtomically(path, produce, mode, expectedSize, nullptr);
+}
+
+Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode, FileOwner owner) {
+    return writeAtomically(path, [&](const ByteSink& sink) { return sink(bytes); }, mode, bytes.size(), &owner);
+}
+
+Status removeAtomicWriteLeftovers(const std::string& path) {
+    const std::string directoryPath = parentOf(path);
+    const std::size_t slash = path.find_last_of('/');
+    const std::string prefix = (slash == std::string::npos ? path : path.substr(slash + 1)) + ".";
+    UniqueFd directoryFd(::open(directoryPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directoryFd) return errno == ENOENT ? Status{} : posixError(errno, "open " + directoryPath);
+    const int listingFd = ::dup(directoryFd.get());
+    DIR* listing = listingFd >= 0 ? ::fdopendir(listingFd) : nullptr;
+    if (!listing) {
+        const int error = errno;
+        if (listingFd >= 0) ::close(listingFd);
+        return posixError(error, "list " + directoryPath);
+    }
+    Status result;
+    while (const dirent* entry = ::readdir(listing)) {
+        const std::string_view name = entry->d_name;
+        if (!name.starts_with(prefix) || !isTemporarySuffix(name.substr(prefix.size()))) continue;
+        struct stat info {};
+        if (::fstatat(directoryFd.get(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (!S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) continue;
+        if (::unlinkat(directoryFd.get(), entry->d_name, 0) != 0 && errno != ENOENT) {
+            result = posixError(errno, "remove " + directoryPath + "/" + std::string(name));
+        }
+    }
+    ::closedir(listing);
+    return result;
 }
 
 Status writeFileAtomically(const std::string& path, std::string_view text, mode_t mode) {
@@ -122,14 +191,23 @@ Status createDirectories(const std::string& path, mode_t mode, DirectoryMode app
     return {};
 }
 
-Status setMode(const std::string& path, mode_t mode) {
-    if (::chmod(path.c_str(), mode) != 0) return posixError(errno, "chmod " + path);
-    return {};
-}
-
-Status setOwner(const std::string& path, uid_t uid, gid_t gid) {
-    if (::chown(path.c_str(), uid, gid) != 0) return posixError(errno, "chown " + path);
-    return {};
+Status checkTrustedDirectory(const std::string& path) {
+    if (path.empty() || path.front() != '/') return posixError(EINVAL, "not an absolute path: " + path);
+    const uid_t self = ::geteuid();
+    std::string current = path;
+    while (current.size() > 1 && current.back() == '/') current.pop_back();
+    for (bool innermost = true;; innermost = false) {
+        struct stat info {};
+        if (::lstat(current.c_str(), &info) != 0) return posixError(errno, "lstat " + current);
+        const bool sticky = (info.st_mode & S_ISVTX) != 0;
+        const bool othersWrite = (info.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+        if (S_ISLNK(info.st_mode)) return posixError(EPERM, current + " is a symbolic link");
+        if (!S_ISDIR(info.st_mode)) return posixError(EPERM, current + " is not a directory");
+        if (info.st_uid != 0 && info.st_uid != self) return posixError(EPERM, current + " has an untrusted owner");
+        if (othersWrite && (innermost || !sticky)) return posixError(EPERM, current + " is writable by other users");
+        if (current == "/") return {};
+        current = parentOf(current);
+    }
 }
 
 }  // namespace netvane

@@ -8,8 +8,10 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -23,6 +25,13 @@ using Bytes = std::vector<std::uint8_t>;
 // Reads a whole regular file; refuses files larger than maxBytes (EFBIG).
 Result<Bytes> readFile(const std::string& path, std::size_t maxBytes = std::size_t{1} << 31);
 
+// Reads a file that another user may control (a bundle beside some process's
+// executable) on behalf of a privileged caller. No symlink is followed in
+// any component (ELOOP); anything but a regular file is refused (EINVAL)
+// before a byte is read, and a FIFO or device is never opened for reading;
+// more than maxBytes is EFBIG; reading past timeLimit is ETIMEDOUT.
+Result<Bytes> readUntrustedFile(const std::string& path, std::size_t maxBytes, std::chrono::milliseconds timeLimit);
+
 // Writes through "<path>.XXXXXX" + fsync + rename; the new file gets `mode`.
 Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode = 0644);
 Status writeFileAtomically(const std::string& path, std::string_view text, mode_t mode = 0644);
@@ -32,13 +41,28 @@ Status writeFileAtomically(const std::string& path, std::string_view text, mode_
 using ByteSink = std::function<Status(std::span<const std::uint8_t>)>;
 Status writeFileAtomically(const std::string& path, const std::function<Status(const ByteSink&)>& produce,
                            mode_t mode = 0644, std::size_t expectedSize = 0);
+// As above, and the new file is given to `owner` through its descriptor
+// before the rename, so the name never points at a file of the wrong owner.
+struct FileOwner {
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode, FileOwner owner);
+// Removes what an interrupted writeFileAtomically of `path` left behind:
+// regular files named "<path>.XXXXXX" owned by this process's user, and
+// nothing else. Errors other than a missing directory are returned.
+Status removeAtomicWriteLeftovers(const std::string& path);
 
 // Creates a directory and its missing parents with `mode` (exactly, or as
 // narrowed by the process's umask); an existing directory is accepted as it is.
 enum class DirectoryMode { exact, umasked };
 Status createDirectories(const std::string& path, mode_t mode, DirectoryMode applied = DirectoryMode::exact);
 
-Status setMode(const std::string& path, mode_t mode);
-Status setOwner(const std::string& path, uid_t uid, gid_t gid);
+// For directories a privileged process keeps its state or sockets in: the
+// directory and every ancestor must be real directories (lstat: no symlink),
+// owned by root or by this process's user, and writable by nobody else (an
+// ancestor may be world-writable only with the sticky bit, as /tmp is).
+// EPERM names the first directory that fails.
+Status checkTrustedDirectory(const std::string& path);
 
 }  // namespace netvane

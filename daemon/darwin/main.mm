@@ -24,6 +24,7 @@
 #include "daemon/darwin/xpc_sessions.h"
 #include "daemon/netcore_tunnel_owners.h"
 #include "support/bundle_info.h"
+#include "support/files.h"
 #include "support/darwin/foundation_values.h"
 #include "support/ipc/darwin/listener.h"
 #include "support/log.h"
@@ -49,6 +50,12 @@ struct Options {
 // Kept for the life of the process: the listeners stop answering when they go.
 Listener* gAppListener;
 Listener* gControlListener;
+
+int fail(const Logger& log, const Error& error) {
+    log.error(error.message);
+    std::fprintf(stderr, "netvane-admind: %s\n", error.message.c_str());
+    return 1;
+}
 
 PeerIdentity peerOf(NSXPCConnection* connection) {
     return PeerIdentity{connection.processIdentifier, static_cast<std::uint32_t>(connection.effectiveUserIdentifier),
@@ -77,11 +84,19 @@ int main(int argc, char** argv) {
     const Logger log(std::string(AdminConstants::daemonIdentifier), "daemon");
     const std::string version = bundleString(mainBundleInfo(), "CFBundleShortVersionString", "0");
 
+    // IMPORTANT: we run as root and write into the state directory by name:
+    // anyone else who could write in it, or in a directory above, could swap
+    // what we write, or read, for something of theirs.
+    if (auto made = createDirectories(options.stateDirectory, 0700); !made.ok()) return fail(log, made.error());
+    if (auto trusted = checkTrustedDirectory(options.stateDirectory); !trusted) return fail(log, trusted.error());
+    PairingStore store = PairingStore::load(options.stateDirectory);
+    if (auto cleared = store.removeLeftovers(); !cleared) log.error(cleared.error().message);
+
     @autoreleasepool {
         AdminDaemon::Backends backends;
         backends.authorizer = std::make_shared<AuthorizationServicesAuthorizer>();
         backends.tunnelOwners = std::make_shared<NetcoreTunnelOwners>();
-        auto daemon = std::make_shared<AdminDaemon>(PairingStore::load(options.stateDirectory), version, backends);
+        auto daemon = std::make_shared<AdminDaemon>(std::move(store), version, backends);
 
         const std::string& team = AdminConstants::teamID();
         NSString* appRequirement = toNSString(AdminConstants::appRequirement(team));

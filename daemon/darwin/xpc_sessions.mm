@@ -17,12 +17,20 @@ namespace {
 
 NSError* _Nullable errorOrNil(const std::optional<Error>& error) { return error ? toNSError(*error) : nil; }
 
+// A refused call (too many of them) gets no answer: the connection it came
+// on is invalidated. Replies are made while that call is current.
 netvane::ErrorReply errorReply(void (^reply)(NSError* _Nullable)) {
-    return [reply](std::optional<Error> error) { reply(errorOrNil(error)); };
+    NSXPCConnection* connection = [NSXPCConnection currentConnection];
+    return [reply, connection](std::optional<Error> error) {
+        if (error && netvane::isRefusal(*error)) return [connection invalidate];
+        reply(errorOrNil(error));
+    };
 }
 
 netvane::PairingReply pairingReply(void (^reply)(NSString* _Nullable, NSError* _Nullable)) {
-    return [reply](std::optional<std::string> value, std::optional<Error> error) {
+    NSXPCConnection* connection = [NSXPCConnection currentConnection];
+    return [reply, connection](std::optional<std::string> value, std::optional<Error> error) {
+        if (error && netvane::isRefusal(*error)) return [connection invalidate];
         reply(value ? toNSString(*value) : nil, errorOrNil(error));
     };
 }
@@ -73,7 +81,11 @@ netvane::PairingReply pairingReply(void (^reply)(NSString* _Nullable, NSError* _
 }
 
 - (void)tunnelOwnersWithReply:(void (^)(NSArray<NSDictionary<NSString*, id>*>*))reply {
-    _session->tunnelOwners([reply](netvane::plist::Array owners) { reply(toFoundation(owners)); });
+    NSXPCConnection* connection = [NSXPCConnection currentConnection];
+    _session->tunnelOwners([reply, connection](netvane::Result<netvane::plist::Array> owners) {
+        if (!owners) return [connection invalidate];
+        reply(toFoundation(*owners));
+    });
 }
 
 @end

@@ -15,12 +15,17 @@ ReplySlot errorSlot(const std::optional<Error>& error) {
     return std::monostate{};
 }
 
+// A refused call (too many of them) gets no answer: its connection closes.
 ErrorReply errorReply(const ReplySender& reply) {
-    return [reply](std::optional<Error> error) { reply.send({errorSlot(error)}); };
+    return [reply](std::optional<Error> error) {
+        if (error && isRefusal(*error)) return reply.closeConnection();
+        reply.send({errorSlot(error)});
+    };
 }
 
 PairingReply pairingReply(const ReplySender& reply) {
     return [reply](std::optional<std::string> value, std::optional<Error> error) {
+        if (error && isRefusal(*error)) return reply.closeConnection();
         ReplySlot first = std::monostate{};
         if (value) first = plist::Value(std::move(*value));
         reply.send({std::move(first), errorSlot(error)});
@@ -32,11 +37,19 @@ std::function<void(Container)> valueReply(const ReplySender& reply) {
     return [reply](Container value) { reply.send({plist::Value(std::move(value))}); };
 }
 
+template <class Container>
+std::function<void(Result<Container>)> refusableValueReply(const ReplySender& reply) {
+    return [reply](Result<Container> value) {
+        if (!value) return reply.closeConnection();
+        reply.send({plist::Value(std::move(*value))});
+    };
+}
+
 std::string text(Argument& argument) { return std::move(*argument->get<std::string>()); }
 std::vector<std::uint8_t> bytes(Argument& argument) { return std::move(*argument->get<plist::Data>()); }
 
 PeerIdentity identityOf(const ipc::PeerCredentials& peer) {
-    return PeerIdentity{peer.pid, static_cast<std::uint32_t>(peer.uid), peer.startTime};
+    return PeerIdentity{peer.pid, static_cast<std::uint32_t>(peer.uid), peer.startTime, peer.process};
 }
 
 class AppConnection : public ipc::Session {
@@ -59,7 +72,7 @@ public:
         } else if (selector == "unpairWithToken:reply:") {
             session_.unpair(text(args[0]), errorReply(reply));
         } else if (selector == "tunnelOwnersWithReply:") {
-            session_.tunnelOwners(valueReply<plist::Array>(reply));
+            session_.tunnelOwners(refusableValueReply<plist::Array>(reply));
         }
     }
 

@@ -57,7 +57,11 @@ int usage(const char* problem) {
 UniqueFd listenerFor(const std::string& service, const Options& options,
                      std::vector<std::pair<std::string, UniqueFd>>& inherited, const Logger& log) {
     for (auto& [name, fd] : inherited) {
-        if (name == service && fd) return std::move(fd);
+        if (name != service || !fd) continue;
+        if (auto checked = ipc::checkListeningUnixStream(fd.get()); !checked) {
+            fail(log, "socket handed over for " + service + ": " + checked.error().message);
+        }
+        return std::move(fd);
     }
     const std::string path = options.runtimeDirectory + "/" + service;
     auto fd = ipc::listenOnPath(path);
@@ -95,16 +99,26 @@ int main(int argc, char** argv) {
     const Logger log(std::string(AdminConstants::daemonIdentifier), "daemon");
     const std::string version = bundleString(mainBundleInfo(), "CFBundleShortVersionString", "0");
 
+    // IMPORTANT: we run as root and write into these directories by name:
+    // anyone else who could write in them, or in a directory above, could
+    // swap what we write, or read, for something of theirs.
+    if (auto made = createDirectories(options.stateDirectory, 0700); !made.ok()) fail(log, made.error().message);
+    if (auto made = createDirectories(options.runtimeDirectory, 0755); !made.ok()) fail(log, made.error().message);
+    for (const std::string& directory : {options.stateDirectory, options.runtimeDirectory}) {
+        if (auto trusted = checkTrustedDirectory(directory); !trusted) fail(log, trusted.error().message);
+    }
+    PairingStore store = PairingStore::load(options.stateDirectory);
+    if (auto cleared = store.removeLeftovers(); !cleared) log.error(cleared.error().message);
+
     AdminDaemon::Backends backends;
     backends.authorizer = std::make_shared<PolkitAuthorizer>();
     backends.tunnelOwners = std::make_shared<NetcoreTunnelOwners>();
-    auto daemon = std::make_shared<AdminDaemon>(PairingStore::load(options.stateDirectory), version, backends);
+    auto daemon = std::make_shared<AdminDaemon>(std::move(store), version, backends);
 
     const std::string& team = AdminConstants::teamID();
     std::string appRequirement = AdminConstants::appRequirement(team);
     std::string adminAppRequirement = AdminConstants::adminAppRequirement(team);
 
-    if (auto made = createDirectories(options.runtimeDirectory, 0755); !made.ok()) fail(log, made.error().message);
     auto appListener = makeAppListener(listenerFor(AdminConstants::appServiceName(), options, inherited, log),
                                        std::move(appRequirement), daemon);
     auto controlListener =

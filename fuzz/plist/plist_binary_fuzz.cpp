@@ -8,11 +8,11 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace netvane::plist;
-    auto value = decodeBinary(std::span(data, size), UIDs::read);
+    auto value = decodeBinary(std::span(data, size), {.uids = UIDs::read});
     if (!value) return 0;
     auto encoded = encodeBinary(*value);
     if (!encoded) std::abort();
-    auto again = decodeBinary(*encoded, UIDs::read);
+    auto again = decodeBinary(*encoded, {.uids = UIDs::read});
     if (!again) std::abort();
     if (*again != *value && *encodeBinary(*again) != *encoded) std::abort();
     return 0;

@@ -35,9 +35,9 @@ plist::Value slotOf(const ReplySlot& slot) {
     return plist::Dictionary{};
 }
 
-Result<plist::Value> decodeRoot(std::span<const std::uint8_t> body) {
+Result<plist::Value> decodeRoot(std::span<const std::uint8_t> body, const plist::DecodeLimits& limits = {}) {
     if (!plist::isBinary(body)) return badFrame("not a binary property list");
-    auto root = plist::decodeBinary(body);
+    auto root = plist::decodeBinary(body, limits);
     if (!root) return badFrame(root.error().message);
     if (!root->dictionary()) return badFrame("root is not a dictionary");
     return root;
@@ -71,23 +71,30 @@ Result<std::vector<std::uint8_t>> encodeReply(const Reply& reply) {
 }
 
 Result<Call> decodeCall(std::span<const std::uint8_t> body) {
-    auto root = decodeRoot(body);
+    const plist::DecodeLimits limits{kCallExpansionFactor, kCallExpansionSlack, kMaxCallObjects};
+    auto root = decodeRoot(body, limits);
     if (!root) return root.error();
+    plist::Dictionary& dictionary = *root->get<plist::Dictionary>();
+    for (const auto& [key, value] : dictionary) {
+        if (key != "call" && key != "seq" && key != "args") return badFrame("unknown key " + key);
+    }
     Call call;
-    const plist::Value* selector = root->find("call");
+    plist::Value* selector = dictionary.find("call");
     if (!selector || !selector->string()) return badFrame("missing selector");
-    call.selector = *selector->string();
+    call.selector = std::move(*selector->get<std::string>());
     auto seq = sequenceOf(*root);
     if (!seq) return seq.error();
     call.seq = *seq;
-    const plist::Array* args = slotsOf(*root, "args");
+    plist::Value* argsValue = dictionary.find("args");
+    plist::Array* args = argsValue ? argsValue->get<plist::Array>() : nullptr;
     if (!args) return badFrame("missing arguments");
-    for (const plist::Value& slot : *args) {
-        const plist::Dictionary* dictionary = slot.dictionary();
-        if (!dictionary || dictionary->size() > 1) return badFrame("bad argument slot");
-        const plist::Value* value = dictionary->find("value");
-        if (!dictionary->empty() && !value) return badFrame("bad argument slot");
-        call.args.push_back(value ? Argument(*value) : std::nullopt);
+    call.args.reserve(args->size());
+    for (plist::Value& slot : *args) {
+        plist::Dictionary* slotDictionary = slot.get<plist::Dictionary>();
+        if (!slotDictionary || slotDictionary->size() > 1) return badFrame("bad argument slot");
+        plist::Value* value = slotDictionary->find("value");
+        if (!slotDictionary->empty() && !value) return badFrame("bad argument slot");
+        call.args.push_back(value ? Argument(std::move(*value)) : std::nullopt);
     }
     return call;
 }

@@ -26,6 +26,14 @@ inline constexpr const char* kIpcErrorDomain = "netvane.ipc";
 // and it bounds what one peer can make us buffer.
 inline constexpr std::size_t kMaxFrameBytes = std::size_t{1} << 20;
 inline constexpr std::size_t kFrameHeaderBytes = 4;
+// A call decodes to at most this many bytes per frame byte, plus the slack
+// that the fixed overhead of a small call needs, and to at most this many
+// objects: our calls carry three arguments at most, so a frame built to
+// expand shared objects, or to hold many tiny ones, is refused before it
+// costs more than a few times its own size.
+inline constexpr std::size_t kCallExpansionFactor = 4;
+inline constexpr std::size_t kCallExpansionSlack = 16 * 1024;
+inline constexpr std::size_t kMaxCallObjects = 256;
 
 using Argument = std::optional<plist::Value>;  // nullopt is nil
 using ReplySlot = std::variant<std::monostate, plist::Value, Error>;
@@ -48,7 +56,9 @@ struct Reply {
 // Encoded frames include the 4-byte length.
 Result<std::vector<std::uint8_t>> encodeCall(const Call& call);
 Result<std::vector<std::uint8_t>> encodeReply(const Reply& reply);
-// Decoders take the frame body, without the length.
+// Decoders take the frame body, without the length. A call must carry
+// exactly its three keys, within the limits above; arguments are moved out
+// of the decoded document, never copied.
 Result<Call> decodeCall(std::span<const std::uint8_t> body);
 Result<Reply> decodeReply(std::span<const std::uint8_t> body);
 

@@ -16,7 +16,10 @@ namespace netvane::ipc {
 // The shared end of one connection: readers, repliers and stop() meet here.
 class Connection {
 public:
-    Connection(UniqueFd fd, PeerCredentials peer) : fd_(std::move(fd)), peer_(peer) {}
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    Connection(UniqueFd fd, PeerCredentials peer, std::chrono::milliseconds replyDeadline)
+        : fd_(std::move(fd)), peer_(std::move(peer)), replyDeadline_(replyDeadline) {}
 
     int fd() const { return fd_.get(); }
     const PeerCredentials& peer() const { return peer_; }
@@ -24,7 +27,8 @@ public:
     bool write(const std::vector<std::uint8_t>& frame) {
         std::lock_guard lock(writeMutex_);
         if (closed_) return false;
-        if (!writeFully(fd_.get(), frame.data(), frame.size()).ok()) {
+        const auto deadline = std::chrono::steady_clock::now() + replyDeadline_;
+        if (!writeFully(fd_.get(), frame.data(), frame.size(), deadline).ok()) {
             closeLocked();
             return false;
         }
@@ -34,6 +38,22 @@ public:
     void close() {
         std::lock_guard lock(writeMutex_);
         closeLocked();
+    }
+
+    // Calls handed to the session whose reply has been neither sent nor
+    // dropped; while there are any, the connection is not idle.
+    void callStarted() {
+        std::lock_guard lock(idleMutex_);
+        ++outstanding_;
+    }
+    void callEnded() {
+        std::lock_guard lock(idleMutex_);
+        if (--outstanding_ == 0) idleSince_ = std::chrono::steady_clock::now();
+    }
+    std::optional<TimePoint> idleSince() {
+        std::lock_guard lock(idleMutex_);
+        if (outstanding_ > 0) return std::nullopt;
+        return idleSince_;
     }
 
 private:
@@ -46,21 +66,30 @@ private:
 
     UniqueFd fd_;
     PeerCredentials peer_;
+    const std::chrono::milliseconds replyDeadline_;
     std::mutex writeMutex_;
     bool closed_ = false;
+    std::mutex idleMutex_;
+    std::size_t outstanding_ = 0;
+    TimePoint idleSince_ = std::chrono::steady_clock::now();
 };
 
+// One per call: its end, sent or dropped uncalled, ends the call.
 struct ReplySender::State {
+    State(std::shared_ptr<Connection> c, std::uint64_t s) : connection(std::move(c)), seq(s) {
+        connection->callStarted();
+    }
+    ~State() { connection->callEnded(); }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
     std::shared_ptr<Connection> connection;
     std::uint64_t seq;
     std::atomic<bool> sent{false};
 };
 
 ReplySender::ReplySender(std::shared_ptr<Connection> connection, std::uint64_t seq)
-    : state_(std::make_shared<State>()) {
-    state_->connection = std::move(connection);
-    state_->seq = seq;
-}
+    : state_(std::make_shared<State>(std::move(connection), seq)) {}
 
 void ReplySender::send(std::vector<ReplySlot> values) const {
     if (state_->sent.exchange(true)) return;
@@ -72,6 +101,20 @@ void ReplySender::send(std::vector<ReplySlot> values) const {
     }
     state_->connection->write(*frame);
 }
+
+void ReplySender::closeConnection() const {
+    if (state_->sent.exchange(true)) return;
+    state_->connection->close();
+}
+
+namespace {
+
+std::shared_ptr<ReadBudget> processReadBudget() {
+    static const auto budget = std::make_shared<ReadBudget>(kDefaultReadBudgetBytes);
+    return budget;
+}
+
+}  // namespace
 
 Result<UniqueFd> listenOnPath(const std::string& path) {
     sockaddr_un address;
@@ -91,13 +134,22 @@ Result<UniqueFd> listenOnPath(const std::string& path) {
     if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         return posixError(errno, "bind " + path);
     }
+    // A socket file's mode cannot be set through its descriptor. By name is
+    // safe only because nobody else may write in the directory (the daemon
+    // checks it at start); make sure the name still holds our socket.
+    struct stat bound {};
+    if (::lstat(path.c_str(), &bound) != 0 || !S_ISSOCK(bound.st_mode) || bound.st_uid != ::geteuid()) {
+        return posixError(EPERM, "socket " + path + " was replaced after bind");
+    }
     if (::chmod(path.c_str(), 0666) != 0) return posixError(errno, "chmod " + path);
     if (::listen(fd.get(), SOMAXCONN) != 0) return posixError(errno, "listen " + path);
     return fd;
 }
 
 Server::Server(UniqueFd listener, ServiceDefinition service, ServerLimits limits)
-    : listener_(std::move(listener)), service_(std::move(service)), limits_(limits) {}
+    : listener_(std::move(listener)), service_(std::move(service)), limits_(std::move(limits)) {
+    if (!limits_.readBudget) limits_.readBudget = processReadBudget();
+}
 
 Server::~Server() { stop(); }
 
@@ -136,16 +188,16 @@ void Server::acceptLoop() {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             continue;
         }
+        // A peer we cannot pin to its process cannot be authorised later;
+        // refusing it here keeps every session's identity whole.
         auto peer = peerCredentials(fd.get());
         if (!peer) continue;
-        const timeval timeout{static_cast<time_t>(limits_.sendTimeout.count() / 1000),
-                              static_cast<suseconds_t>(limits_.sendTimeout.count() % 1000 * 1000)};
-        ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 
         std::lock_guard lock(mutex_);
         if (stopping_) return;
-        if (active_ >= limits_.maxConnections) continue;  // closes fd
-        auto connection = std::make_shared<Connection>(std::move(fd), *peer);
+        if (!admits(peer->uid)) continue;  // closes fd
+        const uid_t uid = peer->uid;
+        auto connection = std::make_shared<Connection>(std::move(fd), std::move(*peer), limits_.replyDeadline);
         std::erase_if(connections_, [](const std::weak_ptr<Connection>& weak) { return weak.expired(); });
         try {
             std::thread([this, connection] { serve(connection); }).detach();
@@ -154,14 +206,27 @@ void Server::acceptLoop() {
         }
         connections_.push_back(connection);
         ++active_;
+        ++perUid_[uid];
     }
+}
+
+bool Server::admits(uid_t uid) const {
+    if (active_ >= limits_.maxConnections) return false;
+    if (uid == 0) return true;
+    const auto it = perUid_.find(uid);
+    if (it != perUid_.end() && it->second >= limits_.maxConnectionsPerUid) return false;
+    std::size_t others = active_;
+    if (const auto root = perUid_.find(0); root != perUid_.end()) others -= root->second;
+    return others + limits_.reservedForRoot < limits_.maxConnections;
 }
 
 void Server::serve(std::shared_ptr<Connection> connection) {
     std::shared_ptr<Session> session = service_.makeSession(connection->peer());
-    FrameReader reader(connection->fd());
+    FrameReader reader(connection->fd(), limits_.readBudget.get());
+    const ReadDeadlines deadlines{limits_.idleDeadline, limits_.frameDeadline,
+                                  [&connection] { return connection->idleSince(); }};
     while (session) {
-        auto body = reader.next();
+        auto body = reader.next(deadlines);
         if (!body) break;
         auto call = decodeCall(*body);
         if (!call) break;
@@ -181,6 +246,7 @@ void Server::serve(std::shared_ptr<Connection> connection) {
 
     std::lock_guard lock(mutex_);
     --active_;
+    if (auto it = perUid_.find(connection->peer().uid); it != perUid_.end() && --it->second == 0) perUid_.erase(it);
     drained_.notify_all();
 }
 

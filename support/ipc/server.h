@@ -8,7 +8,17 @@
 // plist, unknown selector, wrong arguments) closes only that connection.
 // When a connection ends for any reason its session's `invalidated` runs
 // exactly once, on the connection's thread, and replies sent afterwards are
-// dropped. The number of connections is bounded; extra ones are closed at once.
+// dropped.
+//
+// IMPORTANT: every local user can connect, so nothing a peer does may cost us
+// without bound or keep others out: connections are capped per uid (root
+// keeps reserved slots) and in all; a frame must arrive whole within a
+// deadline from its first byte, a connection with nothing outstanding is
+// closed after an idle deadline, and a reply must be taken whole within a
+// deadline; frame buffers grow only as bytes arrive, and their growth comes
+// from one budget shared by every connection. A peer over any of these is
+// disconnected (or, at accept, refused) and the others go on. A peer whose
+// process cannot be pinned (pidfd, start time) is refused too.
 #pragma once
 
 #include <sys/types.h>
@@ -18,6 +28,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,6 +37,8 @@
 
 #include "support/ipc/frame.h"
 #include "support/ipc/protocol_description.h"
+#include "support/ipc/stream.h"
+#include "support/process.h"
 #include "support/result.h"
 #include "support/unique_fd.h"
 
@@ -36,6 +49,8 @@ struct PeerCredentials {
     uid_t uid = 0;
     gid_t gid = 0;
     std::uint64_t startTime = 0;  // the kernel's start time of pid, to tell a reused pid apart
+    // The peer process itself, pinned when the connection was accepted.
+    std::shared_ptr<const ProcessHandle> process = nullptr;
 
     bool operator==(const PeerCredentials&) const = default;
 };
@@ -47,6 +62,9 @@ class ReplySender {
 public:
     ReplySender(std::shared_ptr<Connection> connection, std::uint64_t seq);
     void send(std::vector<ReplySlot> values) const;
+    // Closes the connection instead of answering: for a peer that is refused
+    // (calling too often), never for an ordinary error.
+    void closeConnection() const;
 
 private:
     struct State;
@@ -70,14 +88,35 @@ struct ServiceDefinition {
 };
 
 struct ServerLimits {
-    // Each connection holds a thread and up to one frame of buffer.
+    // Each connection holds a thread and a small buffer.
     std::size_t maxConnections = 256;
-    // A peer that stops reading its replies is disconnected after this long.
-    std::chrono::milliseconds sendTimeout{5000};
+    // No one user may hold more, so no user can keep another out...
+    std::size_t maxConnectionsPerUid = 32;
+    // ...and users other than root together leave these free, so an
+    // administrator can always get in to look.
+    std::size_t reservedForRoot = 16;
+    // Our frames are at most a few KiB, written at once: a peer that has
+    // begun one has no reason to take longer to finish it.
+    std::chrono::milliseconds frameDeadline{10'000};
+    // A connection with no call outstanding and no frame under way; our
+    // clients connect for a few calls, or wait on a call (not idle).
+    std::chrono::milliseconds idleDeadline{120'000};
+    // A peer that stops reading its replies is disconnected after this long,
+    // however slowly it reads: the writing thread may be another client's.
+    std::chrono::milliseconds replyDeadline{5'000};
+    // Frame buffers beyond their first piece, all connections together
+    // (shared by every server given the same budget). Null: one budget of
+    // kDefaultReadBudgetBytes for the whole process.
+    std::shared_ptr<ReadBudget> readBudget;
 };
+// Ordinary calls fit in every reader's first piece and never draw on it; this
+// is room for dozens of full-size frames at once, far below what a host can
+// spare, and what a flood of announced-but-unsent frames can hold at most.
+inline constexpr std::size_t kDefaultReadBudgetBytes = std::size_t{64} << 20;
 
 // Creates a listening socket at `path`, replacing a stale socket file there;
 // the socket is world-connectable: sessions decide what each peer may do.
+// The directory must be one that only we may write in.
 Result<UniqueFd> listenOnPath(const std::string& path);
 
 // The peer of a connected Unix-domain socket.
@@ -97,6 +136,7 @@ public:
 
 private:
     void acceptLoop();
+    bool admits(uid_t uid) const;  // call with mutex_ held
     void serve(std::shared_ptr<Connection> connection);
 
     UniqueFd listener_;
@@ -106,6 +146,7 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable drained_;
     std::vector<std::weak_ptr<Connection>> connections_;
+    std::map<uid_t, std::size_t> perUid_;  // open connections by uid
     std::size_t active_ = 0;
     bool stopping_ = false;
 };

@@ -7,10 +7,16 @@
 #include <utility>
 #include <vector>
 
+#include "support/result.h"
 #include "support/unique_fd.h"
 
 namespace netvane::ipc {
 
 std::vector<std::pair<std::string, UniqueFd>> takeInheritedListeners();
+
+// Ok when `fd` is a listening Unix-domain stream socket, the only kind the
+// daemon serves on; a descriptor of any other kind handed over under a
+// service's name is a configuration mistake (EINVAL says which).
+Status checkListeningUnixStream(int fd);
 
 }  // namespace netvane::ipc

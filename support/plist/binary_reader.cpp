@@ -41,8 +41,11 @@ std::uint64_t readBigEndian(const std::uint8_t* p, std::size_t width) {
 
 class BinaryReader {
 public:
-    BinaryReader(std::span<const std::uint8_t> bytes, UIDs uids)
-        : bytes_(bytes), uids_(uids), budget_(bytes.size() * kExpansionFactor + kExpansionSlack) {}
+    BinaryReader(std::span<const std::uint8_t> bytes, const DecodeLimits& limits)
+        : bytes_(bytes),
+          uids_(limits.uids),
+          budget_(bytes.size() * limits.expansionFactor + limits.expansionSlack),
+          objectsLeft_(limits.maxObjects) {}
 
     Result<Value> run() {
         Value root;
@@ -147,6 +150,8 @@ private:
         std::uint8_t marker;
         if (!locate(ref, pos, marker)) return false;
         if (active_[ref]) return fail("reference cycle");
+        if (objectsLeft_ == 0) return fail("too many objects");
+        --objectsLeft_;
         if (!spend(sizeof(Value))) return false;
 
         switch (marker >> 4) {
@@ -275,6 +280,7 @@ private:
     std::span<const std::uint8_t> bytes_;
     UIDs uids_;
     std::uint64_t budget_;
+    std::size_t objectsLeft_;
     const char* problem_ = "";
     std::size_t offsetSize_ = 0;
     std::size_t refSize_ = 0;
@@ -291,10 +297,14 @@ bool isBinary(std::span<const std::uint8_t> bytes) {
     return bytes.size() >= 8 && std::memcmp(bytes.data(), "bplist0", 7) == 0;
 }
 
-Result<Value> decodeBinary(std::span<const std::uint8_t> bytes, UIDs uids) { return BinaryReader(bytes, uids).run(); }
+Result<Value> decodeBinary(std::span<const std::uint8_t> bytes, const DecodeLimits& limits) {
+    return BinaryReader(bytes, limits).run();
+}
 
 Result<Value> decode(std::span<const std::uint8_t> bytes, UIDs uids) {
-    return isBinary(bytes) ? decodeBinary(bytes, uids) : decodeXml(bytes, uids);
+    DecodeLimits limits;
+    limits.uids = uids;
+    return isBinary(bytes) ? decodeBinary(bytes, limits) : decodeXml(bytes, uids);
 }
 
 }  // namespace netvane::plist

@@ -39,8 +39,18 @@ enum class Format { Binary, Xml };
 // Encoding writes a UID in the same forms.
 enum class UIDs { refused, read };
 
+// What one binary document may decode to. Callers that read input from
+// another user (IPC frames) pass tighter limits than the file defaults.
+struct DecodeLimits {
+    std::size_t expansionFactor = kExpansionFactor;
+    std::size_t expansionSlack = kExpansionSlack;
+    // Objects decoded, counting each repeat of a shared one.
+    std::size_t maxObjects = SIZE_MAX;
+    UIDs uids = UIDs::refused;
+};
+
 Result<Value> decode(std::span<const std::uint8_t> bytes, UIDs uids = UIDs::refused);  // either format, by its header
-Result<Value> decodeBinary(std::span<const std::uint8_t> bytes, UIDs uids = UIDs::refused);
+Result<Value> decodeBinary(std::span<const std::uint8_t> bytes, const DecodeLimits& limits = {});
 Result<Value> decodeXml(std::span<const std::uint8_t> bytes, UIDs uids = UIDs::refused);
 
 Result<Data> encodeBinary(const Value& value);

@@ -65,7 +65,8 @@ protected:
             const std::lock_guard guard(logMutex_);
             log_.emplace_back(line);
         };
-        return std::make_shared<AdminDaemon>(std::move(store), "1.2.3", std::move(backends));
+        backends.clock = [this] { return now_; };
+        return std::make_shared<AdminDaemon>(std::move(store), "1.2.3", std::move(backends), limits_);
     }
 
     std::vector<std::string> logLines() {
@@ -97,6 +98,9 @@ protected:
     std::shared_ptr<FakeTunnelOwnerSource> tunnels_ = std::make_shared<FakeTunnelOwnerSource>(
         std::vector<TunnelOwnerEntry>{});
     std::shared_ptr<AdminDaemon> daemon_;
+    // The daemon's clock for its rate limits: time passes only when a test says so.
+    std::chrono::steady_clock::time_point now_{};
+    AdminDaemon::Limits limits_ = AdminDaemon::defaultLimits();
 
 private:
     std::mutex logMutex_;

@@ -10,9 +10,9 @@ namespace {
 
 using namespace netvane::testing;
 
-constexpr PeerIdentity kApp{100, 501};
-constexpr PeerIdentity kControl{200, 501};
-constexpr PeerIdentity kOtherUsersApp{300, 502};
+const PeerIdentity kApp{100, 501};
+const PeerIdentity kControl{200, 501};
+const PeerIdentity kOtherUsersApp{300, 502};
 
 using Sessions = DaemonTest;
 
@@ -26,6 +26,15 @@ struct Captured {
             value = std::move(v);
         };
     }
+    // For replies that may also carry a refusal, counted apart.
+    std::function<void(Result<Value>)> refusableReply() {
+        return [this](Result<Value> v) {
+            if (!v) return ++refusals, void();
+            ++calls;
+            value = std::move(*v);
+        };
+    }
+    int refusals = 0;
 };
 
 plist::Dictionary statusOf(AppSession& session, std::optional<std::string> token) {
@@ -152,7 +161,7 @@ TEST_F(Sessions, TunnelOwnersInScanOrderWithoutPairing) {
     daemon_ = makeDaemon(PairingStore(dir_));
     AppSession app(daemon_, kApp);
     Captured<plist::Array> owners;
-    app.tunnelOwners(owners.reply());
+    app.tunnelOwners(owners.refusableReply());
     ASSERT_EQ(owners.calls, 1);
     ASSERT_EQ(owners.value.size(), 3u);
     EXPECT_EQ(owners.value[0], plist::Value(plist::Dictionary{
@@ -165,7 +174,7 @@ TEST_F(Sessions, TunnelOwnersInScanOrderWithoutPairing) {
 TEST_F(Sessions, NoTunnelsOrNoScanGiveAnEmptyList) {
     AppSession app(daemon_, kApp);
     Captured<plist::Array> owners;
-    app.tunnelOwners(owners.reply());
+    app.tunnelOwners(owners.refusableReply());
     EXPECT_EQ(owners.calls, 1);
     EXPECT_TRUE(owners.value.empty());
 
@@ -173,7 +182,7 @@ TEST_F(Sessions, NoTunnelsOrNoScanGiveAnEmptyList) {
     daemon_ = makeDaemon(PairingStore(dir_));
     AppSession withoutScan(daemon_, kApp);
     Captured<plist::Array> none;
-    withoutScan.tunnelOwners(none.reply());
+    withoutScan.tunnelOwners(none.refusableReply());
     EXPECT_EQ(none.calls, 1);
     EXPECT_TRUE(none.value.empty());
 }

@@ -6,14 +6,22 @@
 #include <ifaddrs.h>
 #include <linux/ethtool.h>
 #include <net/if.h>
+#include <fcntl.h>
+#include <linux/if_tun.h>
 #include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 
 #include "network_namespace.h"
 #include "netcore/interfaces/interface_reader.h"
@@ -254,6 +262,95 @@ TEST_F(KernelTest, TunOfAnotherNamespaceDoesNotOwnOursOfTheSameName) {
     ASSERT_TRUE(elsewhere);
     ASSERT_TRUE(sh("ip tuntap add dev nvshadow mode tun"));
     EXPECT_FALSE(TunnelOwners::scan().contains("nvshadow"));
+}
+
+// A process in our namespace holding a tun that lives in another namespace
+// under the name of a tun of ours. With `churn` it duplicates and closes that
+// descriptor as fast as it can; with `user` it runs as that user.
+class ForeignTunHolder {
+public:
+    ForeignTunHolder(const char* name, bool churn, uid_t user = 0) {
+        int ready[2];
+        if (::pipe2(ready, O_CLOEXEC) != 0) return;
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            const int home = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+            ifreq ifr{};
+            ifr.ifr_flags = IFF_TUN | IFF_NO_PI;
+            std::strncpy(ifr.ifr_name, name, IFNAMSIZ - 1);
+            int tun = -1;
+            if (home < 0 || ::unshare(CLONE_NEWNET) != 0 || (tun = ::open("/dev/net/tun", O_RDWR)) < 0 ||
+                ::ioctl(tun, TUNSETIFF, &ifr) != 0 || ::setns(home, CLONE_NEWNET) != 0) {
+                ::_exit(1);
+            }
+            // Still traceable by its own user after the change of identity.
+            if (user != 0 && (::setresgid(user, user, user) != 0 || ::setresuid(user, user, user) != 0 ||
+                              ::prctl(PR_SET_DUMPABLE, 1) != 0)) {
+                ::_exit(1);
+            }
+            if (::write(ready[1], "R", 1) != 1) ::_exit(1);
+            for (;;) {
+                if (churn) {
+                    ::close(::dup(tun));
+                } else {
+                    ::pause();
+                }
+            }
+        }
+        ::close(ready[1]);
+        char answer = 0;
+        started_ = pid_ > 0 && ::read(ready[0], &answer, 1) == 1;
+        ::close(ready[0]);
+    }
+    ~ForeignTunHolder() {
+        if (pid_ <= 0) return;
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+    bool started() const { return started_; }
+
+private:
+    pid_t pid_ = -1;
+    bool started_ = false;
+};
+
+// The holder's copy is made (same user) but the namespace question needs a
+// privilege the scanning user lacks: the scan must not guess the holder's
+// own namespace and report our tun of that name as the holder's.
+TEST_F(KernelTest, TunWhoseNamespaceCannotBeAskedIsSkipped) {
+    constexpr uid_t kUser = 64000;
+    ForeignTunHolder holder("nvforeign", /*churn=*/false, kUser);
+    ASSERT_TRUE(holder.started());
+    ASSERT_TRUE(sh("ip tuntap add dev nvforeign mode tun"));
+    int result[2];
+    ASSERT_EQ(::pipe(result), 0);
+    const pid_t scanner = ::fork();
+    ASSERT_GE(scanner, 0);
+    if (scanner == 0) {
+        if (::setresgid(kUser, kUser, kUser) != 0 || ::setresuid(kUser, kUser, kUser) != 0) ::_exit(1);
+        const char answer = TunnelOwners::scan().contains("nvforeign") ? 'Y' : 'N';
+        ::_exit(::write(result[1], &answer, 1) == 1 ? 0 : 1);
+    }
+    ::close(result[1]);
+    char answer = 0;
+    ASSERT_EQ(::read(result[0], &answer, 1), 1);
+    ::close(result[0]);
+    ::waitpid(scanner, nullptr, 0);
+    EXPECT_EQ(answer, 'N') << "a tun of another namespace was reported as ours";
+}
+
+// The same holder as root, duplicating and closing its descriptor all the
+// while: whenever a copy fails because the descriptor went away, the scan
+// must skip it rather than guess.
+TEST_F(KernelTest, RacingHolderOfAForeignTunIsNeverTakenForOurs) {
+    ForeignTunHolder racer("nvrace", /*churn=*/true);
+    ASSERT_TRUE(racer.started());
+    ASSERT_TRUE(sh("ip tuntap add dev nvrace mode tun"));
+    int attributed = 0;
+    for (int i = 0; i < 100; ++i) {
+        if (TunnelOwners::scan().contains("nvrace")) ++attributed;
+    }
+    EXPECT_EQ(attributed, 0) << "of 100 scans";
 }
 
 TEST_F(KernelTest, TrafficRaisesTheSixtyFourBitCounters) {

@@ -234,7 +234,10 @@ TEST_F(IpcTest, LateRepliesAndInvalidationExactlyOnce) {
 }
 
 TEST_F(IpcTest, ConnectionLimitRefusesExtraPeers) {
-    startServer(ServerLimits{2, std::chrono::milliseconds(1000)});
+    ServerLimits limits;
+    limits.maxConnections = 2;
+    limits.reservedForRoot = 0;
+    startServer(limits);
     Client a = connect(), b = connect();
     ASSERT_TRUE(a.call(kMethods[0], {std::nullopt}).ok());
     ASSERT_TRUE(b.call(kMethods[0], {std::nullopt}).ok());

@@ -87,7 +87,7 @@ TEST(PlistUID, ReadOnlyWhenAskedAtEveryWidth) {
                                   {8, 13, 15, 18, 23}, 1);
     EXPECT_FALSE(decodeBinary(archive).ok()) << "UIDs are refused unless asked for";
     EXPECT_FALSE(decode(archive).ok());
-    auto read = decodeBinary(archive, UIDs::read);
+    auto read = decodeBinary(archive, {.uids = UIDs::read});
     ASSERT_TRUE(read.ok()) << read.error().message;
     const Value expected = Array{UID{5}, UID{256}, UID{65536}, UID{0xFF00000000000001}};
     EXPECT_EQ(*read, expected);
@@ -106,7 +106,7 @@ TEST(PlistUID, ReadOnlyWhenAskedAtEveryWidth) {
         {"cut short", document({0x83, 0, 1}, {8}, 1)},
         {"as a dictionary key", document({0xD1, 1, 2, 0x80, 1, 0x09}, {8, 11, 13}, 1)},
     };
-    for (const auto& c : refused) EXPECT_FALSE(decodeBinary(c.bytes, UIDs::read).ok()) << c.what;
+    for (const auto& c : refused) EXPECT_FALSE(decodeBinary(c.bytes, {.uids = UIDs::read}).ok()) << c.what;
 }
 
 // XML carries a UID as the one-entry dictionary {"CF$UID": n}, and reads

@@ -164,6 +164,10 @@ private:
                              X509_verify_cert_error_string(verification)};
         }
         if (reason == SSL_ERROR_SYSCALL && errno != 0) return posixError(errno);
+        if (reason == SSL_ERROR_SSL && ERR_GET_REASON(ERR_peek_last_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+            return Error{kTLSErrorDomain, SSL_R_UNEXPECTED_EOF_WHILE_READING,
+                         "The secure connection was closed before the response was complete"};
+        }
         if (const unsigned long code = ERR_peek_last_error(); code != 0) {
             return Error{kTLSErrorDomain, static_cast<std::int64_t>(ERR_GET_REASON(code)),
                          "The secure connection failed: " + openSSLReason(code)};
@@ -187,9 +191,9 @@ Result<ssl_ctx_st*> makeTLSContext() {
     if (!context) return Error{kTLSErrorDomain, 0, "The secure connection could not be set up"};
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-    // Echo services close without close_notify; the response ends at the
-    // close either way, and no length is trusted.
-    SSL_CTX_set_options(context, SSL_OP_IGNORE_UNEXPECTED_EOF);
+    // No SSL_OP_IGNORE_UNEXPECTED_EOF: the exchange reads until the server
+    // closes and trusts no length, so close_notify is the only sign that the
+    // body arrived whole. A bare TCP close is a receive error.
     if (SSL_CTX_set_default_verify_paths(context) != 1) {
         SSL_CTX_free(context);
         return Error{kTLSErrorDomain, 0, "The system's trusted certificates could not be loaded"};

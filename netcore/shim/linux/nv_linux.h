@@ -53,10 +53,6 @@ void nv_linux_ifdata(const void* stats, size_t length, uint32_t mtu, uint32_t ha
 /* Interface flags in the IFF_* layout of the shared bit names. */
 uint32_t nv_linux_interface_flags(uint32_t kernel_flags);
 
-/* Finds the "iff:" line of a tun descriptor's fdinfo text and copies the
- * name, bounded to 16 bytes with the terminator. 1 when found. */
-int nv_linux_fdinfo_iff(const char* text, size_t length, char name[16]);
-
 /* Bounded, zero-filled copy of an interface name into a 16-byte field. */
 void nv_linux_copy_name(char dest[16], const char* ifname);
 

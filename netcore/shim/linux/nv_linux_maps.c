@@ -178,26 +178,6 @@ uint32_t nv_linux_interface_flags(uint32_t kernel_flags) {
     return flags;
 }
 
-int nv_linux_fdinfo_iff(const char* text, size_t length, char name[16]) {
-    size_t i = 0;
-    while (i < length) {
-        size_t end = i;
-        while (end < length && text[end] != '\n') ++end;
-        if (end - i > 4 && memcmp(text + i, "iff:", 4) == 0) {
-            size_t start = i + 4;
-            while (start < end && (text[start] == '\t' || text[start] == ' ')) ++start;
-            if (start == end) return 0;
-            size_t n = end - start;
-            if (n > 15) n = 15;
-            memset(name, 0, 16);
-            memcpy(name, text + start, n);
-            return 1;
-        }
-        i = end + 1;
-    }
-    return 0;
-}
-
 void nv_linux_copy_name(char dest[16], const char* ifname) {
     memset(dest, 0, 16);
     if (ifname) strncpy(dest, ifname, 15);

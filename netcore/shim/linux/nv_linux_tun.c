@@ -1,12 +1,19 @@
 /* Tunnel owners: the processes that hold a descriptor on the tun device
  * attached to an interface. One pass over /proc: one readlink per
- * descriptor; only tun descriptors cost more (their fdinfo names the
- * interface). Processes and descriptors that vanish or refuse us (EACCES,
- * ENOENT) are skipped.
+ * descriptor; only tun descriptors cost more (a copy of each, taken through
+ * the holder's pidfd, is asked for its interface and namespace). Processes
+ * and descriptors that vanish or refuse us (EACCES, ENOENT) are skipped.
  *
  * Interface names are per network namespace, so a device that lives in
  * another namespace than ours is left out: its name here would belong to
- * another interface or to none. */
+ * another interface or to none.
+ *
+ * IMPORTANT: this fails closed. The name and the namespace both come from
+ * the one copied descriptor, which must be the tun device itself; when the
+ * copy or either question fails (the holder closed the descriptor in
+ * between, or we may not copy it) the descriptor is skipped, never
+ * attributed by guesswork. A caller without the right to copy another
+ * user's descriptors therefore sees only its own tunnels. */
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <fcntl.h>
@@ -20,12 +27,15 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "netcore/shim/linux/nv_linux.h"
 #include "netcore/shim/nv_shim.h"
 
 static const char tun_device[] = "/dev/net/tun";
+/* The tun device's numbers (misc major, TUN_MINOR), whatever its path. */
+enum { tun_major = 10, tun_minor = 200 };
 
 typedef struct namespace_id {
     dev_t dev;
@@ -44,33 +54,30 @@ static int same_namespace(const namespace_id_t* a, const namespace_id_t* b) {
     return a->dev == b->dev && a->ino == b->ino;
 }
 
-/* The namespace the device behind the descriptor lives in, asked of a copy
- * of that descriptor; the holder's own namespace when we may not copy it. */
-static int device_namespace(int proc, const char* pid_text, pid_t pid, int fd, namespace_id_t* id) {
+/* The interface and namespace of the tun device behind descriptor `fd` of
+ * the process `pidfd` names, both asked of one copy of that descriptor.
+ * 1 on success; 0 when the copy is not an attached tun or any step fails. */
+static int tun_of_descriptor(int pidfd, int fd, char name[IFNAMSIZ], namespace_id_t* id) {
+    int copy = (int)syscall(SYS_pidfd_getfd, pidfd, fd, 0);
+    if (copy < 0) return 0;
     int found = 0;
-    int pidfd = (int)syscall(SYS_pidfd_open, pid, 0);
-    if (pidfd >= 0) {
-        int copy = (int)syscall(SYS_pidfd_getfd, pidfd, fd, 0);
-        if (copy >= 0) {
+    struct stat st;
+    if (fstat(copy, &st) == 0 && S_ISCHR(st.st_mode) && major(st.st_rdev) == tun_major &&
+        minor(st.st_rdev) == tun_minor) {
+        struct ifreq request;
+        memset(&request, 0, sizeof request);
+        /* Fails (EBADFD) for a descriptor not attached to an interface. */
+        if (ioctl(copy, TUNGETIFF, &request) == 0 && request.ifr_name[0] != '\0') {
             int ns = ioctl(copy, TUNGETDEVNETNS);
             if (ns >= 0) {
                 found = namespace_of_fd(ns, id);
                 close(ns);
             }
-            close(copy);
-        }
-        close(pidfd);
-    }
-    if (!found) {
-        char path[40];
-        strcpy(path, pid_text);
-        strcat(path, "/ns/net");
-        int ns = openat(proc, path, O_RDONLY | O_CLOEXEC);
-        if (ns >= 0) {
-            found = namespace_of_fd(ns, id);
-            close(ns);
+            memcpy(name, request.ifr_name, IFNAMSIZ);
+            name[IFNAMSIZ - 1] = '\0';
         }
     }
+    close(copy);
     return found;
 }
 
@@ -95,6 +102,7 @@ static int scan_process(int proc, const char* pid_text, const namespace_id_t* ou
         return 0;
     }
     const pid_t pid = (pid_t)strtol(pid_text, NULL, 10);
+    int pidfd = -1; /* opened at the first tun descriptor: most processes have none */
     int written = 0;
     struct dirent* entry;
     while (written < max && (entry = readdir(dir)) != NULL) {
@@ -103,26 +111,21 @@ static int scan_process(int proc, const char* pid_text, const namespace_id_t* ou
         ssize_t n = readlinkat(fds, entry->d_name, target, sizeof target);
         if (n != (ssize_t)(sizeof tun_device - 1) || memcmp(target, tun_device, (size_t)n) != 0) continue;
 
-        strcpy(path, pid_text);
-        strcat(path, "/fdinfo/");
-        strcat(path, entry->d_name);
-        char info[1024];
-        int length = nv_linux_read_text(proc, path, info, sizeof info);
-        char name[16];
-        /* A descriptor not yet attached to an interface has no iff line. */
-        if (length <= 0 || !nv_linux_fdinfo_iff(info, (size_t)length, name)) continue;
-
+        if (pidfd < 0) pidfd = (int)syscall(SYS_pidfd_open, pid, 0);
+        if (pidfd < 0) break; /* gone, or not ours to ask */
+        char name[IFNAMSIZ];
         namespace_id_t theirs;
         int fd = (int)strtol(entry->d_name, NULL, 10);
-        if (!device_namespace(proc, pid_text, pid, fd, &theirs) || !same_namespace(&theirs, ours)) continue;
+        if (!tun_of_descriptor(pidfd, fd, name, &theirs) || !same_namespace(&theirs, ours)) continue;
         unsigned index = if_nametoindex(name);
         if (index == 0) continue; /* gone since */
 
         out[written].pid = (int32_t)pid;
         out[written].unit = index;
-        memcpy(out[written].ifname, name, sizeof name);
+        memcpy(out[written].ifname, name, sizeof out[written].ifname);
         ++written;
     }
+    if (pidfd >= 0) close(pidfd);
     closedir(dir);
     return written;
 }

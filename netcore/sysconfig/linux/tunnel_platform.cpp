@@ -1,9 +1,11 @@
 // Linux tunnel records carry the interface's name; executables are read from
 // /proc; bundles are directories holding Contents/Info.plist (or a flat
-// Info.plist), read with our own property-list codec.
+// Info.plist), read with our own property-list codec and never through a
+// symlink.
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -20,12 +22,18 @@ namespace {
 constexpr std::size_t kPathBufferSize = 4096;
 // No information dictionary comes near this; a larger file is not one.
 constexpr std::size_t kMaxInfoPlistSize = 1 << 20;
+// A local file of that size reads in microseconds; one on a stalled or
+// hostile filesystem must not hold the scan (and a daemon thread) for long.
+constexpr std::chrono::milliseconds kInfoPlistReadLimit{500};
 
 class InfoPlistBundles final : public BundleInformation {
 public:
     std::optional<plist::Dictionary> infoDictionary(const std::string& bundlePath) const override {
         for (const char* inside : {"/Contents/Info.plist", "/Info.plist"}) {
-            auto bytes = readFile(bundlePath + inside, kMaxInfoPlistSize);
+            // IMPORTANT: bundles belong to whoever owns the executable, and
+            // the daemon scans as root: never follow their symlinks, never
+            // open their FIFOs or devices.
+            auto bytes = readUntrustedFile(bundlePath + inside, kMaxInfoPlistSize, kInfoPlistReadLimit);
             if (!bytes) continue;
             auto value = plist::decode(*bytes);
             if (!value || value->dictionary() == nullptr) return std::nullopt;

@@ -1,7 +1,11 @@
 #include "support/ipc/socket_activation.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <cstdlib>
 #include <string_view>
@@ -31,6 +35,22 @@ std::vector<std::pair<std::string, UniqueFd>> takeInheritedListeners() {
     ::unsetenv("LISTEN_FDS");
     ::unsetenv("LISTEN_FDNAMES");
     return listeners;
+}
+
+Status checkListeningUnixStream(int fd) {
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) return posixError(errno, "descriptor " + std::to_string(fd));
+    if (!S_ISSOCK(info.st_mode)) return posixError(EINVAL, "descriptor " + std::to_string(fd) + " is not a socket");
+    int domain = 0, type = 0, listening = 0;
+    socklen_t length = sizeof domain;
+    const bool known = ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 &&
+                       (length = sizeof type, ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0) &&
+                       (length = sizeof listening, ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0);
+    if (!known) return posixError(errno, "descriptor " + std::to_string(fd));
+    if (domain != AF_UNIX || type != SOCK_STREAM || !listening) {
+        return posixError(EINVAL, "descriptor " + std::to_string(fd) + " is not a listening Unix stream socket");
+    }
+    return {};
 }
 
 }  // namespace netvane::ipc

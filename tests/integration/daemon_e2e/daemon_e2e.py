@@ -17,6 +17,7 @@ import plistlib
 import signal
 import socket
 import struct
+import subprocess
 import sys
 import time
 import traceback
@@ -25,12 +26,26 @@ from environment import SKIP, Environment, Skip, reexec_in_private_mount_namespa
 
 # The whole run must end well inside CTest's limit, whatever hangs.
 DEADLINE_SECONDS = 100
+# A sanitized daemon runs several times slower (its bad-frame storm alone takes a minute).
+SANITIZED_DEADLINE_SECONDS = 220
 CLIENT_TIMEOUT = 20
 # `app pair` sends its await right after the request shows up as pending;
 # approving before the await arrives would (correctly) expire it.
 AWAIT_SETTLE_SECONDS = 0.5
 BAD_FRAMES = 10_000
 RSS_GROWTH_LIMIT_KB = 16 * 1024
+# One user's idle or half-sent connections; more than the daemon serves in all.
+FLOOD_CONNECTIONS = 300
+FLOOD_RSS_GROWTH_LIMIT_KB = 32 * 1024
+# Frames that each decode to about 64 MB if shared objects were expanded freely.
+BOMBS = 8
+BOMB_PEAK_GROWTH_LIMIT_KB = 96 * 1024
+# Calls of one user past its share: begins and unpairs, pipelined on one connection.
+FLOOD_CALLS = 200
+# What the daemon's per-uid limits let through at once (its burst sizes).
+BEGIN_BURST, UNPAIR_BURST, LOG_LINE_BURST = 5, 5, 20
+# Left by "an interrupted save" before the daemon starts; see Environment.
+LEFTOVER, NOT_A_LEFTOVER = "pairings.plist.Ab3dE9", "pairings.plist.bak"
 
 NOT_PAIRED, UNKNOWN_REQUEST, AUTHORIZATION_FAILED, WRONG_USER, CONFIGURATION_FAILED = 1, 3, 4, 5, 6
 ADMIN_DOMAIN = "com.tarnwick.Netvane.admin"
@@ -210,6 +225,87 @@ class Test:
         expect(self.is_paired(self.a, self.token), "no pairing was lost to bad frames")
         expect_ok(self.run(self.b, "control", "status"), "control status after bad frames")
 
+    def save_leftovers_removed(self):
+        names = os.listdir(self.env.state_dir)
+        expect(LEFTOVER not in names, f"a temporary file of an interrupted save survived start-up: {names}")
+        expect(NOT_A_LEFTOVER in names, f"start-up removed a file that is not ours: {names}")
+
+    def connection_flood(self):
+        """One user opens more connections than the daemon serves, each sending
+        only a header that announces a 1 MiB frame: others are still served and
+        the daemon does not buy the announced memory."""
+        app_socket, control_socket = self.env.socket_paths()
+        rss = self.env.daemon_status("VmRSS")
+        header = struct.pack(">I", 1 << 20) + b"bplist00"
+        crowds = [Crowd(path, self.b, FLOOD_CONNECTIONS, header) for path in (app_socket, control_socket)]
+        try:
+            time.sleep(0.5)  # for the daemon to take in what it will
+            growth = self.env.daemon_status("VmRSS") - rss
+            print(f"     memory grew by {growth} kB with {2 * FLOOD_CONNECTIONS} half-sent frames offered")
+            expect_ok(self.run(self.a, "app", "status"), "another user's status during the flood")
+            expect_ok(self.run(self.a, "control", "status"), "another user's control status during the flood")
+            if not self.sanitized:
+                expect(growth < FLOOD_RSS_GROWTH_LIMIT_KB, f"memory grew by {growth} kB under the flood")
+        finally:
+            for crowd in reversed(crowds):  # a later child holds the earlier one's pipe too
+                crowd.close()
+
+    def expansion_bombs(self):
+        app_socket, _ = self.env.socket_paths()
+        rss = self.env.daemon_status("VmRSS")
+        self.env.reset_peak_memory()
+        bomb = frame(shared_data_plist((1 << 20) - 256, 63))
+        crowd = Crowd(app_socket, self.b, BOMBS, bomb)
+        try:
+            crowd.wait_for_hang_ups()
+        finally:
+            crowd.close()
+        peak = self.env.daemon_status("VmHWM") - rss
+        print(f"     peak memory {peak} kB above the resident size before {BOMBS} expansion bombs")
+        if not self.sanitized:
+            expect(peak < BOMB_PEAK_GROWTH_LIMIT_KB, f"{BOMBS} expansion bombs raised peak memory by {peak} kB")
+        expect(self.env.daemon.poll() is None, "the daemon survived the bombs")
+        expect_ok(self.run(self.a, "app", "status"), "status after the bombs")
+
+    def call_flood(self):
+        """Calls that cost the daemon work, sent as fast as one user can: past a
+        few, that user's connection is closed, and the log keeps its share."""
+        app_socket, _ = self.env.socket_paths()
+        lines_before = self.env.log_lines_with(f"pairing requested by uid {self.b.uid} ")
+        for selector, args, burst in (("beginPairingWithReply:", [], BEGIN_BURST),
+                                      ("unpairWithToken:reply:", [{"value": "not-a-token"}], UNPAIR_BURST)):
+            answered = as_user(self.b, lambda: pipelined_calls(app_socket, selector, args, FLOOD_CALLS))
+            expect(answered <= burst, f"{answered} of {FLOOD_CALLS} {selector} calls were answered")
+            expect_ok(self.run(self.a, "app", "status"), f"another user's status after a {selector} flood")
+        logged = self.env.log_lines_with(f"pairing requested by uid {self.b.uid} ") - lines_before
+        expect(logged <= LOG_LINE_BURST, f"{logged} log lines for one user's begin flood")
+
+    def refuses_unsafe_setup(self):
+        """A second daemon, set up so that another user could swap its files or
+        hand it something that is no listening socket, must refuse to start."""
+        loose = self.env._dir("loose", 0o777)
+        safe_state, safe_run = self.env._dir("state2", 0o700), self.env._dir("run2", 0o755)
+        linked = os.path.join(self.env.root, "linked")
+        os.symlink(safe_run, linked)
+        app_service = os.path.basename(self.env.socket_paths()[0])
+        cases = [
+            ("a state directory others may write in", [loose, safe_run], ""),
+            ("a runtime directory reached through a symlink", [safe_state, linked], ""),
+            ("a handed-over descriptor that is a plain file", [safe_state, safe_run],
+             f"exec 3</dev/null; LISTEN_PID=$$ LISTEN_FDS=1 LISTEN_FDNAMES={app_service} "),
+        ]
+        for what, (state, run), prefix in cases:
+            command = f'{prefix}exec "$0" --state-dir "$1" --runtime-dir "$2" --foreground'
+            process = subprocess.Popen(["sh", "-c", command, self.env.admind, state, run], env=self.env.env(),
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+            try:
+                _, stderr = process.communicate(timeout=5)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.communicate()
+                raise AssertionError(f"the daemon started with {what}")
+            expect(process.returncode == 1, f"exit {process.returncode} with {what}: {stderr!r}")
+
     def unpair(self):
         second = self.pair(self.a)
         expect_ok(self.run(self.b, "app", "unpair", "--token", second), "unpair of another user's token")
@@ -229,9 +325,11 @@ class Test:
             expect(plistlib.load(f) == [], "the pairing file is empty after unpair-all")
 
 
-SCENARIOS = ["status_without_token", "pair_approved_by_same_user", "approval_by_another_user",
-             "approval_refused_by_authority", "deny", "supersede", "connection_closed_while_pending",
-             "set_service", "bad_input", "unpair", "unpair_all"]
+SCENARIOS = ["status_without_token", "save_leftovers_removed", "pair_approved_by_same_user",
+             "approval_by_another_user", "approval_refused_by_authority", "deny", "supersede",
+             "connection_closed_while_pending", "set_service", "bad_input", "refuses_unsafe_setup", "unpair",
+             "unpair_all",
+             "connection_flood", "expansion_bombs", "call_flood"]
 
 
 # -- malformed input ------------------------------------------------------
@@ -272,6 +370,135 @@ def bad_frames():
     ]
 
 
+def shared_data_plist(data_bytes, references):
+    """A call whose one argument is an array naming one data object
+    `references` times: small on the wire, huge if expanded."""
+    objects = []
+
+    def ascii(text):
+        return bytes([0x50 | len(text)]) + text.encode()
+    objects.append(bytes([0xD3, 1, 2, 3, 4, 5, 6]))           # 0: root {call, seq, args}
+    objects += [ascii("call"), ascii("seq"), ascii("args"), ascii("statusWithToken:reply:")]
+    objects.append(bytes([0x10, 1]))                          # 5: seq
+    objects.append(bytes([0xA1, 7]))                          # 6: args [slot]
+    objects.append(bytes([0xD1, 8, 9]))                       # 7: slot {value: array}
+    objects.append(ascii("value"))                            # 8
+    objects.append(bytes([0xAF, 0x10, references]) + bytes([10]) * references)  # 9
+    objects.append(bytes([0x4F, 0x12]) + struct.pack(">I", data_bytes) + b"\xab" * data_bytes)  # 10
+    out, offsets = bytearray(b"bplist00"), []
+    for obj in objects:
+        offsets.append(len(out))
+        out += obj
+    table = len(out)
+    for offset in offsets:
+        out += struct.pack(">I", offset)
+    out += bytes(6) + bytes([4, 1]) + struct.pack(">QQQ", len(objects), 0, table)
+    return bytes(out)
+
+
+class Crowd:
+    """`count` connections to `path` held by a child process running as `user`,
+    each sent `payload` once, until close()."""
+
+    def __init__(self, path, user, count, payload):
+        ready_r, ready_w = os.pipe()
+        release_r, release_w = os.pipe()
+        self.pid = os.fork()
+        if self.pid == 0:
+            try:
+                os.close(ready_r)
+                os.close(release_w)
+                become(user)
+                held = []
+                for _ in range(count):
+                    s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+                    s.connect(path)
+                    try:
+                        s.sendall(payload)
+                    except OSError:
+                        pass  # refused: closed at once
+                    held.append(s)
+                os.write(ready_w, b"R")
+                if os.read(release_r, 1) == b"W":  # wait for the daemon to hang up on each
+                    for s in held:
+                        s.settimeout(CLIENT_TIMEOUT)
+                        try:
+                            while s.recv(65536):
+                                pass
+                        except OSError:
+                            pass
+                    os.write(ready_w, b"D")
+                    os.read(release_r, 1)
+            finally:
+                os._exit(0)
+        os.close(ready_w)
+        os.close(release_r)
+        self.ready, self.release = ready_r, release_w
+        expect(os.read(self.ready, 1) == b"R", "the crowd's connections were made")
+
+    def wait_for_hang_ups(self):
+        os.write(self.release, b"W")
+        expect(os.read(self.ready, 1) == b"D", "the daemon hung up on every connection")
+
+    def close(self):
+        os.close(self.release)
+        os.waitpid(self.pid, 0)
+        os.close(self.ready)
+
+
+def become(user):
+    os.setgroups([])
+    os.setgid(user.gid)
+    os.setuid(user.uid)
+
+
+def as_user(user, work):
+    """work() in a child process running as `user`; returns its small integer result."""
+    read_end, write_end = os.pipe()
+    pid = os.fork()
+    if pid == 0:
+        code = 255
+        try:
+            os.close(read_end)
+            become(user)
+            os.write(write_end, struct.pack(">I", work()))
+            code = 0
+        finally:
+            os._exit(code)
+    os.close(write_end)
+    result = os.read(read_end, 4)
+    os.close(read_end)
+    os.waitpid(pid, 0)
+    expect(len(result) == 4, "the user's work ended with a result")
+    return struct.unpack(">I", result)[0]
+
+
+def pipelined_calls(path, selector, args, count):
+    """Sends `count` calls at once on one connection; returns how many replies came."""
+    s = connect(path)
+    try:
+        try:
+            s.sendall(call(selector, args) * count)
+        except OSError:
+            pass  # hung up on before everything was written
+        received = b""
+        try:
+            while chunk := s.recv(65536):
+                received += chunk
+        except OSError:
+            pass
+    finally:
+        s.close()
+    replies = 0
+    while len(received) >= 4:
+        length = struct.unpack(">I", received[:4])[0]
+        if len(received) < 4 + length:
+            break
+        received = received[4 + length:]
+        replies += 1
+    return replies
+
+
 def send_bad_frames(app_socket, control_socket, frames, count):
     paths = (app_socket, control_socket)
     for i in range(count):
@@ -294,8 +521,11 @@ class DeadlineExceeded(Exception):
     """Ends the whole run; scenarios do not catch it."""
 
 
+deadline_seconds = DEADLINE_SECONDS
+
+
 def on_deadline(signum, frame):
-    raise DeadlineExceeded(f"the test did not finish within {DEADLINE_SECONDS} s")
+    raise DeadlineExceeded(f"the test did not finish within {deadline_seconds} s")
 
 
 def main():
@@ -314,7 +544,9 @@ def main():
         return SKIP
 
     signal.signal(signal.SIGALRM, on_deadline)
-    signal.alarm(DEADLINE_SECONDS)
+    global deadline_seconds
+    deadline_seconds = SANITIZED_DEADLINE_SECONDS if sanitized else DEADLINE_SECONDS
+    signal.alarm(deadline_seconds)
     env = Environment(admind, netvane, policy)
     passed, failures = [], []
     try:

@@ -212,6 +212,12 @@ class Environment:
 
     def _start_daemon(self):
         os.makedirs(self.runtime_dir, mode=0o755)
+        # What a save killed half-way leaves behind, beside a file that only
+        # looks alike: start-up must remove the first and keep the second.
+        os.makedirs(self.state_dir, mode=0o700)
+        for name in ("pairings.plist.Ab3dE9", "pairings.plist.bak"):
+            with open(os.path.join(self.state_dir, name), "wb") as f:
+                f.write(b"bplist00 partial")
         self.daemon_log = os.path.join(self.root, "admind.log")
         with open(self.daemon_log, "w") as log:
             self.daemon = self._spawn([self.admind, "--state-dir", self.state_dir, "--runtime-dir",
@@ -266,6 +272,15 @@ class Environment:
                 if line.startswith(field + ":"):
                     return int(line.split()[1])
         raise RuntimeError(f"no {field} for the daemon")
+
+    def reset_peak_memory(self):
+        """Starts the daemon's VmHWM afresh from its current resident size."""
+        with open(f"/proc/{self.daemon.pid}/clear_refs", "w") as f:
+            f.write("5")
+
+    def log_lines_with(self, text):
+        with open(self.daemon_log, errors="replace") as f:
+            return sum(1 for line in f if text in line)
 
     def log_tail(self, lines=20):
         try:

@@ -92,20 +92,6 @@ TEST(LinuxKernelFacts, TypesAndNeighbourDiscovery) {
     EXPECT_EQ(nv_linux_nd6_flags(0, 1, 0, 1), 1u << 3);
 }
 
-TEST(LinuxTunFdinfo, FindsTheInterfaceLine) {
-    char name[16];
-    const std::string attached = "pos:\t0\nflags:\t0100002\nmnt_id:\t25\nino:\t1042\niff:\ttun7\n";
-    ASSERT_EQ(nv_linux_fdinfo_iff(attached.data(), attached.size(), name), 1);
-    EXPECT_STREQ(name, "tun7");
-    const std::string detached = "pos:\t0\nflags:\t0100002\nmnt_id:\t25\n";
-    std::strcpy(name, "unchanged");
-    EXPECT_EQ(nv_linux_fdinfo_iff(detached.data(), detached.size(), name), 0);
-    EXPECT_STREQ(name, "unchanged");
-    const std::string longName = "iff:\tabcdefghijklmnopqrstu";
-    ASSERT_EQ(nv_linux_fdinfo_iff(longName.data(), longName.size(), name), 1);
-    EXPECT_STREQ(name, "abcdefghijklmno");
-}
-
 TEST(LinuxLinkAddress, AccessorsOverThePacketAddress) {
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;

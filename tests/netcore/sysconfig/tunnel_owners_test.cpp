@@ -1,9 +1,13 @@
 #include "netcore/sysconfig/tunnel_owners.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 #include <map>
 #include <unordered_set>
 #include <vector>
@@ -149,6 +153,65 @@ TEST(SystemBundleInformation, ReadsTheBundlesInfoPlist) {
     ASSERT_TRUE(writeFileAtomically(broken + "/Contents/Info.plist", std::string_view("not a plist")));
     EXPECT_EQ(TunnelOwners::displayName(broken + "/Contents/MacOS/b", systemBundleInformation()), "Broken");
     EXPECT_EQ(TunnelOwners::displayName(directory.path() + "/Missing.app/m", systemBundleInformation()), "Missing");
+}
+
+// The scan runs as root over bundles that belong to whoever started the
+// tunnel process: their Info.plist must not lead it to a file of someone
+// else, nor into a FIFO.
+TEST(SystemBundleInformation, NeverFollowsALinkOrOpensAFIFO) {
+    testing::TemporaryDirectory directory;
+    const std::string secret = directory.path() + "/secret.plist";
+    ASSERT_TRUE(writeFileAtomically(secret, *plist::encodeBinary(plist::Dictionary{{"CFBundleName", "Secret"}}), 0600));
+    const std::string linked = directory.path() + "/Linked.app";
+    ASSERT_TRUE(createDirectories(linked + "/Contents", 0755));
+    ASSERT_EQ(::symlink(secret.c_str(), (linked + "/Contents/Info.plist").c_str()), 0);
+    EXPECT_EQ(TunnelOwners::displayName(linked + "/Contents/MacOS/x", systemBundleInformation()), "Linked");
+    ASSERT_EQ(::symlink(directory.path().c_str(), (directory.path() + "/Outer.app").c_str()), 0);
+    ASSERT_EQ(::symlink(secret.c_str(), (directory.path() + "/Info.plist").c_str()), 0);
+    EXPECT_EQ(TunnelOwners::displayName(directory.path() + "/Outer.app/x", systemBundleInformation()), "Outer");
+
+    const std::string piped = directory.path() + "/Piped.app";
+    ASSERT_TRUE(createDirectories(piped + "/Contents", 0755));
+    ASSERT_EQ(::mkfifo((piped + "/Contents/Info.plist").c_str(), 0644), 0);
+    EXPECT_EQ(TunnelOwners::displayName(piped + "/Contents/MacOS/x", systemBundleInformation()), "Piped");
+}
+
+// A user swaps the Info.plist between a regular file and a FIFO while the
+// scan reads it. A writer blocked on the FIFO wakes only if someone opens it
+// for reading, which the scan must never do.
+TEST(SystemBundleInformation, SwappingInAFIFOAfterTheCheckDoesNotGetItOpened) {
+    testing::TemporaryDirectory directory;
+    const std::string app = directory.path() + "/Swap.app";
+    ASSERT_TRUE(createDirectories(app + "/Contents", 0755));
+    const std::string regular = directory.path() + "/regular";
+    const std::string fifo = directory.path() + "/fifo";
+    ASSERT_TRUE(writeFileAtomically(regular, *plist::encodeBinary(plist::Dictionary{{"CFBundleName", "Swapped"}})));
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+    const std::string target = app + "/Contents/Info.plist";
+    const std::string staging = directory.path() + "/staging";
+
+    std::atomic<bool> done{false}, fifoOpened{false};
+    std::thread writer([&] {
+        const int fd = ::open(fifo.c_str(), O_WRONLY | O_CLOEXEC);  // blocks until a reader opens
+        if (!done.load()) fifoOpened = true;
+        if (fd >= 0) ::close(fd);
+    });
+    std::thread swapper([&] {
+        for (bool toFifo = false; !done.load(); toFifo = !toFifo) {
+            ::unlink(staging.c_str());
+            if (::link(toFifo ? fifo.c_str() : regular.c_str(), staging.c_str()) == 0) ::rename(staging.c_str(), target.c_str());
+        }
+    });
+    for (int i = 0; i < 3000 && !fifoOpened.load(); ++i) {
+        const std::string name = TunnelOwners::displayName(app + "/Contents/MacOS/x", systemBundleInformation());
+        ASSERT_TRUE(name == "Swapped" || name == "Swap") << name;
+    }
+    done = true;
+    swapper.join();
+    const int release = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // wakes the writer
+    writer.join();
+    if (release >= 0) ::close(release);
+    EXPECT_FALSE(fifoOpened.load()) << "the scan opened a FIFO for reading";
 }
 
 TEST(ExecutablePath, OwnProcessAndVanishedProcess) {
