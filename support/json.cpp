@@ -140,6 +140,13 @@ void JsonWriter::value(const plist::Value& value) {
         for (const plist::Value& element : *value.array()) this->value(element);
         endArray();
         break;
+    case Type::UID:
+        // As the XML form has it.
+        beginObject();
+        key("CF$UID");
+        number(value.uid()->value);
+        endObject();
+        break;
     case Type::Dictionary:
         beginObject();
         for (const auto& [name, child] : *value.dictionary()) {

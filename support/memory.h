@@ -8,9 +8,10 @@ namespace netvane {
 // Buffers at least this large are worth backing with huge pages.
 inline constexpr std::size_t kLargeBufferBytes = std::size_t{4} << 20;
 
-// Asks for huge pages behind the untouched buffer [data, data+size): one page
-// fault per 2 MiB instead of per 4 KiB when it is first written. Only a hint:
-// ignored where the system does not offer it.
+// Asks for huge pages behind the untouched buffer [data, data+size), and for
+// the buffer to be mapped in at once rather than page by page as it is first
+// written. Only a hint: ignored where the system does not offer it. The
+// buffer is about to be filled whole, so mapping all of it wastes nothing.
 void adviseLargeBuffer(void* data, std::size_t size);
 
 }  // namespace netvane

@@ -112,9 +112,49 @@ bool isAscii(std::string_view text) {
     return true;
 }
 
-std::size_t utf8SequenceLength(std::string_view text, std::size_t i) {
-    std::uint32_t cp;
-    return decodeUtf8(text, i, cp);
+std::string repairUtf8(std::string_view text) {
+    constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        if (lead < 0x80) {
+            out.push_back(static_cast<char>(lead));
+            ++i;
+            continue;
+        }
+        // The well-formed sequences by lead byte: their length, and the range
+        // of the second byte, which alone rules out overlong forms,
+        // surrogates and code points past U+10FFFF; later bytes are 80..BF.
+        std::size_t length = 0;
+        unsigned char low = 0x80, high = 0xBF;
+        if (lead >= 0xC2 && lead <= 0xDF) {
+            length = 2;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            length = 3;
+            if (lead == 0xE0) low = 0xA0;
+            if (lead == 0xED) high = 0x9F;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            length = 4;
+            if (lead == 0xF0) low = 0x90;
+            if (lead == 0xF4) high = 0x8F;
+        }
+        std::size_t valid = length == 0 ? 0 : 1;
+        while (valid > 0 && valid < length && i + valid < text.size()) {
+            const auto byte = static_cast<unsigned char>(text[i + valid]);
+            if (byte < low || byte > high) break;
+            low = 0x80, high = 0xBF;
+            ++valid;
+        }
+        if (valid == length && length != 0) {
+            out.append(text.substr(i, length));
+            i += length;
+        } else {
+            out.append(kReplacement);
+            i += valid == 0 ? 1 : valid;
+        }
+    }
+    return out;
 }
 
 bool isValidUtf8(std::string_view text) {
@@ -130,22 +170,6 @@ bool isValidUtf8(std::string_view text) {
 std::string decodeCString(std::span<const char> buffer) {
     auto end = std::find(buffer.begin(), buffer.end(), '\0');
     return repairUtf8(std::string_view(buffer.data(), static_cast<std::size_t>(end - buffer.begin())));
-}
-
-std::string repairUtf8(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size();) {
-        const std::size_t length = utf8SequenceLength(text, i);
-        if (length == 0) {
-            out += "\xEF\xBF\xBD";
-            ++i;
-        } else {
-            out.append(text.substr(i, length));
-            i += length;
-        }
-    }
-    return out;
 }
 
 }  // namespace netvane

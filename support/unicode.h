@@ -20,10 +20,10 @@ bool appendUtf8AsUtf16BigEndian(std::string_view text, std::vector<std::uint8_t>
 
 bool isAscii(std::string_view text);
 bool isValidUtf8(std::string_view text);
-// Length of the valid UTF-8 sequence starting at text[i], or 0 when none does.
-std::size_t utf8SequenceLength(std::string_view text, std::size_t i);
 
-// The text with every invalid UTF-8 sequence replaced by U+FFFD.
+// The text with every maximal ill-formed subpart (the longest start of a
+// valid sequence, or one byte that starts none) replaced by one U+FFFD, so
+// that a sequence cut short costs one replacement, not one per byte.
 std::string repairUtf8(std::string_view text);
 // The bytes up to the first zero (or all), repaired: text a C interface
 // filled into a buffer.

@@ -67,13 +67,15 @@ Status HistoryStore::write(const HistorySet& histories, const ByteSink& sink) {
 }
 
 Status HistoryStore::save(const HistorySet& histories) const {
-    std::filesystem::path parent = std::filesystem::path(url).parent_path();
-    if (!parent.empty()) {
-        // Ignored on purpose: if the directory is still missing, the write
-        // below fails with the more useful error.
-        (void)createDirectories(parent.string(), 0777, DirectoryMode::umasked);
-    }
+    // The directory is made only once the document is encoded, so that a
+    // history that cannot be written leaves nothing behind.
     return withFilePieces(histories, [&](const plist::EncodedPieces& pieces) {
+        std::filesystem::path parent = std::filesystem::path(url).parent_path();
+        if (!parent.empty()) {
+            // Ignored on purpose: if the directory is still missing, the write
+            // below fails with the more useful error.
+            (void)createDirectories(parent.string(), 0777, DirectoryMode::umasked);
+        }
         return writeFileAtomically(
             url, [&](const ByteSink& sink) { return pieces.writeTo(sink); }, 0644, pieces.size());
     });

@@ -4,9 +4,10 @@
 //
 // - `load` never fails: a missing, unreadable or foreign file yields an empty
 //   set and is left as it is; the next save replaces it. Nothing is pruned.
-// - `save` writes only histories that moved a byte, creates missing parent
-//   directories, and replaces the file atomically: on any error the previous
-//   file stays intact and the error is returned.
+// - `save` writes only histories that moved a byte, encodes them, then
+//   creates missing parent directories and replaces the file atomically: on
+//   any error the previous file stays intact and the error is returned, and
+//   a failed encoding leaves no directory behind.
 // The store holds no state beyond its location; it takes no lock, so callers
 // that save from several threads serialise the calls.
 #pragma once

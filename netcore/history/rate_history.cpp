@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 
 namespace netvane {
 namespace {
@@ -79,37 +78,33 @@ std::vector<RateSample> RateHistory::recentSamples(std::int64_t count) const {
     return samples;
 }
 
+double Tier::reachBack(double cutoff) const {
+    const double oldest = buckets.front().start.secondsSinceReference;
+    if (isRaw()) return std::max(oldest, cutoff);
+    return std::max(oldest, granularity * std::ceil(cutoff / granularity));
+}
+
 RateAggregate RateHistory::aggregate(double period, Date now) const {
     const double cutoff = now.secondsSinceReference - period;
-    RateAggregate result;
-    double upper = std::numeric_limits<double>::infinity();
-    for (std::size_t i = 0; i < tiers.size(); ++i) {
-        const Tier& tier = tiers[i];
+    const Tier* chosen = nullptr;
+    double reach = 0;
+    for (const Tier& tier : tiers) {
         if (tier.buckets.empty()) continue;
-        // The coarser tier takes over at a boundary of its own slots, at or
-        // after the start of this tier's data, when that data starts late
-        // enough for a whole coarse slot to fit before it. That boundary may
-        // lie above the stretch already counted (this tier's data starts
-        // inside the finer tier's first coarse slot, as in any history younger
-        // than one coarse slot); the coarse slot below it would then count
-        // that stretch again, so the handover moves down to the last coarse
-        // boundary at or below what this tier was given.
-        double lower = cutoff;
-        double oldest = tier.buckets.front().start.secondsSinceReference;
-        double coarse = i + 1 < tiers.size() ? tiers[i + 1].granularity : 0;
-        if (coarse > 0 && coarse <= oldest - cutoff) {
-            lower = coarse * std::ceil(oldest / coarse);
-            if (lower > upper) lower = std::max(cutoff, coarse * std::floor(upper / coarse));
+        // Strictly earlier only: on a tie the finer tier keeps the choice, and
+        // a reach that is not a number never wins.
+        const double candidate = tier.reachBack(cutoff);
+        if (chosen == nullptr ? !std::isnan(candidate) : candidate < reach) {
+            chosen = &tier;
+            reach = candidate;
         }
-        const bool raw = tier.isRaw();
-        for (auto it = tier.buckets.rbegin(); it != tier.buckets.rend(); ++it) {
-            double start = it->start.secondsSinceReference;
-            if (tier.endOf(*it) > upper || (raw && start >= upper)) continue;
-            if (start < lower || (raw && start <= cutoff)) break;
-            result.add(*it);
-        }
-        if (lower <= cutoff) break;
-        upper = lower;
+    }
+    RateAggregate result;
+    if (chosen == nullptr) return result;
+    const bool raw = chosen->isRaw();
+    for (auto it = chosen->buckets.rbegin(); it != chosen->buckets.rend(); ++it) {
+        const double start = it->start.secondsSinceReference;
+        if (raw ? !(start > cutoff) : !(start >= cutoff)) break;
+        result.add(*it);
     }
     return result;
 }

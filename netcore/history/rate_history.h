@@ -1,12 +1,23 @@
 // The traffic history of one interface at three resolutions: every sample as
 // it came (raw), one bucket per minute and one per hour, each tier with its
-// own retention. Every accepted sample goes into all tiers; `aggregate`
-// stitches them so that a recent stretch comes from fine data, an older one
-// from coarse data, and no stretch of time is counted twice.
+// own retention. Every accepted sample goes into all tiers.
 //
-// Each tier hands the next the boundary where the coarser slots take over, but
-// never one above the stretch it was itself given: in a history younger than
-// one coarse slot, that slot would otherwise count the newest samples twice.
+// `aggregate` counts every stored sample of the period once. Each tier holds
+// every sample from its oldest bucket on, and the totals, covered seconds and
+// extreme rates of a set of samples are the same whichever tier they are read
+// from; tiers differ only in how close to the cutoff their whole buckets
+// reach. So the aggregate reads the one tier that reaches furthest back (the
+// finer on a tie): the raw tier from just after the cutoff, or a coarser one
+// from its first slot that starts at or after the cutoff, each no earlier
+// than its oldest bucket. Stitching a finer tier's recent stretch to a
+// coarser tier's older one would give the same sums, except where the coarse
+// slot at the hand-over mixes samples the finer tier has pruned with samples
+// it still holds: there no stitch counts both stretches once.
+// Left out are only the samples that every tier holds in a bucket beginning
+// before the cutoff; they end less than one slot of the finest tier holding
+// the cutoff after it, and where the raw tier holds it nothing is left out.
+// Samples that came out of order, or tiers that disagree (another writer's
+// file), may leave more out, but no sample is ever counted twice.
 //
 // A plain value; its owner serialises access. Byte-count overflow is fatal.
 //
@@ -53,6 +64,9 @@ struct Tier {
 
     void add(const RateSample& sample);
     void prune(Date now);
+    // The earliest moment from which this tier (with buckets) holds whole
+    // buckets after `cutoff`.
+    double reachBack(double cutoff) const;
 
     // Without buckets, an empty Data stands in for the packed buckets, for a
     // writer that packs them on their way out (packBuckets).

@@ -91,3 +91,7 @@ std::vector<std::string> ipv6AddressFlagNames(std::uint32_t flags) {
 std::vector<std::string> IPv6Address::flagNames() const { return ipv6AddressFlagNames(flags); }
 
 }  // namespace netvane
+
+std::size_t std::hash<netvane::BitNames>::operator()(const netvane::BitNames& v) const noexcept {
+    return netvane::hashFields(v.bits);
+}

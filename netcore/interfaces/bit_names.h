@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "netcore/interfaces/hashing.h"
+
 namespace netvane {
 
 struct BitNames {
@@ -24,6 +26,8 @@ struct BitNames {
     static const BitNames& interfaceFlags();  // IFF_*
     static const BitNames& capabilities();    // IFCAP_* (enabled set)
     static const BitNames& nd6Flags();        // ND6_IFF_*
+
+    bool operator==(const BitNames&) const = default;
 };
 
 // IPv6 address flags (IN6_IFF_*) as masks, in display order; the order is
@@ -34,3 +38,5 @@ const std::vector<std::pair<std::uint32_t, std::string>>& ipv6AddressFlagTable()
 std::vector<std::string> ipv6AddressFlagNames(std::uint32_t flags);
 
 }  // namespace netvane
+
+NETVANE_DECLARE_HASH(netvane::BitNames);

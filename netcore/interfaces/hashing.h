@@ -1,7 +1,7 @@
 // Memberwise hashing for NetCore's value types: every field is fed in
-// declaration order, so values that compare equal hash equally. Optionals feed
-// a presence marker and sequences their length, so that (none, x) and (x) or
-// [a][b] and [a, b] do not collide by construction.
+// declaration order, so values that compare equal hash equally. Pairs feed
+// both members, optionals a presence marker and sequences their length, so
+// that (none, x) and (x) or [a][b] and [a, b] do not collide by construction.
 #pragma once
 
 #include <concepts>
@@ -36,6 +36,9 @@ private:
             feed(v.secondsSinceReference);
         } else if constexpr (std::is_enum_v<T>) {
             mix(static_cast<std::uint64_t>(v));
+        } else if constexpr (requires { v.first; v.second; }) {
+            feed(v.first);
+            feed(v.second);
         } else if constexpr (requires { v.has_value(); *v; }) {
             mix(v.has_value());
             if (v) feed(*v);

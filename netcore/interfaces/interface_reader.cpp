@@ -178,12 +178,17 @@ std::vector<InterfaceSnapshot> InterfaceReader::snapshot() const {
 std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list) const { return snapshot(list, nullptr); }
 
 std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list, const AddressList* known) const {
+    // Room for as many interfaces as entries: more than needed, but what is
+    // not used is not touched, where growing would copy every snapshot.
+    std::size_t entries = 0;
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) ++entries;
     std::vector<InterfaceSnapshot> snapshots;
-    std::unordered_map<std::string, std::size_t> byName;
+    snapshots.reserve(entries);
+    std::unordered_map<std::string, std::size_t> byName(entries);
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
         // An entry without a name breaks the system's own contract.
         if (entry->ifa_name == nullptr) std::abort();
-        std::string name = entry->ifa_name;
+        std::string name(interfaceNameOf(entry->ifa_name));
         auto [it, fresh] = byName.try_emplace(name, snapshots.size());
         if (fresh) {
             InterfaceSnapshot& created = snapshots.emplace_back();
@@ -197,7 +202,7 @@ std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list, co
             snapshot.ipv4.push_back(ipv4Address(*entry));
         } else if (family == AF_INET6) {
             snapshot.ipv6.push_back(ipv6Address(*entry, name, known));
-        } else if (std::uint16_t index = nv_sockaddr_dl_index(asLinkAddress(entry->ifa_addr)); index != 0) {
+        } else if (unsigned index = nv_sockaddr_dl_index(asLinkAddress(entry->ifa_addr)); index != 0) {
             snapshot.index = index;
             std::array<std::uint8_t, kLinkAddressCapacity> bytes{};
             int length = nv_sockaddr_dl_lladdr(asLinkAddress(entry->ifa_addr), bytes.data(), bytes.size());

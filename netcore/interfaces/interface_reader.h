@@ -32,8 +32,9 @@ class InterfaceReader {
 public:
     InterfaceReader();
 
-    // One snapshot per interface name, in the order names first occur in the
-    // system's address list.
+    // One snapshot per interface, in the order interfaces first occur in the
+    // system's address list; an address listed under an alias label belongs
+    // to the interface the label names (interfaceNameOf).
     std::vector<InterfaceSnapshot> snapshot() const;
 
     // The snapshots of an address list already in hand (the list is not

@@ -26,6 +26,11 @@ std::size_t netmaskLength(const sockaddr* netmask, int family);
 // An entry's interface flags in the IFF_* layout of BitNames::interfaceFlags.
 std::uint32_t interfaceFlagsFromEntry(unsigned int entryFlags);
 
+// The interface an entry belongs to, from the entry's name: where a platform
+// names some addresses apart from their interface (an alias label), the
+// interface's own name.
+std::string_view interfaceNameOf(std::string_view entryName);
+
 // What the shim's per-interface requests answer about one interface; a field
 // is empty where its request failed.
 struct KernelFacts {

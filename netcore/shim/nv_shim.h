@@ -92,8 +92,9 @@ int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in
  * Copies the link-layer address and returns its length; 0 (nothing copied)
  * for a null or non-link address, an empty address or too small a buffer. */
 int nv_sockaddr_dl_lladdr(const struct sockaddr_dl* sdl, uint8_t* out, size_t capacity);
-/* 0 for a null or non-link address. */
-uint16_t nv_sockaddr_dl_index(const struct sockaddr_dl* sdl);
+/* The interface index in full (Linux indexes pass 65535 on hosts that make
+ * and delete many interfaces); 0 for a null or non-link address. */
+unsigned int nv_sockaddr_dl_index(const struct sockaddr_dl* sdl);
 uint8_t nv_sockaddr_dl_type(const struct sockaddr_dl* sdl);
 
 /* Writes at most max records and returns how many it wrote. */

@@ -128,3 +128,7 @@ TunnelOwnerMap TunnelOwners::scan() {
 }
 
 }  // namespace netvane
+
+std::size_t std::hash<netvane::TunnelOwner>::operator()(const netvane::TunnelOwner& v) const noexcept {
+    return netvane::hashFields(v.pid, v.name, v.path);
+}

@@ -17,6 +17,7 @@
 #include <span>
 #include <string>
 
+#include "netcore/interfaces/hashing.h"
 #include "netcore/shim/nv_shim.h"
 #include "support/plist/value.h"
 #include "support/result.h"
@@ -78,3 +79,5 @@ std::string tunnelInterfaceName(const nv_utun_owner_t& record);
 std::string executablePath(std::int32_t pid);
 
 }  // namespace netvane
+
+NETVANE_DECLARE_HASH(netvane::TunnelOwner);

@@ -52,6 +52,9 @@ id toFoundation(const plist::Value& value) {
         case Type::String: return toNSString(*value.string());
         case Type::Array: return toFoundation(*value.array());
         case Type::Dictionary: return toFoundation(*value.dictionary());
+        // Foundation has no public UID class: the form XML gives a UID keeps
+        // its value. No value the system sends holds one.
+        case Type::UID: return @{@"CF$UID" : [NSNumber numberWithUnsignedLongLong:value.uid()->value]};
     }
     return nil;
 }

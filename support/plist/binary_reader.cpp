@@ -43,6 +43,7 @@ class BinaryReader {
 public:
     BinaryReader(std::span<const std::uint8_t> bytes, const DecodeLimits& limits)
         : bytes_(bytes),
+          uids_(limits.uids),
           budget_(bytes.size() * limits.expansionFactor + limits.expansionSlack),
           objectsLeft_(limits.maxObjects) {}
 
@@ -196,6 +197,14 @@ private:
         }
         case 0x5:
         case 0x6: return decodeString(pos, marker, out.emplace<std::string>());
+        case 0x8: {
+            if (uids_ != UIDs::read) return fail("unsupported marker");
+            const std::size_t width = (marker & 0x0F) + std::size_t{1};
+            if (width > 8) return fail("bad UID size");
+            if (!fits(pos, 1, width)) return fail("truncated UID");
+            out = Value(UID{readBigEndian(&bytes_[pos], width)});
+            return true;
+        }
         case 0xA: return decodeArray(ref, pos, marker, depth, out);
         case 0xD: return decodeDictionary(ref, pos, marker, depth, out);
         default: return fail("unsupported marker");
@@ -269,6 +278,7 @@ private:
     }
 
     std::span<const std::uint8_t> bytes_;
+    UIDs uids_;
     std::uint64_t budget_;
     std::size_t objectsLeft_;
     const char* problem_ = "";
@@ -291,8 +301,10 @@ Result<Value> decodeBinary(std::span<const std::uint8_t> bytes, const DecodeLimi
     return BinaryReader(bytes, limits).run();
 }
 
-Result<Value> decode(std::span<const std::uint8_t> bytes) {
-    return isBinary(bytes) ? decodeBinary(bytes) : decodeXml(bytes);
+Result<Value> decode(std::span<const std::uint8_t> bytes, UIDs uids) {
+    DecodeLimits limits;
+    limits.uids = uids;
+    return isBinary(bytes) ? decodeBinary(bytes, limits) : decodeXml(bytes, uids);
 }
 
 }  // namespace netvane::plist

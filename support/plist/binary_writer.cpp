@@ -121,7 +121,7 @@ private:
             }
             return id;
         }
-        default: return add(value, 9);  // real, date, unsigned integer
+        default: return add(value, 9);  // real, date, unsigned integer, UID
         }
     }
 
@@ -231,6 +231,13 @@ private:
             putMarkerWithLength(0xD0, value.dictionary()->size());
             putRefs(object.firstRef, 2 * value.dictionary()->size());
             break;
+        case Value::Type::UID: {
+            const std::uint64_t number = value.uid()->value;
+            const std::size_t width = bytesFor(number);
+            out_.push_back(static_cast<std::uint8_t>(0x80 | (width - 1)));
+            putBigEndian(number, width);
+            break;
+        }
         case Value::Type::String: break;  // written through the string table above
         }
         return {};

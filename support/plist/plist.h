@@ -32,6 +32,13 @@ inline constexpr std::size_t kExpansionSlack = 1 << 20;
 
 enum class Format { Binary, Xml };
 
+// UIDs are the object references of keyed archives. No document of ours holds
+// one, so decoding refuses them (as any unknown marker) unless asked to read
+// them: then binary UIDs of one to eight bytes, and in XML the one-entry
+// dictionary {"CF$UID": n} with a non-negative integer, become UID values.
+// Encoding writes a UID in the same forms.
+enum class UIDs { refused, read };
+
 // What one binary document may decode to. Callers that read input from
 // another user (IPC frames) pass tighter limits than the file defaults.
 struct DecodeLimits {
@@ -39,11 +46,12 @@ struct DecodeLimits {
     std::size_t expansionSlack = kExpansionSlack;
     // Objects decoded, counting each repeat of a shared one.
     std::size_t maxObjects = SIZE_MAX;
+    UIDs uids = UIDs::refused;
 };
 
-Result<Value> decode(std::span<const std::uint8_t> bytes);  // either format, by its header
+Result<Value> decode(std::span<const std::uint8_t> bytes, UIDs uids = UIDs::refused);  // either format, by its header
 Result<Value> decodeBinary(std::span<const std::uint8_t> bytes, const DecodeLimits& limits = {});
-Result<Value> decodeXml(std::span<const std::uint8_t> bytes);
+Result<Value> decodeXml(std::span<const std::uint8_t> bytes, UIDs uids = UIDs::refused);
 
 Result<Data> encodeBinary(const Value& value);
 

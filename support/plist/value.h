@@ -22,6 +22,14 @@ namespace netvane::plist {
 class Value;
 
 using Data = std::vector<std::uint8_t>;
+
+// An object reference of a keyed archive: a value kind of its own, distinct
+// from every integer.
+struct UID {
+    std::uint64_t value = 0;
+
+    bool operator==(const UID&) const = default;
+};
 using Array = std::vector<Value>;
 
 class Dictionary {
@@ -55,7 +63,7 @@ private:
 
 class Value {
 public:
-    enum class Type { Boolean, Integer, UnsignedInteger, Real, Date, Data, String, Array, Dictionary };
+    enum class Type { Boolean, Integer, UnsignedInteger, Real, Date, Data, String, Array, Dictionary, UID };
 
     Value() : storage_(false) {}
     Value(bool b) : storage_(b) {}
@@ -73,6 +81,7 @@ public:
     Value(const char* s) : storage_(std::string(s)) {}
     Value(plist::Array a) : storage_(std::move(a)) {}
     Value(plist::Dictionary d) : storage_(std::move(d)) {}
+    Value(plist::UID u) : storage_(u) {}
 
     Type type() const { return static_cast<Type>(storage_.index()); }
 
@@ -85,6 +94,7 @@ public:
     const plist::Data* data() const { return get<plist::Data>(); }
     const plist::Array* array() const { return get<plist::Array>(); }
     const plist::Dictionary* dictionary() const { return get<plist::Dictionary>(); }
+    const plist::UID* uid() const { return get<plist::UID>(); }
     std::optional<bool> boolean() const;
     std::optional<double> real() const;
     std::optional<netvane::Date> date() const;
@@ -106,7 +116,7 @@ public:
 private:
     // Alternative order matches Type.
     std::variant<bool, std::int64_t, std::uint64_t, double, netvane::Date, plist::Data, std::string, plist::Array,
-                 plist::Dictionary>
+                 plist::Dictionary, plist::UID>
         storage_;
 };
 

@@ -81,7 +81,7 @@ struct Tag {
 
 class XmlReader {
 public:
-    explicit XmlReader(std::string_view text) : in_(text) {}
+    XmlReader(std::string_view text, UIDs uids) : in_(text), uids_(uids) {}
 
     Result<Value> run() {
         if (in_.substr(0, 3) == "\xEF\xBB\xBF") pos_ = 3;
@@ -295,6 +295,9 @@ private:
             if (!tag) return tag.error();
             if (tag->kind == Tag::Close) {
                 if (tag->name != "dict") return malformed("mismatched </" + std::string(tag->name) + ">");
+                if (uids_ == UIDs::read) {
+                    if (auto uid = uidOf(dictionary)) return Value(*uid);
+                }
                 return Value(std::move(dictionary));
             }
             if (tag->name != "key") return malformed("dictionary entry without a key");
@@ -313,6 +316,14 @@ private:
             if (!value) return value.error();
             dictionary.append(std::move(key), std::move(*value));
         }
+    }
+
+    // The XML form of a UID: exactly one entry, "CF$UID", a non-negative integer.
+    static std::optional<UID> uidOf(const Dictionary& dictionary) {
+        if (dictionary.size() != 1 || dictionary.begin()->first != "CF$UID") return std::nullopt;
+        const auto number = dictionary.begin()->second.uint64();
+        if (!number) return std::nullopt;
+        return UID{*number};
     }
 
     static Result<Value> parseInteger(std::string_view text) {
@@ -342,13 +353,14 @@ private:
     }
 
     std::string_view in_;
+    UIDs uids_;
     std::size_t pos_ = 0;
 };
 
 }  // namespace
 
-Result<Value> decodeXml(std::span<const std::uint8_t> bytes) {
-    return XmlReader(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size())).run();
+Result<Value> decodeXml(std::span<const std::uint8_t> bytes, UIDs uids) {
+    return XmlReader(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()), uids).run();
 }
 
 }  // namespace netvane::plist

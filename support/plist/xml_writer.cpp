@@ -98,6 +98,16 @@ private:
             return {};
         }
         case Value::Type::Data: element(depth, "data", base64Encode(*value.data())); return {};
+        case Value::Type::UID: {
+            indent(depth);
+            out_.append("<dict>\n");
+            element(depth + 1, "key", "CF$UID");
+            auto end = std::to_chars(number, number + sizeof number, value.uid()->value).ptr;
+            element(depth + 1, "integer", std::string_view(number, end - number));
+            indent(depth);
+            out_.append("</dict>\n");
+            return {};
+        }
         case Value::Type::String: return textElement(depth, "string", *value.string());
         case Value::Type::Array: {
             const Array& array = *value.array();

@@ -130,6 +130,18 @@ TEST(IpcFrame, NilEmptyStringValuesAndErrorsStayDistinct) {
     EXPECT_FALSE(frameBodyLength(oversize).ok());
 }
 
+TEST(IpcFrame, UIDsAreRefused) {
+    // The protocol has no UIDs: a frame holding one is malformed.
+    for (const plist::Value& root :
+         {plist::Value(plist::Dictionary{{"call", "x:"}, {"seq", 1}, {"args", plist::Array{plist::Dictionary{{"value", plist::UID{1}}}}}}),
+          plist::Value(plist::Dictionary{{"seq", 1}, {"reply", plist::Array{plist::Dictionary{{"value", plist::UID{1}}}}}})}) {
+        auto body = plist::encodeBinary(root);
+        ASSERT_TRUE(body.ok());
+        EXPECT_FALSE(decodeCall(*body).ok());
+        EXPECT_FALSE(decodeReply(*body).ok());
+    }
+}
+
 TEST_F(IpcTest, CallsRepliesErrorsAndPeerCredentials) {
     startServer();
     Client client = connect();

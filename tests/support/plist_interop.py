@@ -96,6 +96,36 @@ def main():
                     if back != document:
                         failures += 1
                         print(f"FAIL write {target} from {fmt_name} document {index}")
+        # A keyed archive's UIDs: shown as {"CF$UID": n}, written back as UIDs.
+        archive = {"$archiver": "NSKeyedArchiver", "$version": 100000,
+                   "$top": {"root": plistlib.UID(1)},
+                   "$objects": ["$null", {"list": [plistlib.UID(n) for n in (2, 255, 256, 65536, 2**32, 2**64 - 1)]}]}
+        source = os.path.join(tmp, "archive.binary")
+        with open(source, "wb") as f:
+            plistlib.dump(archive, f, fmt=plistlib.FMT_BINARY, sort_keys=False)
+
+        def uids_as_json(value):
+            if isinstance(value, plistlib.UID):
+                return {"CF$UID": value.data}
+            if isinstance(value, dict):
+                return {k: uids_as_json(v) for k, v in value.items()}
+            if isinstance(value, list):
+                return [uids_as_json(v) for v in value]
+            return value
+
+        checks += 1
+        if json.loads(run("plist", "show", source, "--json")) != uids_as_json(archive):
+            failures += 1
+            print("FAIL read a keyed archive")
+        out = os.path.join(tmp, "archive.to.xml")
+        run("plist", "convert", source, "--to", "xml", "-o", out)
+        back = os.path.join(tmp, "archive.back.binary")
+        run("plist", "convert", out, "--to", "binary", "-o", back)
+        with open(back, "rb") as f:
+            checks += 1
+            if plistlib.load(f) != archive:
+                failures += 1
+                print("FAIL a keyed archive through XML and back")
     print(f"{checks - failures} passed, {failures} failed")
     return 1 if failures else 0
 

@@ -76,6 +76,62 @@ TEST(PlistMalformed, StructuralDamageIsAnError) {
     EXPECT_FALSE(decodeBinary(counted).ok());
 }
 
+// Keyed archives reference their objects by UID (marker 0x8, one to eight
+// bytes); documents of ours never hold one.
+TEST(PlistUID, ReadOnlyWhenAskedAtEveryWidth) {
+    const Data archive = document({0xA4, 1, 2, 3, 4,                  // [uid, uid, uid, uid]
+                                   0x80, 0x05,                          // 1 byte
+                                   0x81, 0x01, 0x00,                    // 2 bytes
+                                   0x83, 0x00, 0x01, 0x00, 0x00,        // 4 bytes
+                                   0x87, 0xFF, 0, 0, 0, 0, 0, 0, 0x01}, // 8 bytes
+                                  {8, 13, 15, 18, 23}, 1);
+    EXPECT_FALSE(decodeBinary(archive).ok()) << "UIDs are refused unless asked for";
+    EXPECT_FALSE(decode(archive).ok());
+    auto read = decodeBinary(archive, {.uids = UIDs::read});
+    ASSERT_TRUE(read.ok()) << read.error().message;
+    const Value expected = Array{UID{5}, UID{256}, UID{65536}, UID{0xFF00000000000001}};
+    EXPECT_EQ(*read, expected);
+    EXPECT_NE(Value(UID{5}), Value(5)) << "a UID is not an integer";
+
+    // Written back at the same widths, and read back equal.
+    EXPECT_EQ(*encodeBinary(expected), archive);
+    EXPECT_EQ(decode(*encodeBinary(expected), UIDs::read).value(), expected);
+
+    const struct {
+        const char* what;
+        Data bytes;
+    } refused[] = {
+        {"nine bytes", document({0x88, 0, 0, 0, 0, 0, 0, 0, 0, 1}, {8}, 1)},
+        {"sixteen bytes", document({0x8F, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, {8}, 1)},
+        {"cut short", document({0x83, 0, 1}, {8}, 1)},
+        {"as a dictionary key", document({0xD1, 1, 2, 0x80, 1, 0x09}, {8, 11, 13}, 1)},
+    };
+    for (const auto& c : refused) EXPECT_FALSE(decodeBinary(c.bytes, {.uids = UIDs::read}).ok()) << c.what;
+}
+
+// XML carries a UID as the one-entry dictionary {"CF$UID": n}, and reads
+// that form back as a UID where UIDs are asked for.
+TEST(PlistUID, XmlFormIsTheCFUIDDictionary) {
+    const Value value = Dictionary{{"$top", Dictionary{{"root", UID{1}}}}};
+    auto xml = encodeXml(value);
+    ASSERT_TRUE(xml.ok());
+    EXPECT_NE(xml->find("<dict>\n\t\t\t<key>CF$UID</key>\n\t\t\t<integer>1</integer>\n\t\t</dict>"),
+              std::string::npos)
+        << *xml;
+    const auto bytes = std::span(reinterpret_cast<const std::uint8_t*>(xml->data()), xml->size());
+    EXPECT_EQ(decodeXml(bytes, UIDs::read).value(), value);
+    EXPECT_EQ(decodeXml(bytes).value(), (Dictionary{{"$top", Dictionary{{"root", Dictionary{{"CF$UID", 1}}}}}}))
+        << "without UIDs, the dictionary stays a dictionary";
+    // Only exactly that shape is a UID.
+    for (const Value& other : {Value(Dictionary{{"CF$UID", -1}}), Value(Dictionary{{"CF$UID", "1"}}),
+                               Value(Dictionary{{"CF$UID", 1}, {"x", 2}})}) {
+        auto text = *encodeXml(other);
+        EXPECT_EQ(decodeXml(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()), UIDs::read)
+                      .value(),
+                  other);
+    }
+}
+
 TEST(PlistMalformed, ExcessiveDepthIsRefusedBothWays) {
     Value deep = Array{};
     for (std::size_t i = 0; i < kMaxDepth + 5; ++i) deep = Array{std::move(deep)};

@@ -95,11 +95,12 @@ TEST(Json, EscapesAndConvertsEveryType) {
         {"data", plist::Data{1, 2, 3}},
         {"date", Date{0.5}},
         {"list", plist::Array{true, plist::Array{}, plist::Dictionary{}}},
+        {"uid", plist::UID{7}},
     });
     EXPECT_EQ(toJSON(value, false),
               "{\"text\":\"quote\\\" back\\\\ nl\\n ctl\\u0001 \xC3\xA9\",\"big\":18446744073709551615,\"neg\":-3,"
               "\"real\":0.5,\"inf\":null,\"data\":\"AQID\",\"date\":\"2001-01-01T00:00:00.500Z\","
-              "\"list\":[true,[],{}]}");
+              "\"list\":[true,[],{}],\"uid\":{\"CF$UID\":7}}");
 }
 
 // Pretty output indents two spaces a level, however deep.

@@ -1,20 +1,15 @@
 #include "netcore/interfaces/linux/kernel_links.h"
 
-// The C library's address headers first: the kernel's IPv6 header then
-// leaves their definitions alone.
 #include <dirent.h>
 #include <net/if_arp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/utsname.h>
 
 #include <linux/if_addr.h>
-#include <linux/ipv6.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <unordered_map>
@@ -28,17 +23,26 @@ namespace {
 
 constexpr int kDumpAttempts = 3;
 
-struct StatsEntry {
-    int index = 0;
-    std::uint8_t bytes[sizeof(rtnl_link_stats64)] = {};
-    std::size_t length = 0;
-};
+// Room reserved up front for the links and addresses of a reading: pages of
+// it that stay unused are never touched, so they cost nothing, while growing
+// by doubling would copy and touch everything twice.
+constexpr std::size_t kExpectedLinks = 512;
+constexpr std::size_t kExpectedAddresses = 1024;
 
 struct Collected {
+    Collected() {
+        result.links.reserve(kExpectedLinks);
+        result.addresses.reserve(kExpectedAddresses);
+    }
+
     KernelLinks result;
-    std::vector<StatsEntry> stats;
-    bool parentsNamed = false;                // the link dump names parent devices
-    std::unordered_set<int> withParent;      // ... and these have one
+    // The compact way: each link's place by index, and the places in the
+    // order of the statistics dump; `unmatched` when it named a link the
+    // IPv6 dump did not have.
+    std::unordered_map<int, std::size_t> byIndex;
+    std::vector<std::size_t> statsOrder;
+    bool unmatched = false;
+    bool parentsNamed = false;  // the link dump names parent devices
 };
 
 // Copies a string attribute into a name field; false when it does not fit.
@@ -51,94 +55,37 @@ bool copyString(const rtattr* attribute, char (&into)[IF_NAMESIZE]) {
     return true;
 }
 
-// Visits the attributes that follow a message's header, or that one
-// attribute nests.
+// Visits the attributes that follow a message's header.
 template <typename Visit>
 void forEachAttribute(const rtattr* first, int length, Visit visit) {
     for (const rtattr* a = first; RTA_OK(a, length); a = RTA_NEXT(a, length)) visit(a);
 }
 
-template <typename Visit>
-void forEachNested(const rtattr* parent, Visit visit) {
-    forEachAttribute(static_cast<const rtattr*>(RTA_DATA(parent)), static_cast<int>(RTA_PAYLOAD(parent)), visit);
-}
-
-void readInet6Settings(const rtattr* settings, KernelLink& link) {
-    const std::size_t count = RTA_PAYLOAD(settings) / sizeof(std::int32_t);
-    if (count <= DEVCONF_ACCEPT_RA || count <= DEVCONF_DISABLE_IPV6 || count <= DEVCONF_ACCEPT_DAD) return;
-    const auto value = [&](std::size_t i) {
-        std::int32_t v = 0;
-        std::memcpy(&v, static_cast<const std::uint8_t*>(RTA_DATA(settings)) + i * sizeof v, sizeof v);
-        return v;
-    };
-    link.inet6 = {value(DEVCONF_ACCEPT_RA), value(DEVCONF_DISABLE_IPV6), value(DEVCONF_ACCEPT_DAD)};
-}
-
-void findInet6Settings(const rtattr* inet6, KernelLink& link) {
-    forEachNested(inet6, [&](const rtattr* setting) {
-        if (setting->rta_type == IFLA_INET6_CONF) readInet6Settings(setting, link);
-    });
-}
-
-// A link message of either dump: the full one keeps the IPv6 settings among
-// the per-family ones and carries the statistics; the IPv6 one keeps them as
-// its protocol information.
 void addLink(const nlmsghdr* message, void* context) {
-    if (message->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return;
     auto& collected = *static_cast<Collected*>(context);
-    const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(message));
     KernelLink link;
-    link.index = info->ifi_index;
-    link.flags = info->ifi_flags;
-    link.type = info->ifi_type;
-    bool named = false, parent = false;
-    const rtattr* stats = nullptr;
-    forEachAttribute(IFLA_RTA(info), static_cast<int>(IFLA_PAYLOAD(message)), [&](const rtattr* a) {
-        switch (a->rta_type) {
-        case IFLA_IFNAME: named = copyString(a, link.name); break;
-        case IFLA_ADDRESS:
-            link.addressLength = RTA_PAYLOAD(a);
-            if (link.addressLength <= kLinkAddressMax) std::memcpy(link.address, RTA_DATA(a), link.addressLength);
-            break;
-        case IFLA_MTU:
-            if (RTA_PAYLOAD(a) >= sizeof link.mtu) std::memcpy(&link.mtu, RTA_DATA(a), sizeof link.mtu);
-            break;
-        case IFLA_STATS64: stats = a; break;
-        case IFLA_PARENT_DEV_NAME: parent = true; break;
-        case IFLA_PROTINFO:
-            if (info->ifi_family == AF_INET6) findInet6Settings(a, link);
-            break;
-        case IFLA_AF_SPEC:
-            forEachNested(a, [&](const rtattr* family) {
-                if (family->rta_type == AF_INET6) findInet6Settings(family, link);
-            });
-            break;
-        default: break;
-        }
-    });
-    if (!named) return;
-    if (stats != nullptr && RTA_PAYLOAD(stats) >= NV_LINUX_STATS64_MIN) {
-        nv_ifdata_t data{};
-        nv_linux_ifdata(RTA_DATA(stats), RTA_PAYLOAD(stats), link.mtu, link.type, &data);
-        link.data = data;
-    }
-    if (parent) collected.withParent.insert(link.index);
-    collected.result.links.push_back(link);
+    if (nv_linux_parse_link(message, &link.facts)) collected.result.links.push_back(link);
 }
 
+// Statistics go straight into the link they belong to.
 void addStats(const nlmsghdr* message, void* context) {
     const std::size_t header = NLMSG_ALIGN(sizeof(if_stats_msg));
     if (message->nlmsg_len < NLMSG_LENGTH(header)) return;
+    auto& collected = *static_cast<Collected*>(context);
     const auto* info = static_cast<const if_stats_msg*>(NLMSG_DATA(message));
-    StatsEntry entry;
-    entry.index = static_cast<int>(info->ifindex);
+    auto found = collected.byIndex.find(static_cast<int>(info->ifindex));
+    if (found == collected.byIndex.end()) {
+        collected.unmatched = true;
+        return;
+    }
+    collected.statsOrder.push_back(found->second);
+    nv_linux_link_t& link = collected.result.links[found->second].facts;
     const auto* first = reinterpret_cast<const rtattr*>(reinterpret_cast<const std::uint8_t*>(info) + header);
     forEachAttribute(first, static_cast<int>(message->nlmsg_len - NLMSG_LENGTH(header)), [&](const rtattr* a) {
-        if (a->rta_type != IFLA_STATS_LINK_64) return;
-        entry.length = std::min<std::size_t>(RTA_PAYLOAD(a), sizeof entry.bytes);
-        std::memcpy(entry.bytes, RTA_DATA(a), entry.length);
+        if (a->rta_type != IFLA_STATS_LINK_64 || RTA_PAYLOAD(a) < NV_LINUX_STATS64_MIN) return;
+        nv_linux_ifdata(RTA_DATA(a), RTA_PAYLOAD(a), link.mtu, link.type, &link.data);
+        link.has_data = 1;
     });
-    static_cast<Collected*>(context)->stats.push_back(entry);
 }
 
 void addAddress(const nlmsghdr* message, void* context) {
@@ -206,34 +153,22 @@ bool dump(int fd, std::uint16_t request, std::uint16_t reply, Header header, nv_
     return true;
 }
 
-// The links in statistics order with their statistics, when the IPv6 dump
-// had every one of them.
-bool joinStatistics(Collected& collected) {
-    std::unordered_map<int, std::size_t> byIndex(collected.result.links.size());
-    for (std::size_t i = 0; i < collected.result.links.size(); ++i) byIndex.emplace(collected.result.links[i].index, i);
-    std::vector<KernelLink> joined;
-    joined.reserve(collected.stats.size());
-    for (const StatsEntry& stats : collected.stats) {
-        auto found = byIndex.find(stats.index);
-        if (found == byIndex.end()) return false;
-        KernelLink link = collected.result.links[found->second];
-        if (stats.length >= NV_LINUX_STATS64_MIN) {
-            nv_ifdata_t data{};
-            nv_linux_ifdata(stats.bytes, stats.length, link.mtu, link.type, &data);
-            link.data = data;
-        }
-        joined.push_back(link);
+void indexLinks(Collected& collected) {
+    collected.byIndex.reserve(collected.result.links.size());
+    for (std::size_t i = 0; i < collected.result.links.size(); ++i) {
+        collected.byIndex.emplace(collected.result.links[i].facts.index, i);
     }
-    collected.result.links = std::move(joined);
-    return true;
+    collected.statsOrder.reserve(collected.result.links.size());
 }
 
-// Kernels from 5.19 on name a link's parent device in the full link dump.
-bool kernelNamesParents() {
-    utsname system{};
-    int major = 0, minor = 0;
-    if (::uname(&system) != 0 || std::sscanf(system.release, "%d.%d", &major, &minor) != 2) return false;
-    return major > 5 || (major == 5 && minor >= 19);
+// The links in statistics order, when the IPv6 dump had every one of them.
+bool inStatisticsOrder(Collected& collected) {
+    if (collected.unmatched) return false;
+    std::vector<KernelLink> ordered;
+    ordered.reserve(std::max(collected.statsOrder.size(), kExpectedLinks));
+    for (std::size_t place : collected.statsOrder) ordered.push_back(collected.result.links[place]);
+    collected.result.links = std::move(ordered);
+    return true;
 }
 
 std::unordered_set<std::string> directoryNames(const char* path) {
@@ -258,9 +193,10 @@ void markHardware(Collected& collected) {
         virtualOnes = directoryNames("/sys/devices/virtual/net");
     }
     for (KernelLink& link : collected.result.links) {
-        if (link.type == ARPHRD_LOOPBACK) continue;
-        link.hardware = collected.parentsNamed ? collected.withParent.contains(link.index)
-                                               : listed.contains(link.name) && !virtualOnes.contains(link.name);
+        const nv_linux_link_t& facts = link.facts;
+        if (facts.type == ARPHRD_LOOPBACK) continue;
+        link.hardware = collected.parentsNamed ? facts.names_parent != 0
+                                               : listed.contains(facts.name) && !virtualOnes.contains(facts.name);
     }
 }
 
@@ -276,14 +212,15 @@ std::optional<KernelLinks> readKernelLinks() {
         links.ifi_family = AF_INET6;
         if_stats_msg stats{};
         stats.filter_mask = IFLA_STATS_FILTER_BIT(IFLA_STATS_LINK_64);
-        bool compact = dump(fd.get(), RTM_GETLINK, RTM_NEWLINK, links, addLink, collected, changed) &&
-                       dump(fd.get(), RTM_GETSTATS, RTM_NEWSTATS, stats, addStats, collected, changed) &&
-                       joinStatistics(collected);
+        bool compact = dump(fd.get(), RTM_GETLINK, RTM_NEWLINK, links, addLink, collected, changed);
+        if (compact) indexLinks(collected);
+        compact = compact && dump(fd.get(), RTM_GETSTATS, RTM_NEWSTATS, stats, addStats, collected, changed) &&
+                  inStatisticsOrder(collected);
         if (!compact) {
             collected = Collected{};
             links.ifi_family = AF_UNSPEC;
             if (!dump(fd.get(), RTM_GETLINK, RTM_NEWLINK, links, addLink, collected, changed)) return std::nullopt;
-            collected.parentsNamed = kernelNamesParents();
+            collected.parentsNamed = nv_linux_kernel_names_parents() != 0;
         }
         if (!dump(fd.get(), RTM_GETADDR, RTM_NEWADDR, ifaddrmsg{}, addAddress, collected, changed)) {
             return std::nullopt;

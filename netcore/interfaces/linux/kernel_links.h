@@ -11,32 +11,18 @@
 #include <linux/if_link.h>
 #include <net/if.h>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
 
-#include "netcore/shim/nv_shim.h"
+#include "netcore/shim/linux/nv_linux.h"
 
 namespace netvane {
 
-// The link-layer address accessors read up to this many bytes behind
-// sll_addr's declared eight, as in the C library's entries.
-inline constexpr std::size_t kLinkAddressMax = 24;
-
 struct KernelLink {
-    int index = 0;
-    unsigned flags = 0;
-    unsigned short type = 0;
-    char name[IF_NAMESIZE] = {};
-    std::uint8_t address[kLinkAddressMax] = {};
-    std::size_t addressLength = 0;  // beyond kLinkAddressMax: none kept
-    std::uint32_t mtu = 0;
-    std::optional<nv_ifdata_t> data;  // line rate 0
-    // accept_ra, disable_ipv6, accept_dad, when the link has IPv6 settings.
-    std::optional<std::array<std::int32_t, 3>> inet6;
-    bool hardware = false;  // a device backs it
+    nv_linux_link_t facts{};  // data and IPv6 settings where the dumps had them
+    bool hardware = false;    // a device backs it
 };
 
 // One IPv4 or IPv6 address: local, peer (where it differs from local) and

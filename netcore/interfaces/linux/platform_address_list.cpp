@@ -37,11 +37,16 @@ std::size_t netmaskLength(const sockaddr* /*netmask*/, int family) {
 
 std::uint32_t interfaceFlagsFromEntry(unsigned int entryFlags) { return nv_linux_interface_flags(entryFlags); }
 
+// An IPv4 address may carry a label, which the C library (and our list, in
+// its order) gives as the entry's name: "eth0:1" for an alias of eth0. An
+// interface name never holds a colon, so what precedes it is the interface.
+std::string_view interfaceNameOf(std::string_view entryName) { return entryName.substr(0, entryName.find(':')); }
+
 namespace {
 
 struct LinkLevelAddress {
     sockaddr_ll ll;
-    std::uint8_t more[kLinkAddressMax - sizeof(sockaddr_ll::sll_addr)];
+    std::uint8_t more[NV_LINUX_LINK_ADDRESS_MAX - sizeof(sockaddr_ll::sll_addr)];
 };
 
 union SocketAddress {
@@ -64,15 +69,16 @@ struct Node {
 };
 static_assert(std::is_standard_layout_v<Node>);
 
-// The per-interface requests that remain: media and capabilities. The mask
-// size and the feature table are the kernel's, learnt once per reading.
+// The per-interface requests that remain: media (of interfaces a device
+// backs) and capabilities. The mask size and the feature table are the
+// kernel's, learnt once per reading.
 class EthtoolReader {
 public:
     explicit EthtoolReader(int sock) : sock_(sock) {}
 
-    void read(const char* name, KernelFacts& facts) {
+    void read(const char* name, bool hardware, KernelFacts& facts) {
         ethtool_link_settings settings{};
-        if (nv_linux_link_settings(sock_, name, &words_, &settings)) {
+        if (hardware && nv_linux_link_settings(sock_, name, &words_, &settings)) {
             if (facts.data) facts.data->baudrate = nv_linux_baudrate(&settings);
             nv_media_t media{};
             if (nv_linux_media(sock_, name, &settings, &media)) facts.media = media;
@@ -93,14 +99,15 @@ private:
 };
 
 KernelFacts factsOf(const KernelLink& link, EthtoolReader& ethtool) {
+    const nv_linux_link_t& kernel = link.facts;
     KernelFacts facts;
-    facts.data = link.data;
-    ethtool.read(link.name, facts);
-    if (link.inet6) {
-        const auto& [acceptRA, disabled, acceptDAD] = *link.inet6;
-        facts.nd6Flags = nv_linux_nd6_flags(acceptRA, disabled, acceptDAD, (link.flags & IFF_NOARP) != 0);
+    if (kernel.has_data) facts.data = kernel.data;
+    ethtool.read(kernel.name, link.hardware, facts);
+    if (kernel.has_inet6) {
+        facts.nd6Flags = nv_linux_nd6_flags(kernel.accept_ra, kernel.disable_ipv6, kernel.accept_dad,
+                                            (kernel.flags & IFF_NOARP) != 0);
     }
-    facts.functionalType = nv_linux_read_functional_type(link.name, link.type, link.hardware);
+    facts.functionalType = nv_linux_read_functional_type(kernel.name, kernel.type, link.hardware);
     return facts;
 }
 
@@ -136,12 +143,13 @@ struct AddressList::State {
     }
 
     void build(const KernelLinks& dump, int sock) {
-        std::unordered_map<int, const KernelLink*> byIndex(dump.links.size());
-        for (const KernelLink& link : dump.links) byIndex.emplace(link.index, &link);
+        std::unordered_map<int, const nv_linux_link_t*> byIndex(dump.links.size());
+        for (const KernelLink& link : dump.links) byIndex.emplace(link.facts.index, &link.facts);
         nodes.assign(dump.links.size() + dump.addresses.size(), Node{});
         std::size_t used = 0;
 
-        for (const KernelLink& link : dump.links) {
+        for (const KernelLink& kernelLink : dump.links) {
+            const nv_linux_link_t& link = kernelLink.facts;
             Node& node = nodes[used++];
             std::memcpy(node.name, link.name, sizeof node.name);
             node.entry.ifa_flags = link.flags;
@@ -149,10 +157,8 @@ struct AddressList::State {
             ll.sll_family = AF_PACKET;
             ll.sll_ifindex = link.index;
             ll.sll_hatype = link.type;
-            if (link.addressLength <= kLinkAddressMax) {
-                ll.sll_halen = static_cast<unsigned char>(link.addressLength);
-                std::memcpy(ll.sll_addr, link.address, link.addressLength);
-            }
+            ll.sll_halen = link.address_length;
+            std::memcpy(ll.sll_addr, link.address, link.address_length);
             node.entry.ifa_addr = &node.address.any;
         }
         for (const KernelAddress& address : dump.addresses) {

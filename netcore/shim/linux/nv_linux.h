@@ -84,6 +84,42 @@ int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* tab
  * asked only about hardware interfaces. */
 uint32_t nv_linux_read_functional_type(const char* ifname, uint32_t hardware_type, int hardware);
 
+/* The facts of one link message (RTM_NEWLINK), whether it answers a single
+ * request, comes from the full link dump or from the compact IPv6 one; one
+ * parser for all, so that every reading of a link agrees. */
+/* The C library's address-list entries leave room for this many address
+ * bytes behind sll_addr's declared eight. */
+#define NV_LINUX_LINK_ADDRESS_MAX 24
+typedef struct nv_linux_link {
+    int32_t index;
+    uint32_t flags;  /* the kernel's IFF_* layout */
+    uint16_t type;   /* ARPHRD_* */
+    char name[16];   /* terminated */
+    uint8_t address_length; /* 0: none, or longer than the field */
+    uint8_t address[NV_LINUX_LINK_ADDRESS_MAX];
+    uint32_t mtu;
+    int has_data;      /* counters from the 64-bit statistics; line rate 0 */
+    nv_ifdata_t data;
+    int names_parent;  /* the message names a parent device */
+    int has_inet6;     /* IPv6 settings (the IPv6 dump and full messages) */
+    int32_t accept_ra, disable_ipv6, accept_dad;
+} nv_linux_link_t;
+/* 0 for a message too short to be a link's, or without a name that fits. */
+int nv_linux_parse_link(const struct nlmsghdr* message, nv_linux_link_t* out);
+/* The link of that index, or (index 0) of that name, by a single request on
+ * a routing netlink socket of the call's own. */
+int nv_linux_request_link(unsigned int index, const char* ifname, nv_linux_link_t* out);
+/* Whether the kernel names a link's parent device in full link messages
+ * (from 5.19 on); where it does not, sysfs tells. */
+int nv_linux_kernel_names_parents(void);
+/* Whether a device backs a link read from a full link message. Only such
+ * links have a real medium: virtual drivers make up a speed (a veth or tun
+ * claims 10 Gb/s) or report none. */
+int nv_linux_link_has_device(const nv_linux_link_t* link);
+/* Whether sysfs lists a device behind the interface. IMPORTANT: sysfs shows
+ * the network namespace it was mounted in. */
+int nv_linux_sysfs_has_device(const char* ifname);
+
 /* A routing netlink socket (close-on-exec), or -1. */
 int nv_linux_netlink_socket(void);
 /* Sends a dump request on a netlink socket and hands every reply message of

@@ -76,8 +76,10 @@ int nv_linux_media(int sock, const char* ifname, const struct ethtool_link_setti
 
 int nv_get_media(int sock, const char* ifname, nv_media_t* out) {
     if (!ifname || !out) return 0;
+    nv_linux_link_t link;
     struct ethtool_link_settings settings;
-    return nv_linux_link_settings(sock, ifname, NULL, &settings) && nv_linux_media(sock, ifname, &settings, out);
+    return nv_linux_request_link(0, ifname, &link) && nv_linux_link_has_device(&link) &&
+           nv_linux_link_settings(sock, ifname, NULL, &settings) && nv_linux_media(sock, ifname, &settings, out);
 }
 
 /* The feature names come from a table of the kernel's own, the same for

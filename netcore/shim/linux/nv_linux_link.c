@@ -7,10 +7,6 @@
 #include "netcore/shim/linux/nv_linux.h"
 #include "netcore/shim/nv_shim.h"
 
-/* The C library's address-list entries leave room for this many address
- * bytes behind sll_addr's declared eight. */
-#define NV_LINK_ADDRESS_MAX 24
-
 static const struct sockaddr_ll* link_address(const struct sockaddr_dl* sdl) {
     const struct sockaddr_ll* sll = (const struct sockaddr_ll*)(const void*)sdl;
     if (!sll || sll->sll_family != AF_PACKET) return NULL;
@@ -19,16 +15,16 @@ static const struct sockaddr_ll* link_address(const struct sockaddr_dl* sdl) {
 
 int nv_sockaddr_dl_lladdr(const struct sockaddr_dl* sdl, uint8_t* out, size_t capacity) {
     const struct sockaddr_ll* sll = link_address(sdl);
-    if (!sll || !out || sll->sll_halen == 0 || sll->sll_halen > NV_LINK_ADDRESS_MAX || capacity < sll->sll_halen)
+    if (!sll || !out || sll->sll_halen == 0 || sll->sll_halen > NV_LINUX_LINK_ADDRESS_MAX || capacity < sll->sll_halen)
         return 0;
     memcpy(out, (const uint8_t*)sll + offsetof(struct sockaddr_ll, sll_addr), sll->sll_halen);
     return sll->sll_halen;
 }
 
-uint16_t nv_sockaddr_dl_index(const struct sockaddr_dl* sdl) {
+unsigned int nv_sockaddr_dl_index(const struct sockaddr_dl* sdl) {
     const struct sockaddr_ll* sll = link_address(sdl);
-    if (!sll || sll->sll_ifindex <= 0 || sll->sll_ifindex > 0xFFFF) return 0;
-    return (uint16_t)sll->sll_ifindex;
+    if (!sll || sll->sll_ifindex <= 0) return 0;
+    return (unsigned int)sll->sll_ifindex;
 }
 
 uint8_t nv_sockaddr_dl_type(const struct sockaddr_dl* sdl) {

@@ -1,19 +1,26 @@
-/* Counters and IPv6 address flags through single (non-dump) rtnetlink
- * requests, each on a socket of its own that lives only for the call; and
- * the dump loop of callers that read every interface at once. */
+/* The one parser of link messages; counters and IPv6 address flags through
+ * single (non-dump) rtnetlink requests, each on a socket of its own that
+ * lives only for the call; and the dump loop of callers that read every
+ * interface at once. */
 #include <errno.h>
-#include <linux/ethtool.h>
-#include <linux/if_addr.h>
-#include <linux/if_link.h>
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <netinet/in.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/utsname.h>
 #include <unistd.h>
+/* After the C library's address headers: the kernel's IPv6 header then
+ * leaves their definitions alone. */
+#include <linux/ethtool.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/ipv6.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 
 #include "netcore/shim/linux/nv_linux.h"
 #include "netcore/shim/nv_shim.h"
@@ -85,61 +92,136 @@ void nv_linux_ifdata(const void* stats, size_t length, uint32_t mtu, uint32_t ha
     out->type = nv_linux_iftype(hardware_type);
 }
 
-int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
-    if (!ifname || !out || ifindex == 0 || ifindex > (unsigned)INT32_MAX) return 0;
+static int copy_string(const struct rtattr* attribute, char name[16]) {
+    const char* text = RTA_DATA(attribute);
+    size_t length = strnlen(text, RTA_PAYLOAD(attribute));
+    if (length >= 16) return 0;
+    memcpy(name, text, length);
+    name[length] = '\0';
+    return 1;
+}
+
+static void read_inet6_settings(struct rtattr* inet6, nv_linux_link_t* link) {
+    int remaining = (int)RTA_PAYLOAD(inet6);
+    for (struct rtattr* a = RTA_DATA(inet6); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
+        if (a->rta_type != IFLA_INET6_CONF) continue;
+        const size_t count = RTA_PAYLOAD(a) / sizeof(int32_t);
+        if (count <= DEVCONF_ACCEPT_RA || count <= DEVCONF_DISABLE_IPV6 || count <= DEVCONF_ACCEPT_DAD) return;
+        const unsigned char* values = RTA_DATA(a);
+        memcpy(&link->accept_ra, values + DEVCONF_ACCEPT_RA * sizeof(int32_t), sizeof(int32_t));
+        memcpy(&link->disable_ipv6, values + DEVCONF_DISABLE_IPV6 * sizeof(int32_t), sizeof(int32_t));
+        memcpy(&link->accept_dad, values + DEVCONF_ACCEPT_DAD * sizeof(int32_t), sizeof(int32_t));
+        link->has_inet6 = 1;
+    }
+}
+
+/* The full message keeps the IPv6 settings among the per-family ones; the
+ * IPv6 dump's message keeps them as its protocol information. */
+int nv_linux_parse_link(const struct nlmsghdr* message, nv_linux_link_t* out) {
+    if (!message || !out || message->nlmsg_len < NLMSG_LENGTH(sizeof(struct ifinfomsg))) return 0;
+    struct ifinfomsg* info = NLMSG_DATA(message);
+    nv_linux_link_t link;
+    memset(&link, 0, sizeof link);
+    link.index = info->ifi_index;
+    link.flags = info->ifi_flags;
+    link.type = info->ifi_type;
+    int named = 0;
+    struct rtattr* stats = NULL;
+    int remaining = (int)IFLA_PAYLOAD(message);
+    for (struct rtattr* a = IFLA_RTA(info); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
+        switch (a->rta_type) {
+        case IFLA_IFNAME: named = copy_string(a, link.name); break;
+        case IFLA_ADDRESS:
+            if (RTA_PAYLOAD(a) <= sizeof link.address) {
+                link.address_length = (uint8_t)RTA_PAYLOAD(a);
+                memcpy(link.address, RTA_DATA(a), link.address_length);
+            }
+            break;
+        case IFLA_MTU:
+            if (RTA_PAYLOAD(a) >= sizeof link.mtu) memcpy(&link.mtu, RTA_DATA(a), sizeof link.mtu);
+            break;
+        case IFLA_STATS64: stats = a; break;
+        case IFLA_PARENT_DEV_NAME: link.names_parent = 1; break;
+        case IFLA_PROTINFO:
+            if (info->ifi_family == AF_INET6) read_inet6_settings(a, &link);
+            break;
+        case IFLA_AF_SPEC: {
+            int families = (int)RTA_PAYLOAD(a);
+            for (struct rtattr* f = RTA_DATA(a); RTA_OK(f, families); f = RTA_NEXT(f, families)) {
+                if (f->rta_type == AF_INET6) read_inet6_settings(f, &link);
+            }
+            break;
+        }
+        default: break;
+        }
+    }
+    if (!named) return 0;
+    /* The MTU may follow the statistics, so the data is made last. */
+    if (stats && RTA_PAYLOAD(stats) >= NV_LINUX_STATS64_MIN) {
+        nv_linux_ifdata(RTA_DATA(stats), RTA_PAYLOAD(stats), link.mtu, link.type, &link.data);
+        link.has_data = 1;
+    }
+    *out = link;
+    return 1;
+}
+
+int nv_linux_request_link(unsigned int index, const char* ifname, nv_linux_link_t* out) {
+    if (!out || index > (unsigned)INT32_MAX || (index == 0 && !ifname)) return 0;
     struct {
         struct nlmsghdr header;
         struct ifinfomsg info;
+        unsigned char attributes[RTA_SPACE(16)];
     } request;
     memset(&request, 0, sizeof request);
     start_request(&request.header, RTM_GETLINK, sizeof request.info);
     request.info.ifi_family = AF_UNSPEC;
-    request.info.ifi_index = (int)ifindex;
-
+    request.info.ifi_index = (int)index;
+    if (index == 0) {
+        char name[16];
+        nv_linux_copy_name(name, ifname);
+        put_attribute(&request.header, IFLA_IFNAME, name, strlen(name) + 1);
+    }
     unsigned char* buf = malloc(NV_NETLINK_REPLY_SIZE);
     if (!buf) return 0;
     int fd = nv_linux_netlink_socket();
     int length = netlink_exchange(fd, &request.header, RTM_NEWLINK, buf, NV_NETLINK_REPLY_SIZE);
-    int ok = 0;
-    if (length >= (int)NLMSG_LENGTH(sizeof(struct ifinfomsg))) {
-        struct nlmsghdr* reply = (struct nlmsghdr*)buf;
-        struct ifinfomsg* info = NLMSG_DATA(reply);
-        int remaining = (int)IFLA_PAYLOAD(reply);
-        const char* name = NULL;
-        size_t name_length = 0;
-        const unsigned char* stats = NULL;
-        size_t stats_length = 0;
-        uint32_t mtu = 0;
-        for (struct rtattr* a = IFLA_RTA(info); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
-            if (a->rta_type == IFLA_IFNAME) {
-                name = RTA_DATA(a);
-                name_length = RTA_PAYLOAD(a);
-            } else if (a->rta_type == IFLA_STATS64) {
-                stats = RTA_DATA(a);
-                stats_length = RTA_PAYLOAD(a);
-            } else if (a->rta_type == IFLA_MTU && RTA_PAYLOAD(a) >= sizeof mtu) {
-                memcpy(&mtu, RTA_DATA(a), sizeof mtu);
-            }
-        }
-        /* The index may have been handed to another interface since the
-         * caller read it; foreign counters would be worse than none. */
-        char expected[16], actual[16];
-        nv_linux_copy_name(expected, ifname);
-        memset(actual, 0, sizeof actual);
-        if (name) memcpy(actual, name, name_length < 15 ? name_length : 15);
-        if (name && stats_length >= NV_LINUX_STATS64_MIN && info->ifi_index == (int)ifindex && strncmp(expected, actual, 16) == 0) {
-            nv_ifdata_t data;
-            nv_linux_ifdata(stats, stats_length, mtu, info->ifi_type, &data);
-            /* Interface ioctls work on any socket, the netlink one too. */
-            struct ethtool_link_settings settings;
-            if (nv_linux_link_settings(fd, ifname, NULL, &settings)) data.baudrate = nv_linux_baudrate(&settings);
-            *out = data;
-            ok = 1;
-        }
-    }
     if (fd >= 0) close(fd);
+    int ok = length > 0 && nv_linux_parse_link((const struct nlmsghdr*)buf, out);
     free(buf);
     return ok;
+}
+
+int nv_linux_kernel_names_parents(void) {
+    struct utsname system;
+    int major = 0, minor = 0;
+    if (uname(&system) != 0 || sscanf(system.release, "%d.%d", &major, &minor) != 2) return 0;
+    return major > 5 || (major == 5 && minor >= 19);
+}
+
+int nv_linux_link_has_device(const nv_linux_link_t* link) {
+    if (link->type == ARPHRD_LOOPBACK) return 0;
+    return nv_linux_kernel_names_parents() ? link->names_parent : nv_linux_sysfs_has_device(link->name);
+}
+
+int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
+    if (!ifname || !out || ifindex == 0) return 0;
+    nv_linux_link_t link;
+    if (!nv_linux_request_link(ifindex, NULL, &link) || !link.has_data || link.index != (int32_t)ifindex) return 0;
+    /* The index may have been handed to another interface since the caller
+     * read it; foreign counters would be worse than none. */
+    char expected[16];
+    nv_linux_copy_name(expected, ifname);
+    if (strncmp(expected, link.name, 16) != 0) return 0;
+    nv_ifdata_t data = link.data;
+    if (nv_linux_link_has_device(&link)) {
+        /* Interface ioctls work on any socket, a netlink one too. */
+        int fd = nv_linux_netlink_socket();
+        struct ethtool_link_settings settings;
+        if (fd >= 0 && nv_linux_link_settings(fd, ifname, NULL, &settings)) data.baudrate = nv_linux_baudrate(&settings);
+        if (fd >= 0) close(fd);
+    }
+    *out = data;
+    return 1;
 }
 
 int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in6* addr, uint32_t* out) {

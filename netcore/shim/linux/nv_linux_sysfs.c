@@ -72,6 +72,14 @@ uint32_t nv_linux_read_functional_type(const char* ifname, uint32_t hardware_typ
     return nv_linux_functional_type(hardware_type, devtype, wireless, hardware);
 }
 
+int nv_linux_sysfs_has_device(const char* ifname) {
+    int dir = open_interface_dir("/sys/class/net", ifname);
+    if (dir < 0) return 0;
+    int found = faccessat(dir, "device", F_OK, 0) == 0;
+    close(dir);
+    return found;
+}
+
 int nv_get_functional_type(int sock, const char* ifname, uint32_t* out) {
     (void)sock;
     if (!ifname || !out) return 0;

@@ -79,6 +79,15 @@ TEST_F(HistoryStoreTest, SaveCreatesMissingDirectories) {
     EXPECT_EQ(store.load().size(), 1u);
 }
 
+TEST_F(HistoryStoreTest, FailedEncodingLeavesNoDirectoryBehind) {
+    HistoryStore store(path("a/b/history.plist"));
+    std::mt19937_64 rng(2);
+    // A key the binary format cannot carry.
+    auto status = store.save({{"en0", randomHistory(rng, 3)}, {"\xFF", randomHistory(rng, 3)}});
+    EXPECT_FALSE(status.ok());
+    EXPECT_FALSE(fs::exists(path("a")));
+}
+
 TEST_F(HistoryStoreTest, UnreadableFilesLoadEmptyAndAreReplacedBySave) {
     HistoryStore store(path("history.plist"));
     EXPECT_TRUE(store.load().empty());

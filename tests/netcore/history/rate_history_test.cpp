@@ -160,15 +160,15 @@ TEST(RateHistoryDeathTest, RecentSamplesRejectsProgrammingErrors) {
     EXPECT_DEATH((void)noTiers.recentSamples(1), "without tiers");
 }
 
-TEST(RateHistory, AggregateStitchesRawAndMinuteWithoutDoubleCounting) {
+TEST(RateHistory, AggregateReachesBackToTheCutoffWithoutDoubleCounting) {
     const double now = 36000;
     RateHistory history({120, 3600, 86400});
     for (double t = now - 3599; t <= now; t += 1) history.add(sampleAt(t, 1, 1, 2));
     history.prune(Date{now});
     ASSERT_EQ(history.tiers[0].buckets.size(), 120u);
 
-    // Raw data from the first minute boundary after its start (now-60 ...
-    // now), minute buckets below it back to the cutoff (now-300 ... now-61).
+    // The raw data cover only the last 120 s; the minute buckets reach back
+    // to the cutoff (now-300 ... now), the one at the cutoff included.
     RateAggregate aggregate = history.aggregate(300, Date{now});
     EXPECT_EQ(aggregate.bytesIn, 301u);
     EXPECT_EQ(aggregate.bytesOut, 602u);
@@ -236,51 +236,68 @@ struct OrdinalStream {
     }
 };
 
-TEST(RateHistory, AggregateCoversOneUnbrokenStretchWhileCoarseDataIsKept) {
-    std::mt19937_64 rng(3);
-    for (int historyRound = 0; historyRound < 40; ++historyRound) {
-        // Young histories (under an hour) included: their hour slot overlaps
-        // everything the finer tiers hold.
-        const double span = std::floor(std::uniform_real_distribution<double>(10, 5 * 3600)(rng));
-        const double rawKeep = std::uniform_real_distribution<double>(60, 3600)(rng);
-        OrdinalStream stream(std::floor(std::uniform_real_distribution<double>(0, 1e6)(rng)), span,
-                             {rawKeep, span + 3600, 365 * 86400});
-        for (int round = 0; round < 50; ++round) {
-            double period = std::uniform_real_distribution<double>(1, span + 8000)(rng);
-            if (round % 10 == 0) period = std::ceil(period / 60) * 60;
-            RateAggregate aggregate = stream.history.aggregate(period, Date{stream.now()});
-            const std::uint64_t count = aggregate.bytesIn;
-            ASSERT_GT(count, 0u);
-            ASSERT_EQ(aggregate.bytesOut, stream.newestSum(count))
-                << "span " << span << " raw " << rawKeep << " period " << period << ": double counting or a hole";
-            EXPECT_DOUBLE_EQ(aggregate.seconds, static_cast<double>(count));
-            const double start = stream.now() - static_cast<double>(count) + 1;
-            const double cutoff = std::max(stream.now() - period, stream.first);
-            EXPECT_GE(start, std::ceil(cutoff)) << "span " << span << " period " << period;
-            EXPECT_LE(start, cutoff + 3600) << "span " << span << " period " << period;
+// The finest tier whose data begin at or before `cutoff`: what the far end of
+// an aggregate may leave out is shorter than one of its slots.
+double slotHoldingTheCutoff(const RateHistory& history, double cutoff) {
+    for (const Tier& tier : history.tiers) {
+        if (!tier.buckets.empty() && tier.buckets.front().start.secondsSinceReference <= cutoff) {
+            return tier.granularity;
         }
     }
+    return -1;  // none: all of the stored data lie inside the period
 }
 
-TEST(RateHistory, AggregateNeverCountsASampleTwice) {
-    // With minute data pruned, holes are unavoidable; counting twice is not.
-    // A set of n distinct samples cannot sum to more than the newest n.
-    std::mt19937_64 rng(4);
-    for (int historyRound = 0; historyRound < 40; ++historyRound) {
+// Whatever the tiers have kept, the aggregate is the newest samples, each once,
+// back to a start that falls short of the cutoff by less than one slot of the
+// finest tier still holding it (by nothing where the raw tier holds it).
+TEST(RateHistory, AggregateCountsOneUnbrokenStretchBackToTheCutoff) {
+    std::mt19937_64 rng(3);
+    for (int historyRound = 0; historyRound < 60; ++historyRound) {
+        // Young histories (under an hour) included: their hour slot overlaps
+        // everything the finer tiers hold.
         const double span = std::floor(std::uniform_real_distribution<double>(10, 6 * 3600)(rng));
         const double rawKeep = std::uniform_real_distribution<double>(60, 3600)(rng);
-        const double minuteKeep = std::uniform_real_distribution<double>(rawKeep, 3 * 3600)(rng);
+        // Minute data pruned inside the hour that holds the raw data, or kept
+        // longer than the history.
+        const double minuteKeep = historyRound % 3 == 0 ? span + 3600
+                                                        : std::uniform_real_distribution<double>(rawKeep, 3 * 3600)(rng);
         OrdinalStream stream(std::floor(std::uniform_real_distribution<double>(0, 1e6)(rng)), span,
                              {rawKeep, minuteKeep, 365 * 86400});
         for (int round = 0; round < 50; ++round) {
             double period = std::uniform_real_distribution<double>(1, span + 8000)(rng);
+            if (round % 10 == 0) period = std::ceil(period / 60) * 60;
+            const double cutoff = stream.now() - period;
             RateAggregate aggregate = stream.history.aggregate(period, Date{stream.now()});
             const std::uint64_t count = aggregate.bytesIn;
-            ASSERT_LE(count, static_cast<std::uint64_t>(std::min(period, span + 1)) + 1);
-            ASSERT_LE(aggregate.bytesOut, stream.newestSum(count))
-                << "span " << span << " raw " << rawKeep << " minute " << minuteKeep << " period " << period;
+            SCOPED_TRACE(::testing::Message() << "span " << span << " raw " << rawKeep << " minute " << minuteKeep
+                                              << " period " << period);
+            ASSERT_GT(count, 0u);
+            ASSERT_EQ(aggregate.bytesOut, stream.newestSum(count)) << "double counting or a hole";
+            EXPECT_DOUBLE_EQ(aggregate.seconds, static_cast<double>(count));
+
+            const double start = stream.now() - static_cast<double>(count) + 1;
+            EXPECT_GE(start, std::ceil(cutoff)) << "a sample before the period";
+            const double slot = slotHoldingTheCutoff(stream.history, cutoff);
+            if (slot < 0) {
+                EXPECT_EQ(start, stream.first) << "stored samples left out";
+            } else if (slot == 0) {
+                EXPECT_EQ(start, std::floor(cutoff) + 1) << "the raw tier left a sample out";
+            } else {
+                EXPECT_LT(start, cutoff + slot) << "more left out than one slot";
+            }
         }
     }
+}
+
+TEST(RateHistory, PrunedMinuteDataInsideTheHandOverHourLeaveNoGap) {
+    // Raw data for the last 2 minutes, minute data for the last 10, and the
+    // reading half an hour into an hour: the minute tier begins 20 minutes
+    // into that hour, whose slot also holds everything the finer tiers do.
+    OrdinalStream stream(100 * 3600, 9000, {120, 600, 365 * 86400});
+    ASSERT_EQ(std::fmod(stream.now(), 3600), 1800);
+    RateAggregate day = stream.history.aggregate(86400, Date{stream.now()});
+    EXPECT_EQ(day.bytesIn, 9001u);
+    EXPECT_EQ(day.bytesOut, stream.newestSum(9001));
 }
 
 TEST(RateHistory, YoungHistoryIsNotCountedTwiceOverALongPeriod) {

@@ -41,6 +41,28 @@ TEST(BitNamesDeathTest, NegativeOrOversizedBitNumberStopsTheProgram) {
     EXPECT_TRUE(largestAllowed.names(0xFFFFFFFF).empty());
 }
 
+TEST(BitNames, EqualTablesAreEqualAndHashAlike) {
+    std::hash<BitNames> hash;
+    const BitNames copy = BitNames::interfaceFlags();
+    EXPECT_EQ(copy, BitNames::interfaceFlags());
+    EXPECT_EQ(hash(copy), hash(BitNames::interfaceFlags()));
+    EXPECT_NE(BitNames::interfaceFlags(), BitNames::capabilities());
+
+    // Each difference a table can have: a bit number, a name, the order, the length.
+    const BitNames base{{{0, "a"}, {1, "b"}}};
+    const std::vector<BitNames> others = {
+        BitNames{{{0, "a"}, {2, "b"}}},
+        BitNames{{{0, "a"}, {1, "c"}}},
+        BitNames{{{1, "b"}, {0, "a"}}},
+        BitNames{{{0, "a"}}},
+        BitNames{{{0, "ab"}}},
+    };
+    for (const BitNames& other : others) {
+        EXPECT_NE(other, base);
+        EXPECT_NE(hash(other), hash(base));
+    }
+}
+
 TEST(IPv6AddressFlags, NamesInDeliberateOrder) {
     IPv6Address address{"fe80::1", 64, 4, 0x202};
     EXPECT_EQ(address.flagNames(), (Names{"tentative", "optimistic"}));

@@ -211,8 +211,32 @@ TEST(DecodeCString, StopsAtZeroAndRepairsInvalidUtf8) {
     EXPECT_EQ(decodeCString(invalid), "a\xEF\xBF\xBD(\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xC3\xA9");
     const char overlong[] = {'\xC0', '\xAF'};
     EXPECT_EQ(decodeCString(overlong), "\xEF\xBF\xBD\xEF\xBF\xBD");
-    const char truncated[] = {'\xF0', '\x9F', '\x98'};
-    EXPECT_EQ(decodeCString(truncated), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
+}
+
+// One replacement per maximal ill-formed subpart: the longest start of a
+// valid sequence, or a single byte that starts none.
+TEST(DecodeCString, ReplacesEachInvalidSequenceOnce) {
+    const std::string fffd = "\xEF\xBF\xBD";
+    struct Case {
+        std::string bytes;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"\xF0\x9F\x98", fffd},                       // a four-byte sequence cut short
+        {"\xF0\x9F\x98x", fffd + "x"},                // ... followed by text
+        {"\xE2\x82" "\xE2\x82\xAC", fffd + "\xE2\x82\xAC"},  // cut short, then a whole euro sign
+        {"\xE0\x80\x80", fffd + fffd + fffd},        // overlong: E0 needs A0..BF next
+        {"\xED\xA0\x80", fffd + fffd + fffd},        // surrogate: ED needs 80..9F next
+        {"\xF4\x90\x80\x80", fffd + fffd + fffd + fffd},  // beyond U+10FFFF
+        {"\xF5\x80", fffd + fffd},                    // never a lead byte
+        {"\x80\x80", fffd + fffd},                    // lone continuation bytes
+        {"\xF4\x8F\xBF", fffd},                      // the start of U+10FFFF, cut short
+        {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},       // U+10FFFF itself
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(decodeCString(std::span<const char>(c.bytes.data(), c.bytes.size())), c.expected)
+            << testing::PrintToString(c.bytes);
+    }
 }
 
 TEST(MediaWord, TextOfOneWord) {

@@ -1,17 +1,22 @@
 // The Linux shim's translations, and the contract's guarantees that need no
 // particular interface (every network namespace has "lo" at index 1).
-#include <linux/ethtool.h>
-#include <linux/if_addr.h>
-#include <linux/if_packet.h>
-#include <linux/net_tstamp.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+
+#include <linux/ethtool.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/if_packet.h>
+#include <linux/ipv6.h>
+#include <linux/net_tstamp.h>
+#include <linux/rtnetlink.h>
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "netcore/shim/linux/nv_linux.h"
 #include "netcore/shim/nv_shim.h"
@@ -103,15 +108,126 @@ TEST(LinuxLinkAddress, AccessorsOverThePacketAddress) {
     EXPECT_EQ(out[0], 0xAA);
     ASSERT_EQ(nv_sockaddr_dl_lladdr(link, out, sizeof out), 6);
     EXPECT_EQ(std::memcmp(out, mac, 6), 0);
-    EXPECT_EQ(nv_sockaddr_dl_index(link), 7);
+    EXPECT_EQ(nv_sockaddr_dl_index(link), 7u);
     EXPECT_EQ(nv_sockaddr_dl_type(link), 6);
+    address.sll_ifindex = 70000;  // beyond 16 bits
+    EXPECT_EQ(nv_sockaddr_dl_index(link), 70000u);
 
     address.sll_halen = 0;
     EXPECT_EQ(nv_sockaddr_dl_lladdr(link, out, sizeof out), 0);
     address.sll_family = AF_INET;
-    EXPECT_EQ(nv_sockaddr_dl_index(link), 0);
+    EXPECT_EQ(nv_sockaddr_dl_index(link), 0u);
     EXPECT_EQ(nv_sockaddr_dl_type(link), 0);
-    EXPECT_EQ(nv_sockaddr_dl_index(nullptr), 0);
+    EXPECT_EQ(nv_sockaddr_dl_index(nullptr), 0u);
+}
+
+// Builds link messages attribute by attribute, as the kernel lays them out.
+class LinkMessage {
+public:
+    LinkMessage() : bytes_(NLMSG_LENGTH(sizeof(ifinfomsg))) {
+        ifinfomsg info{};
+        info.ifi_index = 70000;
+        info.ifi_type = 1;
+        info.ifi_flags = IFF_UP;
+        std::memcpy(bytes_.data() + NLMSG_HDRLEN, &info, sizeof info);
+    }
+    LinkMessage& add(unsigned short type, const void* data, std::size_t length) {
+        const std::size_t at = NLMSG_ALIGN(bytes_.size());
+        bytes_.resize(at + RTA_SPACE(length));
+        rtattr attribute{static_cast<unsigned short>(RTA_LENGTH(length)), type};
+        std::memcpy(bytes_.data() + at, &attribute, sizeof attribute);
+        std::memcpy(bytes_.data() + at + RTA_LENGTH(0), data, length);
+        return *this;
+    }
+    LinkMessage& add(unsigned short type, const std::vector<std::uint8_t>& data) {
+        return add(type, data.data(), data.size());
+    }
+    const nlmsghdr* message() {
+        nlmsghdr header{};
+        header.nlmsg_len = static_cast<std::uint32_t>(bytes_.size());
+        header.nlmsg_type = RTM_NEWLINK;
+        std::memcpy(bytes_.data(), &header, sizeof header);
+        return reinterpret_cast<const nlmsghdr*>(bytes_.data());
+    }
+    std::vector<std::uint8_t> attribute(unsigned short type, const void* data, std::size_t length) const {
+        LinkMessage inner;
+        inner.bytes_.clear();
+        inner.add(type, data, length);
+        return inner.bytes_;
+    }
+
+private:
+    std::vector<std::uint8_t> bytes_;
+};
+
+TEST(LinuxLinkMessage, OneParserReadsEveryFactOfALink) {
+    rtnl_link_stats64 stats{};
+    stats.rx_bytes = 1000;
+    stats.tx_bytes = 2000;
+    stats.multicast = 7;
+    const std::uint32_t mtu = 9000;
+    const std::uint8_t mac[6] = {2, 0, 0, 0, 0, 9};
+    std::vector<std::int32_t> settings(DEVCONF_ACCEPT_DAD + 1, 0);
+    settings[DEVCONF_ACCEPT_RA] = 2;
+    settings[DEVCONF_DISABLE_IPV6] = 1;
+    settings[DEVCONF_ACCEPT_DAD] = 1;
+    LinkMessage build;
+    const auto conf = build.attribute(IFLA_INET6_CONF, settings.data(), settings.size() * sizeof(std::int32_t));
+    const auto inet6 = build.attribute(AF_INET6, conf.data(), conf.size());
+    // The statistics come before the MTU, as the kernel sends them.
+    build.add(IFLA_IFNAME, "nvx", 4)
+        .add(IFLA_ADDRESS, mac, sizeof mac)
+        .add(IFLA_STATS64, &stats, sizeof stats)
+        .add(IFLA_MTU, &mtu, sizeof mtu)
+        .add(IFLA_PARENT_DEV_NAME, "0000:00:03.0", 13)
+        .add(IFLA_AF_SPEC, inet6);
+
+    nv_linux_link_t link;
+    ASSERT_EQ(nv_linux_parse_link(build.message(), &link), 1);
+    EXPECT_EQ(link.index, 70000);
+    EXPECT_STREQ(link.name, "nvx");
+    ASSERT_EQ(link.address_length, 6);
+    EXPECT_EQ(std::memcmp(link.address, mac, 6), 0);
+    EXPECT_EQ(link.mtu, 9000u);
+    ASSERT_TRUE(link.has_data);
+    EXPECT_EQ(link.data.ibytes, 1000u);
+    EXPECT_EQ(link.data.obytes, 2000u);
+    EXPECT_EQ(link.data.imcasts, 7u);
+    EXPECT_EQ(link.data.mtu, 9000u) << "the MTU that followed the statistics";
+    EXPECT_EQ(link.data.type, 6);
+    EXPECT_EQ(link.data.baudrate, 0u);
+    EXPECT_TRUE(link.names_parent);
+    ASSERT_TRUE(link.has_inet6);
+    EXPECT_EQ(link.accept_ra, 2);
+    EXPECT_EQ(link.disable_ipv6, 1);
+    EXPECT_EQ(link.accept_dad, 1);
+}
+
+TEST(LinuxLinkMessage, WhatDoesNotFitIsLeftOutOrRefused) {
+    std::uint8_t longAddress[32] = {};
+    std::uint8_t shortStats[NV_LINUX_STATS64_MIN - 8] = {};
+    LinkMessage partial;
+    partial.add(IFLA_IFNAME, "nvy", 4)
+        .add(IFLA_ADDRESS, longAddress, sizeof longAddress)
+        .add(IFLA_STATS64, shortStats, sizeof shortStats);
+    nv_linux_link_t link;
+    ASSERT_EQ(nv_linux_parse_link(partial.message(), &link), 1);
+    EXPECT_EQ(link.address_length, 0) << "an address longer than the field is none";
+    EXPECT_FALSE(link.has_data) << "statistics too short to hold the counters";
+    EXPECT_FALSE(link.has_inet6);
+    EXPECT_FALSE(link.names_parent);
+
+    nv_linux_link_t untouched;
+    std::memset(&untouched, 0x5A, sizeof untouched);
+    LinkMessage tooLong;
+    tooLong.add(IFLA_IFNAME, "sixteencharacter", 17);
+    EXPECT_EQ(nv_linux_parse_link(tooLong.message(), &untouched), 0);
+    LinkMessage unnamed;
+    EXPECT_EQ(nv_linux_parse_link(unnamed.message(), &untouched), 0);
+    nlmsghdr bare{};
+    bare.nlmsg_len = NLMSG_LENGTH(0);
+    EXPECT_EQ(nv_linux_parse_link(&bare, &untouched), 0);
+    EXPECT_EQ(untouched.index, 0x5A5A5A5A);
 }
 
 TEST(LinuxRequests, NamesAreTruncatedNeverOverflowed) {

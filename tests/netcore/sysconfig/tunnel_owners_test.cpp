@@ -9,6 +9,7 @@
 #include <cstring>
 #include <thread>
 #include <map>
+#include <unordered_set>
 #include <vector>
 
 #include "../../temporary_directory.h"
@@ -114,6 +115,19 @@ TEST(TunnelOwnerCoding, KeysInOrderAndUnknownKeysIgnored) {
     ASSERT_TRUE(TunnelOwner::decode(extra));
     EXPECT_FALSE(TunnelOwner::decode(plist::Dictionary{{"pid", 1}, {"name", "x"}}));
     EXPECT_FALSE(TunnelOwner::decode(plist::Dictionary{{"pid", 1ll << 40}, {"name", "x"}, {"path", "y"}}));
+}
+
+TEST(TunnelOwner, EveryFieldTakesPartInTheHash) {
+    std::hash<TunnelOwner> hash;
+    const TunnelOwner owner{42, "Client", "/opt/client"};
+    EXPECT_EQ(hash(owner), hash(TunnelOwner{42, "Client", "/opt/client"}));
+    EXPECT_NE(hash(owner), hash(TunnelOwner{43, "Client", "/opt/client"}));
+    EXPECT_NE(hash(owner), hash(TunnelOwner{42, "client", "/opt/client"}));
+    EXPECT_NE(hash(owner), hash(TunnelOwner{42, "Client", "/opt/Client"}));
+    // The same texts in the other fields are another owner.
+    EXPECT_NE(hash(TunnelOwner{1, "a", "b"}), hash(TunnelOwner{1, "b", "a"}));
+    std::unordered_set<TunnelOwner> set{owner, owner};
+    EXPECT_EQ(set.size(), 1u);
 }
 
 TEST(SystemBundleInformation, ReadsTheBundlesInfoPlist) {

@@ -20,7 +20,8 @@ const Command command{
     "plist",
     "  netvane plist show FILE [--xml | --json]\n"
     "      Print a binary or XML property list as XML (default) or JSON\n"
-    "      (data as Base64 text, dates as ISO 8601 UTC).\n"
+    "      (data as Base64 text, dates as ISO 8601 UTC, the UIDs of keyed\n"
+    "      archives as {\"CF$UID\": n}).\n"
     "  netvane plist convert FILE --to binary|xml [-o OUT]\n"
     "      Rewrite a property list in the other format (to stdout without -o).",
     "show or convert property-list files",
@@ -30,7 +31,8 @@ const Command command{
 Result<plist::Value> load(std::string_view path) {
     auto bytes = readFile(std::string(path), kMaxInputBytes);
     if (!bytes) return bytes.error();
-    auto value = plist::decode(*bytes);
+    // Keyed archives are property lists too; their UIDs are shown, not refused.
+    auto value = plist::decode(*bytes, plist::UIDs::read);
     if (!value) return Error{value.error().domain, value.error().code, std::string(path) + ": " + value.error().message};
     return value;
 }
