@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libssl-dev libsystemd-dev
   iproute2 dbus polkitd pkexec curl
+  systemd man-db dpkg-dev init-system-helpers  # unit checks, manual pages, the Debian packages
 )
 
 missing=()
