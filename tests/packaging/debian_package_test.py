@@ -20,19 +20,13 @@ import unittest
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "integration/daemon_e2e"))
+sys.path[:0] = [str(HERE), str(HERE.parent / "integration/daemon_e2e")]
 from environment import SKIP, Skip, reexec_in_private_mount_namespace  # noqa: E402
+from packaging_support import ThrowawayRoot, build_packages, remove_unmounted, run  # noqa: E402
 
 BUILD = Path(sys.argv[1]) if len(sys.argv) == 2 else None
 SOCKETS = ("netvane-admind-app.socket", "netvane-admind-control.socket")
 STATE = "var/lib/netvane-admin"
-
-
-def run(command, check=True, **options):
-    result = subprocess.run([str(part) for part in command], capture_output=True, text=True, timeout=300, **options)
-    if check and result.returncode != 0:
-        raise AssertionError(f"{' '.join(map(str, command))} failed ({result.returncode}):\n{result.stdout}{result.stderr}")
-    return result
 
 
 def field(deb, name):
@@ -46,20 +40,11 @@ DEBS = {}
 def setUpModule():
     global WORK
     WORK = Path(tempfile.mkdtemp(prefix="netvane-deb-"))
-    run(["cpack", "-G", "DEB", "-B", WORK / "out", "--config", BUILD / "CPackConfig.cmake"])
-    DEBS.update({path.name.split("_")[0]: path for path in (WORK / "out").glob("*.deb")})
-
-
-def mounts_under(directory):
-    with open("/proc/self/mounts") as mounts:
-        return [line.split()[1] for line in mounts if line.split()[1].startswith(f"{directory}/")]
+    DEBS.update(build_packages(BUILD, WORK / "out"))
 
 
 def tearDownModule():
-    # IMPORTANT: never delete through a mount: the throwaway root binds /dev.
-    if mounts_under(WORK):
-        raise RuntimeError(f"still mounted, not removing {WORK}: {mounts_under(WORK)}")
-    shutil.rmtree(WORK, ignore_errors=True)
+    remove_unmounted(WORK)
 
 
 class Packages(unittest.TestCase):
@@ -102,41 +87,6 @@ class Packages(unittest.TestCase):
         self.assertIn("/usr/share/polkit-1/actions/com.tarnwick.Netvane.admin.policy", runtime)
         self.assertFalse([path for path in runtime if path.startswith("/usr/include")])
         self.assertTrue([path for path in self.contents(self.development) if path.endswith("/libnetcore.a")])
-
-
-class ThrowawayRoot:
-    """The machine's root under a tmpfs overlay, with /dev, /proc and an empty /run."""
-
-    def __init__(self, work):
-        self.layers = work / "layers"
-        self.root = work / "root"
-        for directory in (self.layers, self.root):
-            directory.mkdir()
-        run(["mount", "-t", "tmpfs", "tmpfs", self.layers])
-        for layer in ("upper", "work"):
-            (self.layers / layer).mkdir()
-        run(["mount", "-t", "overlay", "overlay", "-o",
-             f"lowerdir=/,upperdir={self.layers}/upper,workdir={self.layers}/work", self.root])
-        run(["mount", "--rbind", "/dev", self.root / "dev"])
-        run(["mount", "-t", "proc", "proc", self.root / "proc"])
-        for empty in ("run", "tmp"):
-            run(["mount", "-t", "tmpfs", "tmpfs", self.root / empty])
-
-    def close(self):
-        run(["umount", "--recursive", "--lazy", self.root])
-        run(["umount", "--lazy", self.layers])
-
-    def path(self, relative):
-        return self.root / relative
-
-    def chroot(self, *command, check=True):
-        return run(["chroot", self.root, *command], check=check,
-                   env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C", "DEBIAN_FRONTEND": "noninteractive"})
-
-    def changed(self):
-        """Every path the packages' life left behind in the overlay."""
-        upper = self.layers / "upper"
-        return sorted(path.relative_to(upper).as_posix() for path in upper.rglob("*"))
 
 
 @unittest.skipUnless(os.geteuid() == 0, "needs root: a mount namespace and dpkg in a throwaway root")
