@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 
-#include "admin_protocol/admin_constants.h"
 #include "admin_protocol/admin_protocols.h"
 
 namespace netvane {
@@ -19,6 +18,29 @@ const MethodDescription& method(const ProtocolDescription& protocol, std::string
 }
 
 const plist::Value* valueIn(const ReplySlot& slot) { return std::get_if<plist::Value>(&slot); }
+
+Error badReply() { return Error{ipc::kIpcErrorDomain, ipc::kBadReply, "the daemon's reply has the wrong shape"}; }
+
+bool slotMatches(WireType type, const ReplySlot& slot) {
+    if (type == WireType::optionalError) {
+        return std::holds_alternative<std::monostate>(slot) || std::holds_alternative<Error>(slot);
+    }
+    return !std::holds_alternative<Error>(slot) && acceptsValue(type, valueIn(slot));
+}
+
+// Every reply is checked against the protocol here, whatever the transport,
+// before its values are read.
+Result<std::vector<ReplySlot>> call(AdminChannel& channel, const ProtocolDescription& protocol,
+                                    std::string_view selector, std::vector<Argument> args) {
+    const MethodDescription& described = method(protocol, selector);
+    auto reply = channel.call(described, std::move(args));
+    if (!reply) return reply.error();
+    if (reply->size() != described.reply.size()) return badReply();
+    for (std::size_t i = 0; i < reply->size(); ++i) {
+        if (!slotMatches(described.reply[i], (*reply)[i])) return badReply();
+    }
+    return reply;
+}
 
 // Replies of the form (error or nil).
 Status errorReply(Result<std::vector<ReplySlot>> reply) {
@@ -40,82 +62,62 @@ Argument bytes(std::span<const std::uint8_t> data) { return plist::Value(plist::
 
 }  // namespace
 
-std::string appServiceSocketPath(const std::string& runtimeDirectory) {
-    return runtimeDirectory + "/" + AdminConstants::appServiceName();
-}
-
-std::string controlServiceSocketPath(const std::string& runtimeDirectory) {
-    return runtimeDirectory + "/" + AdminConstants::controlServiceName();
-}
-
-Result<AdminAppClient> AdminAppClient::connect(const std::string& runtimeDirectory) {
-    auto client = ipc::Client::connect(appServiceSocketPath(runtimeDirectory));
-    if (!client) return client.error();
-    return AdminAppClient(std::move(*client));
-}
-
 Result<plist::Dictionary> AdminAppClient::status(const std::optional<std::string>& token) {
     Argument argument = token ? Argument(plist::Value(*token)) : std::nullopt;
-    auto reply = client_.call(method(AdminAppProtocol, "statusWithToken:reply:"), {argument});
+    auto reply = call(*channel_, AdminAppProtocol, "statusWithToken:reply:", {argument});
     if (!reply) return reply.error();
     return *valueIn((*reply)[0])->dictionary();
 }
 
 Result<std::string> AdminAppClient::beginPairing() {
-    return stringReply(client_.call(method(AdminAppProtocol, "beginPairingWithReply:"), {}));
+    return stringReply(call(*channel_, AdminAppProtocol, "beginPairingWithReply:", {}));
 }
 
 Result<std::string> AdminAppClient::awaitPairing(const std::string& requestID) {
-    return stringReply(client_.call(method(AdminAppProtocol, "awaitPairingWithRequestID:reply:"),
-                                    {plist::Value(requestID)}));
+    return stringReply(
+        call(*channel_, AdminAppProtocol, "awaitPairingWithRequestID:reply:", {plist::Value(requestID)}));
 }
 
 Status AdminAppClient::setServiceEnabled(const std::string& serviceID, bool enabled, const std::string& token) {
-    return errorReply(client_.call(method(AdminAppProtocol, "setServiceEnabledWithServiceID:enabled:token:reply:"),
-                                   {plist::Value(serviceID), plist::Value(enabled), plist::Value(token)}));
+    return errorReply(call(*channel_, AdminAppProtocol, "setServiceEnabledWithServiceID:enabled:token:reply:",
+                           {plist::Value(serviceID), plist::Value(enabled), plist::Value(token)}));
 }
 
 Status AdminAppClient::unpair(const std::string& token) {
-    return errorReply(client_.call(method(AdminAppProtocol, "unpairWithToken:reply:"), {plist::Value(token)}));
+    return errorReply(call(*channel_, AdminAppProtocol, "unpairWithToken:reply:", {plist::Value(token)}));
 }
 
 Result<plist::Array> AdminAppClient::tunnelOwners() {
-    auto reply = client_.call(method(AdminAppProtocol, "tunnelOwnersWithReply:"), {});
+    auto reply = call(*channel_, AdminAppProtocol, "tunnelOwnersWithReply:", {});
     if (!reply) return reply.error();
     return *valueIn((*reply)[0])->array();
 }
 
-Result<AdminControlClient> AdminControlClient::connect(const std::string& runtimeDirectory) {
-    auto client = ipc::Client::connect(controlServiceSocketPath(runtimeDirectory));
-    if (!client) return client.error();
-    return AdminControlClient(std::move(*client));
-}
-
 Result<plist::Dictionary> AdminControlClient::status() {
-    auto reply = client_.call(method(AdminControlProtocol, "statusWithReply:"), {});
+    auto reply = call(*channel_, AdminControlProtocol, "statusWithReply:", {});
     if (!reply) return reply.error();
     return *valueIn((*reply)[0])->dictionary();
 }
 
 Result<plist::Array> AdminControlClient::pendingPairings() {
-    auto reply = client_.call(method(AdminControlProtocol, "pendingPairingsWithReply:"), {});
+    auto reply = call(*channel_, AdminControlProtocol, "pendingPairingsWithReply:", {});
     if (!reply) return reply.error();
     return *valueIn((*reply)[0])->array();
 }
 
 Status AdminControlClient::approvePairing(const std::string& requestID, std::span<const std::uint8_t> authorization) {
-    return errorReply(client_.call(method(AdminControlProtocol, "approvePairingWithRequestID:authorization:reply:"),
-                                   {plist::Value(requestID), bytes(authorization)}));
+    return errorReply(call(*channel_, AdminControlProtocol, "approvePairingWithRequestID:authorization:reply:",
+                           {plist::Value(requestID), bytes(authorization)}));
 }
 
 Status AdminControlClient::denyPairing(const std::string& requestID) {
     return errorReply(
-        client_.call(method(AdminControlProtocol, "denyPairingWithRequestID:reply:"), {plist::Value(requestID)}));
+        call(*channel_, AdminControlProtocol, "denyPairingWithRequestID:reply:", {plist::Value(requestID)}));
 }
 
 Status AdminControlClient::unpairAll(std::span<const std::uint8_t> authorization) {
     return errorReply(
-        client_.call(method(AdminControlProtocol, "unpairAllWithAuthorization:reply:"), {bytes(authorization)}));
+        call(*channel_, AdminControlProtocol, "unpairAllWithAuthorization:reply:", {bytes(authorization)}));
 }
 
 }  // namespace netvane

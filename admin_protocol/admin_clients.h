@@ -1,27 +1,41 @@
-// Client proxies for the daemon's two services, one method per selector.
-// Each call blocks until its reply arrives. Errors the daemon sends come back
-// as they crossed the wire (domain, code, description); transport failures
-// are in ipc::kIpcErrorDomain (kUnreachable when no daemon listens).
+// Client proxies for the daemon's two services, one method per selector,
+// over a channel of this platform's transport (linux/socket_channel.h,
+// darwin/xpc_channel.h). Each call blocks until its reply arrives; a reply
+// whose shape differs from the protocol's is refused (ipc::kBadReply).
+// Errors the daemon sends come back as they crossed the wire (domain, code,
+// description); transport failures are in ipc::kIpcErrorDomain
+// (kUnreachable when no daemon answers).
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
-#include "support/ipc/client.h"
+#include "support/ipc/client.h"  // the transport error codes every transport reports in
+#include "support/ipc/frame.h"
+#include "support/ipc/protocol_description.h"
 #include "support/plist/value.h"
+#include "support/result.h"
 
 namespace netvane {
 
-// The daemon's runtime directory on Linux, holding one socket per service.
-inline constexpr const char* kDefaultRuntimeDirectory = "/run/netvane-admin";
-
-// "<runtimeDirectory>/<service name>".
-std::string appServiceSocketPath(const std::string& runtimeDirectory);
-std::string controlServiceSocketPath(const std::string& runtimeDirectory);
+// One connection to one of the daemon's services. Calls from several threads
+// take turns.
+class AdminChannel {
+public:
+    virtual ~AdminChannel() = default;
+    // Sends one call whose arguments follow `method` and blocks until its
+    // reply comes or the connection ends.
+    virtual Result<std::vector<ipc::ReplySlot>> call(const MethodDescription& method,
+                                                     std::vector<ipc::Argument> args) = 0;
+};
 
 class AdminAppClient {
 public:
-    static Result<AdminAppClient> connect(const std::string& runtimeDirectory = kDefaultRuntimeDirectory);
+    explicit AdminAppClient(std::unique_ptr<AdminChannel> channel) : channel_(std::move(channel)) {}
 
     Result<plist::Dictionary> status(const std::optional<std::string>& token);
     Result<std::string> beginPairing();
@@ -31,13 +45,12 @@ public:
     Result<plist::Array> tunnelOwners();
 
 private:
-    explicit AdminAppClient(ipc::Client client) : client_(std::move(client)) {}
-    ipc::Client client_;
+    std::unique_ptr<AdminChannel> channel_;
 };
 
 class AdminControlClient {
 public:
-    static Result<AdminControlClient> connect(const std::string& runtimeDirectory = kDefaultRuntimeDirectory);
+    explicit AdminControlClient(std::unique_ptr<AdminChannel> channel) : channel_(std::move(channel)) {}
 
     Result<plist::Dictionary> status();
     Result<plist::Array> pendingPairings();
@@ -46,8 +59,7 @@ public:
     Status unpairAll(std::span<const std::uint8_t> authorization);
 
 private:
-    explicit AdminControlClient(ipc::Client client) : client_(std::move(client)) {}
-    ipc::Client client_;
+    std::unique_ptr<AdminChannel> channel_;
 };
 
 }  // namespace netvane

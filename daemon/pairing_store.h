@@ -29,7 +29,8 @@ public:
         bool operator==(const Pairing&) const = default;
     };
 
-    static constexpr const char* kDefaultDirectory = "/var/lib/netvane-admin";
+    // The platform's place for the file (set in the OS folder).
+    static const char* const kDefaultDirectory;
     static constexpr const char* kFileName = "pairings.plist";
 
     // A store that saves into `directory`/pairings.plist; empty until loaded.

@@ -7,7 +7,7 @@
 // Defined by the program's generated Info.plist source; weak so that binaries
 // without one (most tests) still link and see an empty dictionary.
 extern "C" {
-extern const char netvane_info_plist[] __attribute__((weak));
+extern const unsigned char netvane_info_plist[] __attribute__((weak));
 extern const std::size_t netvane_info_plist_size __attribute__((weak));
 }
 
@@ -16,7 +16,7 @@ namespace netvane {
 const plist::Dictionary& mainBundleInfo() {
     static const plist::Dictionary info = [] {
         if (&netvane_info_plist_size == nullptr || netvane_info_plist == nullptr) return plist::Dictionary{};
-        std::span bytes(reinterpret_cast<const std::uint8_t*>(netvane_info_plist), netvane_info_plist_size);
+        std::span<const std::uint8_t> bytes(netvane_info_plist, netvane_info_plist_size);
         auto decoded = plist::decode(bytes);
         if (!decoded.ok() || !decoded->dictionary()) return plist::Dictionary{};
         return *decoded->dictionary();

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "support/file_space.h"
 #include "support/memory.h"
 #include "support/unique_fd.h"
 
@@ -88,9 +89,7 @@ Status writeFileAtomically(const std::string& path, const std::function<Status(c
         return error;
     };
     if (::fchmod(fd.get(), mode) != 0) return fail(posixError(errno, "chmod " + temporary));
-    // Only a hint: where the filesystem cannot reserve space, the writes
-    // below find out what there is.
-    if (expectedSize > 0) (void)::posix_fallocate(fd.get(), 0, static_cast<off_t>(expectedSize));
+    if (expectedSize > 0) reserveFileSpace(fd.get(), expectedSize);
     const ByteSink sink = [&](std::span<const std::uint8_t> piece) { return writeAll(fd.get(), piece.data(), piece.size()); };
     if (auto written = produce(sink); !written.ok()) return fail(written.error());
     if (::fsync(fd.get()) != 0) return fail(posixError(errno, "fsync " + temporary));

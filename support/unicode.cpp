@@ -1,5 +1,6 @@
 #include "support/unicode.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace netvane {
@@ -124,6 +125,27 @@ bool isValidUtf8(std::string_view text) {
         i += used;
     }
     return true;
+}
+
+std::string decodeCString(std::span<const char> buffer) {
+    auto end = std::find(buffer.begin(), buffer.end(), '\0');
+    return repairUtf8(std::string_view(buffer.data(), static_cast<std::size_t>(end - buffer.begin())));
+}
+
+std::string repairUtf8(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t length = utf8SequenceLength(text, i);
+        if (length == 0) {
+            out += "\xEF\xBF\xBD";
+            ++i;
+        } else {
+            out.append(text.substr(i, length));
+            i += length;
+        }
+    }
+    return out;
 }
 
 }  // namespace netvane

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,6 +22,12 @@ bool isAscii(std::string_view text);
 bool isValidUtf8(std::string_view text);
 // Length of the valid UTF-8 sequence starting at text[i], or 0 when none does.
 std::size_t utf8SequenceLength(std::string_view text, std::size_t i);
+
+// The text with every invalid UTF-8 sequence replaced by U+FFFD.
+std::string repairUtf8(std::string_view text);
+// The bytes up to the first zero (or all), repaired: text a C interface
+// filled into a buffer.
+std::string decodeCString(std::span<const char> buffer);
 
 // Appends the UTF-8 form of one code point (XML character references).
 bool appendCodePoint(std::uint32_t codePoint, std::string& out);

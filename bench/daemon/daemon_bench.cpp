@@ -16,10 +16,10 @@
 #include <memory>
 #include <mutex>
 
-#include "admin_protocol/admin_clients.h"
+#include "admin_protocol/linux/socket_channel.h"
 #include "bench/daemon/dbus_peer.h"
 #include "daemon/admin_daemon.h"
-#include "daemon/listener.h"
+#include "daemon/linux/listener.h"
 #include "tests/temporary_directory.h"
 
 namespace netvane {
@@ -118,7 +118,7 @@ void measure(benchmark::State& state, RoundTrip roundTrip) {
 void BM_StatusOverDaemonSocket(benchmark::State& state) {
     DaemonUnderTest& under = daemonUnderTest();
     if (!under.failure.empty()) return state.SkipWithError(under.failure.c_str());
-    auto client = AdminAppClient::connect(under.directory.path());
+    auto client = connectAppClient(under.directory.path());
     if (!client) return state.SkipWithError(client.error().message.c_str());
     const std::optional<std::string> token = under.token;
     measure(state, [&] {

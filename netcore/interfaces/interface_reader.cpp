@@ -41,24 +41,6 @@ const sockaddr_dl* asLinkAddress(const sockaddr* address) {
 
 }  // namespace
 
-std::string decodeCString(std::span<const char> buffer) {
-    auto end = std::find(buffer.begin(), buffer.end(), '\0');
-    const std::string_view text(buffer.data(), static_cast<std::size_t>(end - buffer.begin()));
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size();) {
-        const std::size_t length = utf8SequenceLength(text, i);
-        if (length == 0) {
-            out += "\xEF\xBF\xBD";
-            ++i;
-        } else {
-            out.append(text.substr(i, length));
-            i += length;
-        }
-    }
-    return out;
-}
-
 std::string ntop(int family, const void* address) {
     std::array<char, kAddressTextSize> text{};
     if (inet_ntop(family, address, text.data(), text.size()) == nullptr) return "";

@@ -68,8 +68,4 @@ std::string ntop(int family, const void* address);
 int prefixLength(const std::uint8_t* socketAddress, std::size_t length, int family);
 int prefixLength(const sockaddr* netmask, int family);
 
-// The bytes up to the first zero (or all), as UTF-8 with every invalid
-// sequence replaced by U+FFFD.
-std::string decodeCString(std::span<const char> buffer);
-
 }  // namespace netvane

@@ -55,17 +55,9 @@ typedef struct nv_ifdata {
     uint8_t type; /* IANA ifType */
 } nv_ifdata_t;
 
-/* One tunnel control socket: its holder and its 1-based unit (never 0);
- * unit N belongs to the tunnel interface numbered N-1. Linux tunnel names
- * are chosen freely rather than numbered, so there the record also carries
- * the interface's name and the unit is the interface's index. */
-typedef struct nv_utun_owner {
-    int32_t pid;
-    uint32_t unit;
-#ifdef __linux__
-    char ifname[16]; /* always terminated */
-#endif
-} nv_utun_owner_t;
+/* nv_utun_owner_t, one tunnel and the process holding it, is laid out by
+ * each platform: the header of that name in its folder. */
+#include "nv_utun_owner.h"
 
 /* --- Portable -------------------------------------------------------- */
 

@@ -102,6 +102,11 @@ std::string TunnelOwners::displayName(const std::string& path, const BundleInfor
     return deletingPathExtension(parts[*chosen]);
 }
 
+std::string utunInterfaceName(std::uint32_t unit) {
+    if (unit == 0) std::abort();  // the shim never reports unit 0
+    return "utun" + std::to_string(unit - 1u);
+}
+
 TunnelOwnerMap TunnelOwners::fromRecords(std::span<const nv_utun_owner_t> records, const PathReader& executablePath,
                                          const BundleInformation& bundles) {
     TunnelOwnerMap owners;

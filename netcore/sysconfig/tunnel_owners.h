@@ -67,6 +67,11 @@ struct TunnelOwners {
     static std::string displayName(const std::string& path, const BundleInformation& bundles);
 };
 
+// The interface of a numbered tunnel's kernel-control unit: "utun" and the
+// decimal of unit - 1 (unit 1 is utun0). The shim never reports unit 0; it
+// stops the process as a broken invariant.
+std::string utunInterfaceName(std::uint32_t unit);
+
 // Per platform: the interface a shim record names, and a process's
 // executable path ("" when it cannot be read).
 std::string tunnelInterfaceName(const nv_utun_owner_t& record);

@@ -2,9 +2,14 @@
 // declarations, comments and a document type, then one value, optionally
 // wrapped in <plist>. Entities (the five named ones and character references)
 // and CDATA sections are decoded; anything else is refused.
+#include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstring>
 #include <limits>
+#include <locale>
+#include <optional>
+#include <sstream>
 
 #include "support/base64.h"
 #include "support/plist/plist.h"
@@ -21,6 +26,52 @@ std::string_view trim(std::string_view text) {
     while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
     while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
     return text;
+}
+
+bool equalsIgnoringCase(std::string_view text, std::string_view lowerCase) {
+    return text.size() == lowerCase.size() &&
+           std::equal(text.begin(), text.end(), lowerCase.begin(),
+                      [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; });
+}
+
+// A decimal real with '.' as its point whatever the process's locale, or an
+// infinity or NaN as writers spell them. Not every standard library offers
+// std::from_chars for floating point, so the text is checked here and
+// converted by a stream in the classic locale, which rounds correctly. A
+// magnitude too large for a double is refused; one too small becomes the
+// nearest double (a subnormal or zero), whichever library does the work.
+std::optional<double> parseDecimal(std::string_view text) {
+    const bool hasSign = !text.empty() && (text.front() == '-' || text.front() == '+');
+    const bool negative = hasSign && text.front() == '-';
+    const std::string_view body = text.substr(hasSign ? 1 : 0);
+    if (equalsIgnoringCase(body, "inf") || equalsIgnoringCase(body, "infinity")) {
+        return negative ? -std::numeric_limits<double>::infinity() : std::numeric_limits<double>::infinity();
+    }
+    if (equalsIgnoringCase(body, "nan")) return std::numeric_limits<double>::quiet_NaN();
+    auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+    std::size_t i = 0;
+    std::size_t mantissaDigits = 0;
+    for (; i < body.size() && isDigit(body[i]); ++i) ++mantissaDigits;
+    if (i < body.size() && body[i] == '.') {
+        for (++i; i < body.size() && isDigit(body[i]); ++i) ++mantissaDigits;
+    }
+    if (mantissaDigits == 0) return std::nullopt;
+    if (i < body.size() && (body[i] == 'e' || body[i] == 'E')) {
+        if (++i < body.size() && (body[i] == '+' || body[i] == '-')) ++i;
+        const std::size_t exponentStart = i;
+        while (i < body.size() && isDigit(body[i])) ++i;
+        if (i == exponentStart) return std::nullopt;
+    }
+    if (i != body.size()) return std::nullopt;
+    std::istringstream in{std::string(text)};
+    in.imbue(std::locale::classic());
+    double value = 0;
+    in >> value;
+    // The text is well formed, so a failure means out of range. Libraries
+    // differ on underflow (some flag it, keeping the value); overflow leaves
+    // the largest double or an infinity behind.
+    if (in.fail() && !(std::isfinite(value) && std::fabs(value) < 1)) return std::nullopt;
+    return value;
 }
 
 struct Tag {
@@ -285,11 +336,9 @@ private:
     }
 
     static Result<Value> parseReal(std::string_view text) {
-        if (!text.empty() && text.front() == '+') text.remove_prefix(1);
-        double d = 0;
-        auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), d);
-        if (text.empty() || ec != std::errc() || ptr != text.data() + text.size()) return malformed("bad real");
-        return Value(d);
+        std::optional<double> d = parseDecimal(text);
+        if (!d) return malformed("bad real");
+        return Value(*d);
     }
 
     std::string_view in_;

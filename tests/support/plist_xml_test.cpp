@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
+#include <limits>
+#include <optional>
+#include <string>
 
 #include "support/plist/plist.h"
 
@@ -39,6 +43,43 @@ TEST(PlistXml, AcceptsTheFormatsOptionalPieces) {
     EXPECT_EQ(*value->find("data"), Value(Data{'A', 'B', 'C', 'D', 'E', 'F'}));
     EXPECT_EQ(*value->find("crlf"), Value("a\nb"));
     EXPECT_EQ(value->find("t")->boolean(), true);
+}
+
+TEST(PlistXml, RealsAreDecimalsWithAPointOrTheSpecialNames) {
+    auto real = [](std::string_view text) -> std::optional<double> {
+        auto value = parse(("<real>" + std::string(text) + "</real>").c_str());
+        if (!value) return std::nullopt;
+        return value->real();
+    };
+    constexpr double inf = std::numeric_limits<double>::infinity();
+    EXPECT_EQ(real("1.5"), 1.5);
+    EXPECT_EQ(real(" .5 "), 0.5);
+    EXPECT_EQ(real("5."), 5.0);
+    EXPECT_EQ(real("+2.5e-3"), 2.5e-3);
+    EXPECT_EQ(real("-1E3"), -1000.0);
+    EXPECT_EQ(real("0.1"), 0.1);
+    EXPECT_EQ(real("Infinity"), inf);
+    EXPECT_EQ(real("-inf"), -inf);
+    EXPECT_TRUE(std::isnan(real("NaN").value_or(0)));
+    // Too small for a double is the nearest one; too large is refused.
+    EXPECT_EQ(real("1e-400"), 0.0);
+    EXPECT_EQ(real("1e999"), std::nullopt);
+    EXPECT_EQ(real("-1.8e308"), std::nullopt);
+    for (std::string_view bad :
+         {"", "1e", "e5", ".", "-", "1.5x", "0x10", "1,5", "--1", "+-1", "in", "nan(1)", "1 2"}) {
+        EXPECT_EQ(real(bad), std::nullopt) << bad;
+    }
+}
+
+TEST(PlistXml, EveryDoubleReadsBackAsWritten) {
+    for (double d : {0.1, 1.0 / 3, -0.0, 5e-324, 2.2250738585072014e-308, 1.7976931348623157e308, 123456789.125}) {
+        auto text = encodeXml(Value(d));
+        ASSERT_TRUE(text);
+        auto value = parse(text->c_str());
+        ASSERT_TRUE(value) << *text;
+        EXPECT_EQ(value->real(), d) << *text;
+        EXPECT_EQ(std::signbit(*value->real()), std::signbit(d)) << *text;
+    }
 }
 
 TEST(PlistXml, BareValueWithoutPlistElement) {

@@ -1,11 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstring>
 #include <set>
+#include <string>
 
 #include "support/base64.h"
 #include "support/crypto.h"
 #include "support/date.h"
 #include "support/json.h"
+#include "support/result.h"
+#include "support/unicode.h"
 #include "support/uuid.h"
 
 namespace netvane {
@@ -61,6 +66,23 @@ TEST(Crypto, RandomBytesAndUuidsDiffer) {
         seen.insert(*uuid);
     }
     EXPECT_EQ(seen.size(), 100u);
+}
+
+TEST(Unicode, RepairReplacesInvalidBytesAndKeepsTheRest) {
+    using namespace std::string_literals;
+    EXPECT_EQ(repairUtf8("caf\xC3\xA9"), "caf\xC3\xA9");
+    EXPECT_EQ(repairUtf8("a\xFF" "b"), "a\xEF\xBF\xBD" "b");
+    EXPECT_EQ(repairUtf8("a\0b"s), "a\0b"s);
+    const char buffer[] = {'x', 'y', '\0', 'z'};
+    EXPECT_EQ(decodeCString(buffer), "xy");
+}
+
+TEST(PosixError, CarriesTheSystemsTextForEveryErrno) {
+    const Error error = posixError(ENOENT, "open /nowhere");
+    EXPECT_EQ(error.domain, kPosixErrorDomain);
+    EXPECT_EQ(error.code, ENOENT);
+    EXPECT_EQ(error.message, std::string("open /nowhere: ") + std::strerror(ENOENT));
+    EXPECT_FALSE(posixError(99999).message.empty());
 }
 
 TEST(Json, EscapesAndConvertsEveryType) {

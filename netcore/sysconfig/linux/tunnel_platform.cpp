@@ -8,10 +8,10 @@
 #include <cstring>
 #include <string>
 
-#include "netcore/interfaces/interface_reader.h"
 #include "netcore/sysconfig/tunnel_owners.h"
 #include "support/files.h"
 #include "support/plist/plist.h"
+#include "support/unicode.h"
 
 namespace netvane {
 namespace {

@@ -16,6 +16,8 @@
 #include <cstring>
 #include <deque>
 
+#include "support/unicode.h"
+
 namespace netvane {
 namespace {
 

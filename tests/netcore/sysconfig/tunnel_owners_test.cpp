@@ -88,6 +88,13 @@ TEST(TunnelOwnersScan, AtMostTheCapacityIsConsidered) {
     EXPECT_EQ(owners.at("tun0").pid, 1);
 }
 
+TEST(TunnelOwnersScan, KernelControlUnitsNameTheTunnelBelowThem) {
+    EXPECT_EQ(utunInterfaceName(1), "utun0");
+    EXPECT_EQ(utunInterfaceName(10), "utun9");
+    EXPECT_EQ(utunInterfaceName(0xFFFFFFFFu), "utun4294967294");
+    EXPECT_DEATH(utunInterfaceName(0), "");
+}
+
 TEST(TunnelOwnerCoding, KeysInOrderAndUnknownKeysIgnored) {
     TunnelOwner owner{42, "Client", "/opt/client"};
     plist::Value value = owner.encode();

@@ -1,48 +1,51 @@
 // netvane admin: the two client roles of the admin helper daemon, the
 // menu-bar application ("app") and the control application ("control").
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
 #include <cstdio>
 #include <initializer_list>
 #include <string>
 #include <string_view>
 
 #include "admin_protocol/admin_clients.h"
-#include "admin_protocol/admin_constants.h"
 #include "admin_protocol/admin_protocols.h"
 #include "command.h"
-#include "support/crypto.h"
+#include "commands/admin_transport.h"
 #include "support/date.h"
 #include "support/json.h"
-#include "support/process.h"
 
 namespace netvane::cli {
 namespace {
 
 int run(const Args& args);
 
+// The transport's options and note differ by platform; the requests do not.
+const std::string& synopsis() {
+    static const std::string text = [] {
+        std::string lines;
+        for (const char* request : {"app status [--token T] [--json]", "app pair [--json]",
+                                    "app set-service ID on|off --token T [--json]", "app unpair --token T [--json]",
+                                    "app tunnels [--json]", "control status|pending [--json]",
+                                    "control approve ID|deny ID|unpair-all [--json]"}) {
+            lines += "  netvane admin " + std::string(AdminTransport::optionsSynopsis) + request + "\n";
+        }
+        return lines +
+               "\n"
+               "  app pair asks to pair and waits until the request is approved or denied\n"
+               "  from the control role, then prints the token. Exit status: 0 success,\n"
+               "  1 the daemon answered with an error, 2 usage, 3 daemon unreachable.\n"
+               "  " + std::string(AdminTransport::whereNote);
+    }();
+    return text;
+}
+
 const Command command{
     "admin",
-    "  netvane admin [--runtime-dir DIR] app status [--token T] [--json]\n"
-    "  netvane admin [--runtime-dir DIR] app pair [--json]\n"
-    "  netvane admin [--runtime-dir DIR] app set-service ID on|off --token T [--json]\n"
-    "  netvane admin [--runtime-dir DIR] app unpair --token T [--json]\n"
-    "  netvane admin [--runtime-dir DIR] app tunnels [--json]\n"
-    "  netvane admin [--runtime-dir DIR] control status|pending [--json]\n"
-    "  netvane admin [--runtime-dir DIR] control approve ID|deny ID|unpair-all [--json]\n"
-    "\n"
-    "  app pair asks to pair and waits until the request is approved or denied\n"
-    "  from the control role, then prints the token. Exit status: 0 success,\n"
-    "  1 the daemon answered with an error, 2 usage, 3 daemon unreachable.\n"
-    "  The runtime directory defaults to /run/netvane-admin.",
+    synopsis(),
     "talk to the admin helper daemon as the app or the control application",
     run,
 };
 
 struct Options {
-    std::string runtimeDirectory = kDefaultRuntimeDirectory;
+    AdminTransport::Endpoint endpoint;
     bool json = false;
     std::optional<std::string> token;
     std::vector<std::string_view> words;  // role, verb and operands
@@ -104,43 +107,11 @@ std::string statusText(const plist::Dictionary& status) {
     return text;
 }
 
-// The control application obtains the right in its own process before it
-// asks the daemon, which never interacts with a user. On a terminal the
-// authority may prompt; the daemon's own check is what decides.
-void obtainPairRight() {
-    const std::string subject =
-        std::to_string(getpid()) + "," + std::to_string(processStartTime(getpid())) + "," + std::to_string(getuid());
-    const std::string action(AdminConstants::pairRight);
-    const pid_t child = fork();
-    if (child == 0) {
-        std::vector<const char*> argv = {"pkcheck", "--action-id", action.c_str(), "--process", subject.c_str(),
-                                         "--allow-user-interaction"};
-        if (isatty(STDIN_FILENO)) argv.push_back("--enable-internal-agent");
-        argv.push_back(nullptr);
-        execvp("pkcheck", const_cast<char* const*>(argv.data()));
-        _exit(127);
-    }
-    int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) < 0) return;
-    if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
-        std::fprintf(stderr, "netvane: the right %s was not obtained (pkcheck exit %d); asking the daemon anyway\n",
-                     action.c_str(), WEXITSTATUS(status));
-    }
-}
-
-// The authorization's external form: 32 bytes that mean nothing on Linux,
-// where the right belongs to the calling process.
-std::array<std::uint8_t, 32> authorizationBytes() {
-    std::array<std::uint8_t, 32> bytes{};
-    (void)secureRandomBytes(bytes);
-    return bytes;
-}
-
 int runApp(const Options& options) {
     const auto& w = options.words;
     const std::string_view verb = w.size() > 1 ? w[1] : "";
     const std::size_t operands = w.size() - 2;
-    auto client = AdminAppClient::connect(options.runtimeDirectory);
+    auto client = AdminTransport::connectApp(options.endpoint);
     if (!client) return report(client.error(), options);
 
     if (verb == "status" && operands == 0) {
@@ -192,8 +163,15 @@ int runControl(const Options& options) {
           (operands == 1 && (verb == "approve" || verb == "deny")))) {
         return usageError(command, "unknown or incomplete control request");
     }
-    if (verb == "approve" || verb == "unpair-all") obtainPairRight();
-    auto client = AdminControlClient::connect(options.runtimeDirectory);
+    // The control application obtains the right in its own process before it
+    // asks the daemon, which never interacts with a user.
+    std::unique_ptr<AdminTransport::PairRight> right;
+    if (verb == "approve" || verb == "unpair-all") {
+        auto obtained = AdminTransport::obtainPairRight();
+        if (!obtained) return report(obtained.error(), options);
+        right = std::move(*obtained);
+    }
+    auto client = AdminTransport::connectControl(options.endpoint);
     if (!client) return report(client.error(), options);
 
     if (verb == "status") {
@@ -213,10 +191,9 @@ int runControl(const Options& options) {
         }
         return printValue(*pending, options, text);
     }
-    const auto authorization = authorizationBytes();
-    if (verb == "approve") return done(client->approvePairing(std::string(w[2]), authorization), options, "");
     if (verb == "deny") return done(client->denyPairing(std::string(w[2])), options, "");
-    return done(client->unpairAll(authorization), options, "");
+    if (verb == "approve") return done(client->approvePairing(std::string(w[2]), right->externalForm()), options, "");
+    return done(client->unpairAll(right->externalForm()), options, "");
 }
 
 int run(const Args& args) {
@@ -225,8 +202,10 @@ int run(const Args& args) {
         const std::string_view arg = args[i];
         if (arg == "--json") {
             options.json = true;
-        } else if ((arg == "--runtime-dir" || arg == "--token") && i + 1 < args.size()) {
-            (arg == "--token" ? options.token.emplace() : options.runtimeDirectory) = std::string(args[++i]);
+        } else if (arg == "--token" && i + 1 < args.size()) {
+            options.token = std::string(args[++i]);
+        } else if (AdminTransport::takeOption(args, i, options.endpoint)) {
+            continue;
         } else if (!arg.empty() && arg[0] == '-') {
             return usageError(command, "unknown option or missing value: " + std::string(arg));
         } else {

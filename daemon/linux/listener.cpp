@@ -1,4 +1,4 @@
-#include "daemon/listener.h"
+#include "daemon/linux/listener.h"
 
 #include "admin_protocol/admin_protocols.h"
 #include "daemon/sessions.h"

@@ -1,4 +1,4 @@
-#include "daemon/linux/netcore_tunnel_owners.h"
+#include "daemon/netcore_tunnel_owners.h"
 
 #include "netcore/sysconfig/tunnel_owners.h"
 

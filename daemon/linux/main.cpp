@@ -11,12 +11,12 @@
 #include <filesystem>
 #include <string>
 
-#include "admin_protocol/admin_clients.h"
 #include "admin_protocol/admin_constants.h"
+#include "admin_protocol/linux/socket_channel.h"
 #include "daemon/admin_daemon.h"
-#include "daemon/linux/netcore_tunnel_owners.h"
+#include "daemon/linux/listener.h"
 #include "daemon/linux/polkit_authorizer.h"
-#include "daemon/listener.h"
+#include "daemon/netcore_tunnel_owners.h"
 #include "support/bundle_info.h"
 #include "support/files.h"
 #include "support/ipc/socket_activation.h"

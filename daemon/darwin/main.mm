@@ -1,0 +1,110 @@
+// netvane-admind on macOS: launchd starts it as root with its two Mach
+// services (packaging/com.tarnwick.Netvane.admin.plist).
+//
+// Start-up, in order: the AdminDaemon with the pairing store loaded from
+// disk, the team's code-signing requirements, the application listener, the
+// control listener, one log line; then the main thread belongs to the
+// dispatch main loop for good. There is no shutdown path and no signal
+// handling.
+//
+// The network-preferences backend comes with the macOS system-configuration
+// seams; until then service changes fail with configurationFailed.
+#import <Foundation/Foundation.h>
+
+#include <dispatch/dispatch.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "admin_protocol/admin_constants.h"
+#include "admin_protocol/darwin/admin_xpc_protocols.h"
+#include "daemon/admin_daemon.h"
+#include "daemon/darwin/authorization_services_authorizer.h"
+#include "daemon/darwin/xpc_sessions.h"
+#include "daemon/netcore_tunnel_owners.h"
+#include "support/bundle_info.h"
+#include "support/darwin/foundation_values.h"
+#include "support/ipc/darwin/listener.h"
+#include "support/log.h"
+
+using namespace netvane;
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: netvane-admind [--state-dir DIR] [--foreground]\n"
+    "\n"
+    "  --state-dir DIR  where pairings.plist lives (default /Library/Application Support/NetvaneAdmin)\n"
+    "  --foreground     copy the log to stderr\n"
+    "\n"
+    "launchd starts the daemon as root; its Mach services are named after the\n"
+    "team in the embedded Info.plist.\n";
+
+struct Options {
+    std::string stateDirectory = PairingStore::kDefaultDirectory;
+    bool foreground = false;
+};
+
+// Kept for the life of the process: the listeners stop answering when they go.
+Listener* gAppListener;
+Listener* gControlListener;
+
+PeerIdentity peerOf(NSXPCConnection* connection) {
+    return PeerIdentity{connection.processIdentifier, static_cast<std::uint32_t>(connection.effectiveUserIdentifier),
+                        0};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        } else if (arg == "--foreground") {
+            options.foreground = true;
+        } else if (arg == "--state-dir" && i + 1 < argc) {
+            options.stateDirectory = argv[++i];
+        } else {
+            std::fprintf(stderr, "netvane-admind: unknown option or missing value: %s\n%s", argv[i], kUsage);
+            return 2;
+        }
+    }
+    Logger::mirrorToStderr(options.foreground);
+    const Logger log(std::string(AdminConstants::daemonIdentifier), "daemon");
+    const std::string version = bundleString(mainBundleInfo(), "CFBundleShortVersionString", "0");
+
+    @autoreleasepool {
+        AdminDaemon::Backends backends;
+        backends.authorizer = std::make_shared<AuthorizationServicesAuthorizer>();
+        backends.tunnelOwners = std::make_shared<NetcoreTunnelOwners>();
+        auto daemon = std::make_shared<AdminDaemon>(PairingStore::load(options.stateDirectory), version, backends);
+
+        const std::string& team = AdminConstants::teamID();
+        NSString* appRequirement = toNSString(AdminConstants::appRequirement(team));
+        NSString* adminAppRequirement = toNSString(AdminConstants::adminAppRequirement(team));
+
+        gAppListener = [[Listener alloc] initWithService:toNSString(AdminConstants::appServiceName())
+            requirement:appRequirement
+            interface:adminAppInterface()
+            makeSession:^id(NSXPCConnection* connection) {
+                return [[XPCAppSession alloc] initWithDaemon:daemon peer:peerOf(connection)];
+            }
+            ended:^(id session) {
+                [(XPCAppSession*)session ended];
+            }];
+        gControlListener = [[Listener alloc] initWithService:toNSString(AdminConstants::controlServiceName())
+            requirement:adminAppRequirement
+            interface:adminControlInterface()
+            makeSession:^id(NSXPCConnection* connection) {
+                return [[XPCControlSession alloc] initWithDaemon:daemon peer:peerOf(connection)];
+            }
+            ended:^(id) {
+            }];
+    }
+    log.info("admin daemon " + version + " listening");
+    dispatch_main();
+}

@@ -1,0 +1,9 @@
+#include "support/memory.h"
+
+namespace netvane {
+
+// macOS offers no way to ask for huge pages behind an anonymous buffer; the
+// kernel's own superpage policy applies.
+void adviseLargeBuffer(void*, std::size_t) {}
+
+}  // namespace netvane
