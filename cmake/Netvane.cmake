@@ -1,5 +1,9 @@
 # Shared helpers for every component's CMakeLists.
 
+# Public headers install under their own folder so that `support/` and
+# `netcore/` do not land at the top of a system include directory.
+set(NETVANE_INSTALL_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}/netvane")
+
 # Adds every subdirectory of DIR that carries a CMakeLists.txt, so components can
 # grow independently without a central list to edit.
 function(netvane_add_subdirectories dir)
@@ -53,4 +57,44 @@ function(netvane_embed_info_plist target identifier bundle_name)
   set(source "${CMAKE_CURRENT_BINARY_DIR}/${target}_info_plist.cpp")
   configure_file("${PROJECT_SOURCE_DIR}/packaging/embedded_info_plist.cpp.in" "${source}" @ONLY)
   target_sources(${target} PRIVATE "${source}")
+endfunction()
+
+# netvane_install_configured(TEMPLATE DESTINATION [RENAME NAME] [COMPONENT C]
+#                            [VARIABLES VAR...])
+# Installs a file made from TEMPLATE into DESTINATION (relative to the
+# prefix) while installing rather than while configuring, so that the
+# absolute paths in it follow the prefix actually installed to
+# (`cmake --install --prefix`, cpack). The template sees
+# @NETVANE_PREFIX@, @NETVANE_FULL_<DIR>@ for BINDIR, SBINDIR, LIBDIR,
+# INCLUDEDIR, DATADIR and MANDIR, and the configure-time VARIABLES.
+function(netvane_install_configured template destination)
+  cmake_parse_arguments(A "" "RENAME;COMPONENT" "VARIABLES" ${ARGN})
+  get_filename_component(name "${template}" NAME)
+  string(REGEX REPLACE "\\.in$" "" name "${name}")
+  if(A_RENAME)
+    set(name "${A_RENAME}")
+  endif()
+  if(NOT A_COMPONENT)
+    set(A_COMPONENT runtime)
+  endif()
+  set(code "")
+  foreach(var IN LISTS A_VARIABLES)
+    string(APPEND code "set(${var} [==[${${var}}]==])\n")
+  endforeach()
+  foreach(dir BINDIR SBINDIR LIBDIR INCLUDEDIR DATADIR MANDIR)
+    if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
+      string(APPEND code "set(NETVANE_FULL_${dir} [==[${CMAKE_INSTALL_${dir}}]==])\n")
+    else()
+      string(APPEND code "set(NETVANE_FULL_${dir} \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_${dir}}\")\n")
+    endif()
+  endforeach()
+  string(APPEND code "
+set(NETVANE_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+set(installed \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${destination}/${name}\")
+message(STATUS \"Installing: \${installed}\")
+configure_file([==[${template}]==] \"\${installed}\" @ONLY)
+file(CHMOD \"\${installed}\" PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${installed}\")
+")
+  install(CODE "${code}" COMPONENT "${A_COMPONENT}")
 endfunction()

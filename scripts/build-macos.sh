@@ -36,6 +36,7 @@ for arch in arm64 x86_64; do
   cmake --fresh -S . -B "$dir" -G Ninja \
     -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/macos-$arch.cmake" \
     -DCMAKE_OSX_SYSROOT="$sysroot" -DCMAKE_BUILD_TYPE=Release \
+    -DNETVANE_WARNINGS_AS_ERRORS=ON \
     -DNETVANE_BUILD_TESTS=OFF -DNETVANE_BUILD_BENCHMARKS=OFF -DNETVANE_BUILD_FUZZERS=OFF >/dev/null
   cmake --build "$dir" --target netvane-admind netvane
 done

@@ -10,6 +10,7 @@ packages=(
   libssl-dev libsystemd-dev
   iproute2 dbus polkitd pkexec curl
   network-manager                  # the configuration backend's tests and benchmark
+  systemd man-db dpkg-dev init-system-helpers  # unit checks, manual pages, the Debian packages
   lld llvm-14                      # the macOS cross build: ld64.lld, llvm-lipo, llvm-ar
 )
 

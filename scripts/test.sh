@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test: GCC build, Clang 16 AddressSanitizer +
 # UndefinedBehaviorSanitizer build, the concurrency tests under Clang 16
-# ThreadSanitizer, and a short smoke run of every fuzz target.
+# ThreadSanitizer, a short smoke run of every fuzz target, then the other
+# build types with the install and package checks.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -16,3 +17,5 @@ done
 
 echo "=== fuzz smoke"
 scripts/fuzz-smoke.sh build/asan
+
+scripts/check-build-types.sh

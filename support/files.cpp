@@ -59,7 +59,15 @@ Status writeAtomically(const std::string& path, const std::function<Status(const
         return error;
     };
     // Owner before mode: chown may clear set-id bits that the mode asks for.
-    if (owner && ::fchown(fd.get(), owner->uid, owner->gid) != 0) return fail(posixError(errno, "chown " + temporary));
+    // A file that already has its owner is left alone: the daemon's service
+    // sandbox refuses the chown family outright, and root's new files are
+    // root's anyway.
+    if (owner) {
+        struct stat info {};
+        if (::fstat(fd.get(), &info) != 0) return fail(posixError(errno, "stat " + temporary));
+        const bool owned = info.st_uid == owner->uid && info.st_gid == owner->gid;
+        if (!owned && ::fchown(fd.get(), owner->uid, owner->gid) != 0) return fail(posixError(errno, "chown " + temporary));
+    }
     if (::fchmod(fd.get(), mode) != 0) return fail(posixError(errno, "chmod " + temporary));
     if (expectedSize > 0) reserveFileSpace(fd.get(), expectedSize);
     const ByteSink sink = [&](std::span<const std::uint8_t> piece) { return writeAll(fd.get(), piece.data(), piece.size()); };

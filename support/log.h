@@ -16,7 +16,8 @@ public:
     void info(std::string_view message) const;
     void error(std::string_view message) const;
 
-    // Also print every line to stderr (a daemon run in the foreground).
+    // Also print every line to stderr (a daemon run in the foreground),
+    // unless stderr is the journal, which has the syslog copy already.
     static void mirrorToStderr(bool on);
 
 private:

@@ -1,9 +1,12 @@
 #include "support/log.h"
 
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 
@@ -15,12 +18,25 @@ std::once_flag gOpenOnce;
 // openlog keeps the pointer, so the identity must outlive every call.
 std::string gIdentity;
 
+// The service manager says in JOURNAL_STREAM ("device:inode") when stderr is
+// the journal; syslog reaches the journal already, and a copy on stderr
+// would show every line twice.
+bool stderrIsJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    char rest = 0;
+    if (stream == nullptr || std::sscanf(stream, "%llu:%llu%c", &device, &inode, &rest) != 2) return false;
+    struct stat info {};
+    return ::fstat(STDERR_FILENO, &info) == 0 && info.st_dev == device && info.st_ino == inode;
+}
+
 }  // namespace
 
 Logger::Logger(std::string subsystem, std::string category)
     : subsystem_(std::move(subsystem)), category_(std::move(category)) {}
 
-void Logger::mirrorToStderr(bool on) { gMirror = on; }
+void Logger::mirrorToStderr(bool on) { gMirror = on && !stderrIsJournal(); }
 
 void Logger::info(std::string_view message) const { write(LOG_INFO, message); }
 void Logger::error(std::string_view message) const { write(LOG_ERR, message); }

@@ -101,7 +101,7 @@ TEST(PlistRoundTrip, ContainersKeepOrderAndNesting) {
 TEST(PlistRoundTrip, ManyObjectsWidenReferences) {
     for (std::size_t count : {300, 70000}) {
         Array array;
-        for (std::size_t i = 0; i < count; ++i) array.emplace_back("s" + std::to_string(i));
+        for (std::size_t i = 0; i < count; ++i) array.emplace_back(std::string("s").append(std::to_string(i)));
         const Value value(array);
         auto bytes = *encodeBinary(value);
         const std::uint8_t refSize = bytes[bytes.size() - 32 + 7];
