@@ -283,7 +283,9 @@ struct ChangeMonitor::State {
                 }
             }
             const Clock::time_point now = Clock::now();
-            if (pending.size() != before) {
+            // Any kernel event holds a pending batch open, not only one that adds a
+            // key: one change often arrives as several messages about the same key.
+            if (pending.size() != before || (before != 0 && fds[1].revents)) {
                 if (before == 0) first = now;
                 last = now;
             }
