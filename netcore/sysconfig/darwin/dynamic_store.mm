@@ -45,7 +45,7 @@ void changed(SCDynamicStoreRef, CFArrayRef changedKeys, void* info) {
 class SystemDynamicStore final : public DynamicStore {
 public:
     SystemDynamicStore(id store, std::shared_ptr<NotificationDelivery> delivery)
-        : store_(store), delivery_(std::move(delivery)) {}
+        : delivery_(std::move(delivery)), store_(store) {}
 
     ~SystemDynamicStore() override { (void)setDispatchQueue(nullptr); }
 
@@ -105,9 +105,10 @@ public:
 private:
     SCDynamicStoreRef handle() const { return (__bridge SCDynamicStoreRef)store_; }
 
-    id store_;
+    // Declared first, so released last: the session's context points at it.
     const std::shared_ptr<NotificationDelivery> delivery_;  // null: no callback
-    dispatch_queue_t relay_ = nil;                          // the system's queue while attached
+    id store_;
+    dispatch_queue_t relay_ = nil;  // the system's queue while attached
 };
 
 class SystemDynamicStores final : public DynamicStoreFactory {

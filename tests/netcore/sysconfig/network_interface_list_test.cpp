@@ -8,6 +8,12 @@
 namespace netvane {
 namespace {
 
+NetworkInterface named(std::string name) {
+    NetworkInterface interface;
+    interface.bsdName = std::move(name);
+    return interface;
+}
+
 // A stand-in for the system's interface objects: each node names the one it
 // is layered on ("" at the bottom).
 struct Graph {
@@ -16,7 +22,7 @@ struct Graph {
     NetworkInterface chainFrom(const std::string& top) const {
         return describeInterfaceChain(
             below.find(top)->first.c_str(),
-            [](const char* name) { return NetworkInterface{.bsdName = std::string(name)}; },
+            [](const char* name) { return named(name); },
             [this](const char* name) -> const char* {
                 const std::string& next = below.at(name);
                 return next.empty() ? nullptr : below.find(next)->first.c_str();
@@ -42,7 +48,7 @@ TEST(InterfaceChain, FollowsEveryLayerToTheBottomInOrder) {
     EXPECT_EQ(chain.underlying[0].underlying[0].bsdName, "serial");
 
     const NetworkInterface alone = graph.chainFrom("serial");
-    EXPECT_EQ(alone, NetworkInterface{.bsdName = "serial"});
+    EXPECT_EQ(alone, named("serial"));
 }
 
 TEST(InterfaceChain, CircularOrEndlessChainIsCutAtTheLayerLimit) {
@@ -58,12 +64,20 @@ TEST(InterfaceChain, LayersBelowTheTopComeOnlyFromTheChain) {
     // A describer that reports layers of its own must not add a second
     // branch: each interface is layered on exactly one other, or none.
     const NetworkInterface bottom = describeInterfaceChain(
-        0, [](int n) { return NetworkInterface{.bsdName = std::to_string(n), .underlying = {NetworkInterface{}}}; },
+        0, [](int n) {
+            NetworkInterface layer = named(std::to_string(n));
+            layer.underlying.emplace_back();
+            return layer;
+        },
         [](int) { return 0; });
-    EXPECT_EQ(bottom, NetworkInterface{.bsdName = "0"});
+    EXPECT_EQ(bottom, named("0"));
 
     const NetworkInterface chain = describeInterfaceChain(
-        2, [](int n) { return NetworkInterface{.bsdName = std::to_string(n), .underlying = {NetworkInterface{}}}; },
+        2, [](int n) {
+            NetworkInterface layer = named(std::to_string(n));
+            layer.underlying.emplace_back();
+            return layer;
+        },
         [](int n) { return n - 1; });
     ASSERT_EQ(depthOf(chain), 2u);
     EXPECT_EQ(chain.underlying[0].bsdName, "1");
