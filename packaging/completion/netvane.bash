@@ -7,11 +7,11 @@
 
 # The words that may follow a command path.
 declare -gA _netvane_words=(
-    [netvane]="admin history plist public-ip status tunnels watch"
+    [netvane]="admin history plist public-ip status top tunnels watch"
     [admin]="app control"
     ["admin app"]="status pair set-service unpair tunnels"
     ["admin control"]="status pending approve deny unpair-all"
-    [history]="show"
+    [history]="show chart"
     [plist]="show convert"
 )
 
@@ -22,6 +22,7 @@ declare -gA _netvane_operands=(
     ["admin control approve"]="-"
     ["admin control deny"]="-"
     ["history show"]="file"
+    ["history chart"]="file"
     ["plist show"]="file"
     ["plist convert"]="file"
 )
@@ -29,10 +30,11 @@ declare -gA _netvane_operands=(
 # The options of each command, wherever they stand after its name.
 declare -gA _netvane_options=(
     [admin]="--runtime-dir --token --json"
-    [history]="--period --json"
+    [history]="--period --now --interface -o --json"
     [plist]="--xml --json --to -o"
     [public-ip]="--provider --url --json-key-path --json"
     [status]="--json"
+    [top]="--interval --history"
     [tunnels]="--json"
     [watch]="--interval --count --history --json"
 )
@@ -41,8 +43,10 @@ declare -gA _netvane_options=(
 declare -gA _netvane_values=(
     [--count]="-"
     [--history]="file"
+    [--interface]="-"
     [--interval]="-"
     [--json-key-path]="-"
+    [--now]="-"
     [--period]="-"
     [--provider]="echoPrimary|echoSecondary"
     [--runtime-dir]="dir"

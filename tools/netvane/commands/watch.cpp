@@ -17,6 +17,7 @@
 
 #include "command.h"
 #include "configuration_report.h"
+#include "history_recording.h"
 #include "netcore/history/history_store.h"
 #include "netcore/interfaces/counter_delta_tracker.h"
 #include "netcore/interfaces/interface_reader.h"
@@ -31,11 +32,8 @@ namespace {
 constexpr double kDefaultInterval = 1;
 // Below this, readings would mostly measure the reading itself.
 constexpr double kMinimumInterval = 0.05;
-// How long each tier keeps its buckets: an hour of raw samples, a week of
-// minutes, ninety days of hours.
-constexpr RateHistory::Retention kRetention{3600, 7 * 86400, 90 * 86400};
-// The history goes to disk this often, and once more on the way out.
-constexpr double kSaveEvery = 60;
+constexpr RateHistory::Retention kRetention = kRecordingRetention;
+constexpr double kSaveEvery = kRecordingSaveEvery;
 
 struct WatchOptions {
     double interval = kDefaultInterval;
@@ -48,16 +46,6 @@ int run(const Args& args);
 
 const Command command("watch", "netvane watch [--interval SECONDS] [--count N] [--history FILE] [--json]",
                       "live per-interface rates, recorded into the rate history (Ctrl-C stops)", run);
-
-std::string defaultHistoryFile() {
-    if (const char* state = std::getenv("XDG_STATE_HOME"); state != nullptr && state[0] == '/') {
-        return std::string(state) + "/netvane/history.plist";
-    }
-    if (const char* home = std::getenv("HOME"); home != nullptr && home[0] != '\0') {
-        return std::string(home) + "/.local/state/netvane/history.plist";
-    }
-    return "";
-}
 
 std::optional<std::string> parse(const Args& args, WatchOptions& options) {
     for (std::size_t i = 0; i < args.size(); ++i) {
