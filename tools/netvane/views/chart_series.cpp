@@ -25,6 +25,8 @@ ChartStep stepOf(const Tier& tier, const Bucket& bucket) {
     step.bytesIn = bucket.bytesIn;
     step.bytesOut = bucket.bytesOut;
     step.granularity = tier.granularity;
+    step.maxIn = bucket.maxIn;
+    step.maxOut = bucket.maxOut;
     return step;
 }
 
@@ -71,7 +73,10 @@ std::vector<ChartStep> stitchedSteps(const RateHistory& history, double period, 
         std::vector<ChartStep> stretch;
         for (const Bucket& bucket : tier.buckets) {
             const double key = keyOf(bucket);
-            if (inPeriod(tier, bucket, cutoff) && key >= lower && key < upper) stretch.push_back(stepOf(tier, bucket));
+            if (!inPeriod(tier, bucket, cutoff) || key < lower || key >= upper) continue;
+            ChartStep step = stepOf(tier, bucket);
+            if (step.from >= now.secondsSinceReference) continue;
+            stretch.push_back(step);
         }
         // Samples that came out of order are drawn in time order.
         std::stable_sort(stretch.begin(), stretch.end(),
@@ -99,6 +104,8 @@ std::vector<ChartStep> mergeSteps(const std::vector<ChartStep>& steps, double mi
                 current.seconds += step.seconds;
                 current.bytesIn = checkedByteSum(current.bytesIn, step.bytesIn);
                 current.bytesOut = checkedByteSum(current.bytesOut, step.bytesOut);
+                current.maxIn = std::max(current.maxIn, step.maxIn);
+                current.maxOut = std::max(current.maxOut, step.maxOut);
                 continue;
             }
         }

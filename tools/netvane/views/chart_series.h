@@ -27,6 +27,8 @@ struct ChartStep {
     std::uint64_t bytesIn = 0;
     std::uint64_t bytesOut = 0;
     double granularity = 0;  // of the tier it came from; 0 for raw samples
+    double maxIn = 0;        // the highest rates of the samples it holds
+    double maxOut = 0;
 
     double rateIn() const { return seconds > 0 ? static_cast<double>(bytesIn) / seconds : 0; }
     double rateOut() const { return seconds > 0 ? static_cast<double>(bytesOut) / seconds : 0; }
@@ -34,7 +36,11 @@ struct ChartStep {
     bool operator==(const ChartStep&) const = default;
 };
 
-// One step per bucket counted over (now - period, now], oldest first.
+// One step per bucket counted over (now - period, now], oldest first. Buckets
+// from after `now` (a clock that ran ahead, an earlier `now` asked for) lie
+// outside the chart and are left out. Where a coarser tier hands over to raw
+// samples, the first sample may reach back into the last coarse slot (it
+// ended after the slot did): the two overlap by less than one sample.
 std::vector<ChartStep> stitchedSteps(const RateHistory& history, double period, Date now);
 
 // Neighbouring steps of one tier joined until each spans at least

@@ -69,11 +69,21 @@ std::string stepPath(const std::vector<ChartStep>& steps, const Plot& plot, bool
     return d;
 }
 
-std::string summary(const RateAggregate& a) {
-    if (a.isEmpty()) return "";
-    return "in " + formatBytes(a.bytesIn) + " (average " + formatRate(a.averageIn()) + ", peak " +
-           formatRate(a.maxIn) + ")   out " + formatBytes(a.bytesOut) + " (average " + formatRate(a.averageOut()) +
-           ", peak " + formatRate(a.maxOut) + ")";
+// The panel's totals, read from the steps it draws so that text and curve
+// always agree.
+std::string summary(const std::vector<ChartStep>& steps) {
+    ChartStep all;
+    for (const ChartStep& step : steps) {
+        all.seconds += step.seconds;
+        all.bytesIn = checkedByteSum(all.bytesIn, step.bytesIn);
+        all.bytesOut = checkedByteSum(all.bytesOut, step.bytesOut);
+        all.maxIn = std::max(all.maxIn, step.maxIn);
+        all.maxOut = std::max(all.maxOut, step.maxOut);
+    }
+    if (steps.empty()) return "";
+    return "in " + formatBytes(all.bytesIn) + " (average " + formatRate(all.rateIn()) + ", peak " +
+           formatRate(all.maxIn) + ")   out " + formatBytes(all.bytesOut) + " (average " + formatRate(all.rateOut()) +
+           ", peak " + formatRate(all.maxOut) + ")";
 }
 
 void drawPanel(SvgWriter& svg, const std::string& name, const RateHistory& history, const ChartRequest& request,
@@ -92,7 +102,7 @@ void drawPanel(SvgWriter& svg, const std::string& name, const RateHistory& histo
                    {"data-rate-top", N::number(plot.scale.top)}});
     svg.textElement("text", {{"class", "name"}, {"x", N::number(kPlotLeft)}, {"y", N::number(panelTop + 20)}}, name);
     svg.textElement("text", {{"x", N::number(kPlotRight)}, {"y", N::number(panelTop + 20)}, {"text-anchor", "end"}},
-                    summary(history.aggregate(request.period, request.now)));
+                    summary(steps));
     svg.element("rect", {{"class", "plot"},
                          {"x", N::number(kPlotLeft)},
                          {"y", N::number(plot.top)},
@@ -149,7 +159,7 @@ std::string periodText(double seconds) {
 std::string renderHistoryChart(const HistorySet& histories, const ChartRequest& request) {
     const double panels = static_cast<double>(std::max<std::size_t>(histories.size(), 1));
     const double height = kHeaderHeight + panels * kPanelHeight;
-    SvgWriter svg({{"viewBox", "0 0 " + N::number(kWidth) + " " + N::number(height)},
+    SvgWriter svg(SvgWriter::Attributes{{"viewBox", "0 0 " + N::number(kWidth) + " " + N::number(height)},
                    {"width", "100%"},
                    {"preserveAspectRatio", "xMidYMin meet"}});
     const std::string title = "Traffic in " + request.source + ": " + periodText(request.period) + " up to " +

@@ -23,7 +23,8 @@ std::vector<std::optional<double>> binRates(const std::vector<RateSample>& sampl
         if (!(offset > 0) || offset > window || !(sample.duration > 0)) continue;
         // (start, now] in equal slices; a sample ending on a slice's upper
         // edge belongs to that slice.
-        auto column = static_cast<std::size_t>(std::ceil(offset / window * static_cast<double>(columns))) - 1;
+        // Multiplying first keeps whole-second ends on their own columns.
+        auto column = static_cast<std::size_t>(std::ceil(offset * static_cast<double>(columns) / window)) - 1;
         column = std::min(column, columns - 1);
         bytes[column] += static_cast<double>(sample.bytesIn) + static_cast<double>(sample.bytesOut);
         seconds[column] += sample.duration;

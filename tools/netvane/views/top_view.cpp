@@ -77,7 +77,9 @@ std::vector<std::string> topLines(const std::vector<TopRow>& rows, const TopScre
     int nameWidth = kMinNameWidth;
     for (const TopRow& row : rows) nameWidth = std::max(nameWidth, static_cast<int>(row.name.size()));
     nameWidth = std::min(nameWidth, kMaxNameWidth);
-    const int fixed = 2 + nameWidth + 4 * (kValueWidth + 2);
+    // The marker, the name, four values each after two spaces, and two
+    // spaces before the sparkline.
+    const int fixed = 2 + nameWidth + 4 * (kValueWidth + 2) + 2;
     const int sparkColumns = std::min(kMaxSparkColumns, screen.width - fixed);
     const bool spark = sparkColumns >= kMinSparkColumns;
 

@@ -16,7 +16,7 @@ std::size_t count(const std::string& text, const std::string& what) {
 }
 
 TEST(SvgWriter, EscapesTextAndPrintsNumbersAlike) {
-    SvgWriter svg({{"viewBox", "0 0 1 1"}});
+    SvgWriter svg(SvgWriter::Attributes{{"viewBox", "0 0 1 1"}});
     svg.open("g", {{"data-interface", "a\"b<c>&'"}});
     svg.textElement("text", {}, std::string("bad\x01 \xff utf-8"));
     const std::string document = svg.finish();

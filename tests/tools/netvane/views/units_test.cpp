@@ -44,8 +44,11 @@ TEST(Units, ScalesAreRoundHoldTheMaximumAndLabelInOneUnit) {
         EXPECT_EQ(labels.size(), ticks.size()) << max;
     }
     const RateScale mega = rateScale(2.4e6, 4);
-    EXPECT_EQ(mega.label(mega.step), "0.5 MB/s");
-    EXPECT_EQ(mega.label(mega.top), "2.5 MB/s");
+    EXPECT_EQ(mega.label(mega.step), "1 MB/s");
+    EXPECT_EQ(mega.label(mega.top), "3 MB/s");
+    const RateScale half = rateScale(2e6, 4);
+    EXPECT_EQ(half.label(half.step), "0.5 MB/s");
+    EXPECT_EQ(half.label(half.top), "2.0 MB/s");
     // Nothing to show still leaves an axis.
     const RateScale idle = rateScale(0, 4);
     EXPECT_EQ(idle.top, 10);

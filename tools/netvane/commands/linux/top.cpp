@@ -80,18 +80,18 @@ std::optional<std::string> parse(const Args& args, TopOptions& options) {
 class Terminal {
 public:
     static std::unique_ptr<Terminal> open() {
-        SCREEN* screen = ::newterm(nullptr, stdout, stdin);
+        SCREEN* screen = newterm(nullptr, stdout, stdin);
         if (screen == nullptr) return nullptr;
         std::unique_ptr<Terminal> terminal(new Terminal(screen));
-        ::cbreak();
-        ::noecho();
-        ::keypad(stdscr, TRUE);
-        ::curs_set(0);
+        cbreak();
+        noecho();
+        keypad(stdscr, TRUE);
+        curs_set(0);
         return terminal;
     }
     ~Terminal() {
-        ::endwin();
-        ::delscreen(screen_);
+        endwin();
+        delscreen(screen_);
     }
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
@@ -116,15 +116,15 @@ void draw(const std::vector<views::TopRow>& rows, views::TopScreen screen, Date 
     screen.width = COLS;
     screen.height = LINES;
     const std::vector<std::string> lines = views::topLines(rows, screen, now, glyphs);
-    ::erase();
+    erase();
     for (std::size_t i = 0; i < lines.size(); ++i) {
         // The title, the column heads and the primary interface stand out.
         const bool strong = i == 0 || i == 2 || (i >= 3 && i - 3 < rows.size() && rows[i - 3].primary);
-        if (strong) ::attron(A_BOLD);
-        ::mvaddstr(static_cast<int>(i), 0, lines[i].c_str());
-        if (strong) ::attroff(A_BOLD);
+        if (strong) attron(A_BOLD);
+        mvaddstr(static_cast<int>(i), 0, lines[i].c_str());
+        if (strong) attroff(A_BOLD);
     }
-    ::refresh();
+    refresh();
 }
 
 enum class Wait { timeUp, quit };
@@ -136,8 +136,8 @@ Wait waitUntil(double deadline, const std::function<void()>& redraw) {
         if (interrupted()) return Wait::quit;
         const double left = deadline - monotonicSeconds();
         if (left <= 0) return Wait::timeUp;
-        ::timeout(static_cast<int>(std::ceil(left * 1000)));
-        const int key = ::getch();
+        timeout(static_cast<int>(std::ceil(left * 1000)));
+        const int key = getch();
         if (key == 'q' || key == 'Q') return Wait::quit;
         if (key == KEY_RESIZE) redraw();
     }
