@@ -72,10 +72,11 @@ class Sender(threading.Thread):
 def inside(netvane):
     """Runs in the private namespace: traffic, tmux, the checks."""
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-    # A default route through a dummy link makes that link the primary one.
-    for command in (["ip", "link", "add", "nvdummy0", "type", "dummy"], ["ip", "link", "set", "nvdummy0", "up"],
-                    ["ip", "addr", "add", "10.99.0.1/24", "dev", "nvdummy0"],
-                    ["ip", "route", "add", "default", "via", "10.99.0.2", "dev", "nvdummy0"]):
+    # A default route through one end of a veth pair makes it the primary.
+    for command in (["ip", "link", "add", "nvtop0", "type", "veth", "peer", "name", "nvtop1"],
+                    ["ip", "link", "set", "nvtop0", "up"], ["ip", "link", "set", "nvtop1", "up"],
+                    ["ip", "addr", "add", "10.99.0.1/24", "dev", "nvtop0"],
+                    ["ip", "route", "add", "default", "via", "10.99.0.2", "dev", "nvtop0"]):
         subprocess.run(command, check=True)
     workdir = tempfile.mkdtemp(prefix="netvane-top-")
     sock, status = os.path.join(workdir, "tmux.sock"), os.path.join(workdir, "status")
@@ -107,7 +108,7 @@ def inside(netvane):
                 fail(f"lo {name} shows {shown:.0f} B/s, the traffic is {expected:.0f} B/s")
         if sum(c in SPARK for c in fields[5]) < 6:
             fail("no sparkline on the lo row: " + row)
-        if not re.search(r"^\* nvdummy0 ", pane, re.M):
+        if not re.search(r"^\* nvtop0 ", pane, re.M):
             fail("the primary interface is not marked")
         if "LAST MINUTE" not in pane or "q quits" not in pane:
             fail("the column heads or the title are missing")
