@@ -18,16 +18,24 @@ std::vector<std::optional<double>> binRates(const std::vector<RateSample>& sampl
     std::vector<double> bytes(columns, 0);
     std::vector<double> seconds(columns, 0);
     const double start = now.secondsSinceReference - window;
+    const double width = window / static_cast<double>(columns);
     for (const RateSample& sample : samples) {
-        const double offset = sample.end.secondsSinceReference - start;
-        if (!(offset > 0) || offset > window || !(sample.duration > 0)) continue;
-        // (start, now] in equal slices; a sample ending on a slice's upper
-        // edge belongs to that slice.
-        // Multiplying first keeps whole-second ends on their own columns.
-        auto column = static_cast<std::size_t>(std::ceil(offset * static_cast<double>(columns) / window)) - 1;
-        column = std::min(column, columns - 1);
-        bytes[column] += static_cast<double>(sample.bytesIn) + static_cast<double>(sample.bytesOut);
-        seconds[column] += sample.duration;
+        if (!(sample.duration > 0)) continue;
+        // Each sample is spread over the columns its interval covers, in
+        // proportion: readings that drift against the columns' edges then
+        // leave no column empty and none doubled.
+        const double from = std::max(sample.end.secondsSinceReference - sample.duration, start) - start;
+        const double to = std::min(sample.end.secondsSinceReference, now.secondsSinceReference) - start;
+        if (!(to > from)) continue;
+        const double total = static_cast<double>(sample.bytesIn) + static_cast<double>(sample.bytesOut);
+        const auto first = static_cast<std::size_t>(std::floor(from / width));
+        for (std::size_t column = first; column < columns && static_cast<double>(column) * width < to; ++column) {
+            const double overlap = std::min(to, static_cast<double>(column + 1) * width) -
+                                   std::max(from, static_cast<double>(column) * width);
+            if (overlap <= 0) continue;
+            bytes[column] += total * overlap / sample.duration;
+            seconds[column] += overlap;
+        }
     }
     for (std::size_t i = 0; i < columns; ++i) {
         if (seconds[i] > 0) values[i] = bytes[i] / seconds[i];

@@ -21,9 +21,9 @@ struct SparkGlyphs {
     static SparkGlyphs ascii();   // "_.:-=+*#" for those that do not
 };
 
-// The average total rate (in plus out) of the samples that ended in each of
-// `columns` equal slices of (now - window, now], oldest first; nothing where
-// no sample ended in a slice.
+// The average total rate (in plus out) over each of `columns` equal slices
+// of the window ending now, oldest first, from the samples' intervals that
+// overlap it; nothing where no sample covers any of a slice.
 std::vector<std::optional<double>> binRates(const std::vector<RateSample>& samples, Date now, double window,
                                             std::size_t columns);
 

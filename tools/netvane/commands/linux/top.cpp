@@ -119,7 +119,7 @@ void draw(const std::vector<views::TopRow>& rows, views::TopScreen screen, Date 
     erase();
     for (std::size_t i = 0; i < lines.size(); ++i) {
         // The title, the column heads and the primary interface stand out.
-        const bool strong = i == 0 || i == 2 || (i >= 3 && i - 3 < rows.size() && rows[i - 3].primary);
+        const bool strong = i == 0 || i == 2 || (i > 2 && lines[i].starts_with("* "));
         if (strong) attron(A_BOLD);
         mvaddstr(static_cast<int>(i), 0, lines[i].c_str());
         if (strong) attroff(A_BOLD);
