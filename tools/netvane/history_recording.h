@@ -3,6 +3,7 @@
 // so that one command continues what the other recorded.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "netcore/history/history_store.h"
@@ -18,5 +19,12 @@ inline constexpr double kRecordingSaveEvery = 60;
 // $XDG_STATE_HOME/netvane/history.plist, else ~/.local/state/netvane/
 // history.plist; empty without either.
 std::string defaultHistoryFile();
+// Fills an unset `file` (no --history) with the default; the usage problem
+// when there is none.
+std::optional<std::string> chooseHistoryFile(std::string& file);
+// The recorded histories to continue, with the recording's retention. An
+// unreadable file (but a missing one) gets a note on stderr: the next save
+// starts it afresh.
+HistorySet loadRecording(const HistoryStore& store);
 
 }  // namespace netvane::cli

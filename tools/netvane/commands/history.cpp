@@ -23,11 +23,15 @@ constexpr double kDefaultPeriod = 3600;
 // A chart of an hour shows little; a day is what people look back on.
 constexpr double kDefaultChartPeriod = 86400;
 
-struct ShowOptions {
+// What either subcommand was asked; each takes only its own options.
+struct HistoryOptions {
+    bool chart = false;
     std::string file;
     double period = kDefaultPeriod;
     std::optional<Date> now;
-    bool json = false;
+    bool json = false;                     // show
+    std::optional<std::string> interface;  // chart
+    std::string output;                    // chart
 };
 
 int run(const Args& args);
@@ -40,21 +44,36 @@ const Command command("history",
                       run);
 
 // Fills options or returns the usage problem.
-std::optional<std::string> parse(const Args& args, ShowOptions& options) {
+std::optional<std::string> parse(const Args& args, HistoryOptions& options) {
+    if (args.empty() || (args[0] != "show" && args[0] != "chart")) return "expected the subcommand 'show' or 'chart'";
+    options.chart = args[0] == "chart";
+    if (options.chart) options.period = kDefaultChartPeriod;
     bool haveFile = false;
     for (std::size_t i = 1; i < args.size(); ++i) {
         std::string_view arg = args[i];
-        if (arg == "--json") {
-            options.json = true;
-        } else if (arg == "--period") {
-            if (++i == args.size()) return "--period needs a number of seconds";
-            auto period = parsePositiveSeconds(args[i]);
-            if (!period) return "--period must be a positive number of seconds, not '" + std::string(args[i]) + "'";
+        auto next = [&]() -> std::optional<std::string_view> {
+            if (i + 1 == args.size()) return std::nullopt;
+            return args[++i];
+        };
+        if (arg == "--period") {
+            auto text = next();
+            auto period = text ? parsePositiveSeconds(*text) : std::nullopt;
+            if (!period) return "--period needs a positive number of seconds";
             options.period = *period;
         } else if (arg == "--now") {
-            if (++i == args.size()) return "--now needs a time such as 2026-11-23T14:00:00Z";
-            options.now = parseISO8601(args[i]);
-            if (!options.now) return "--now needs a time such as 2026-11-23T14:00:00Z, not '" + std::string(args[i]) + "'";
+            auto text = next();
+            options.now = text ? parseISO8601(*text) : std::nullopt;
+            if (!options.now) return "--now needs a time such as 2026-11-23T14:00:00Z";
+        } else if (arg == "--json" && !options.chart) {
+            options.json = true;
+        } else if (arg == "--interface" && options.chart) {
+            auto text = next();
+            if (!text || text->empty()) return "--interface needs an interface name";
+            options.interface = std::string(*text);
+        } else if (arg == "-o" && options.chart) {
+            auto text = next();
+            if (!text || text->empty()) return "-o needs a file to write the chart to (- for standard output)";
+            options.output = std::string(*text);
         } else if (arg.starts_with("-") && arg != "-") {
             return "unknown option '" + std::string(arg) + "'";
         } else if (haveFile) {
@@ -65,6 +84,7 @@ std::optional<std::string> parse(const Args& args, ShowOptions& options) {
         }
     }
     if (!haveFile) return "missing FILE";
+    if (options.chart && options.output.empty()) return "missing -o OUT.svg (- for standard output)";
     return std::nullopt;
 }
 
@@ -80,7 +100,7 @@ std::string tierName(const Tier& tier) {
     return tier.isRaw() ? std::string("raw") : number(tier.granularity, "%g") + " s";
 }
 
-plist::Value jsonReport(const ShowOptions& options, Date now, const HistorySet& histories) {
+plist::Value jsonReport(const HistoryOptions& options, Date now, const HistorySet& histories) {
     plist::Dictionary interfaces;
     for (const auto& [name, history] : histories) {
         RateAggregate a = history.aggregate(options.period, now);
@@ -107,7 +127,7 @@ plist::Value jsonReport(const ShowOptions& options, Date now, const HistorySet& 
                              {"interfaces", std::move(interfaces)}};
 }
 
-void printText(const ShowOptions& options, Date now, const HistorySet& histories) {
+void printText(const HistoryOptions& options, Date now, const HistorySet& histories) {
     std::printf("%s: %s s up to %s\n", options.file.c_str(), number(options.period, "%g").c_str(),
                 formatISO8601(now).c_str());
     if (histories.empty()) std::printf("no interface histories\n");
@@ -139,57 +159,7 @@ HistorySet loadForReading(const std::string& file) {
     return {};
 }
 
-struct ChartOptions {
-    std::string file;
-    double period = kDefaultChartPeriod;
-    std::optional<std::string> interface;
-    std::optional<Date> now;
-    std::string output;
-};
-
-std::optional<std::string> parseChart(const Args& args, ChartOptions& options) {
-    bool haveFile = false;
-    for (std::size_t i = 1; i < args.size(); ++i) {
-        std::string_view arg = args[i];
-        auto next = [&]() -> std::optional<std::string_view> {
-            if (i + 1 == args.size()) return std::nullopt;
-            return args[++i];
-        };
-        if (arg == "--period") {
-            auto text = next();
-            auto period = text ? parsePositiveSeconds(*text) : std::nullopt;
-            if (!period) return "--period needs a positive number of seconds";
-            options.period = *period;
-        } else if (arg == "--interface") {
-            auto text = next();
-            if (!text || text->empty()) return "--interface needs an interface name";
-            options.interface = std::string(*text);
-        } else if (arg == "--now") {
-            auto text = next();
-            auto now = text ? parseISO8601(*text) : std::nullopt;
-            if (!now) return "--now needs a time such as 2026-11-23T14:00:00Z";
-            options.now = *now;
-        } else if (arg == "-o") {
-            auto text = next();
-            if (!text || text->empty()) return "-o needs a file to write the chart to (- for standard output)";
-            options.output = std::string(*text);
-        } else if (arg.starts_with("-")) {
-            return "unknown option '" + std::string(arg) + "'";
-        } else if (haveFile) {
-            return "only one FILE may be given";
-        } else {
-            options.file = std::string(arg);
-            haveFile = true;
-        }
-    }
-    if (!haveFile) return "missing FILE";
-    if (options.output.empty()) return "missing -o OUT.svg (- for standard output)";
-    return std::nullopt;
-}
-
-int runChart(const Args& args) {
-    ChartOptions options;
-    if (auto problem = parseChart(args, options)) return usageError(command, *problem);
+int chart(const HistoryOptions& options) {
     HistorySet histories = loadForReading(options.file);
     if (options.interface) {
         auto found = histories.find(*options.interface);
@@ -219,10 +189,9 @@ int runChart(const Args& args) {
 }
 
 int run(const Args& args) {
-    if (!args.empty() && args[0] == "chart") return runChart(args);
-    if (args.empty() || args[0] != "show") return usageError(command, "expected the subcommand 'show' or 'chart'");
-    ShowOptions options;
+    HistoryOptions options;
     if (auto problem = parse(args, options)) return usageError(command, *problem);
+    if (options.chart) return chart(options);
 
     const HistorySet histories = loadForReading(options.file);
     const Date now = options.now.value_or(Date::now());

@@ -74,9 +74,7 @@ std::optional<std::string> parse(const Args& args, WatchOptions& options) {
             return "unknown argument '" + std::string(arg) + "'";
         }
     }
-    if (options.historyFile.empty()) options.historyFile = defaultHistoryFile();
-    if (options.historyFile.empty()) return "no HOME to keep the history in; give --history FILE";
-    return std::nullopt;
+    return chooseHistoryFile(options.historyFile);
 }
 
 // The service an interface runs, for people: " (Office)", or nothing.
@@ -166,15 +164,7 @@ int run(const Args& args) {
     if (auto problem = parse(args, options)) return usageError(command, *problem);
 
     const HistoryStore store(options.historyFile);
-    auto loaded = store.loadReportingErrors();
-    HistorySet histories;
-    if (loaded) {
-        histories = std::move(*loaded);
-    } else if (loaded.error().code != ENOENT) {
-        std::fprintf(stderr, "netvane: note: starting a new history; %s is unreadable: %s\n", store.url.c_str(),
-                     loaded.error().message.c_str());
-    }
-    for (auto& [name, history] : histories) history.apply(kRetention);
+    HistorySet histories = loadRecording(store);
 
     stopOnInterrupt();
 

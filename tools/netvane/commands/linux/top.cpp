@@ -71,9 +71,7 @@ std::optional<std::string> parse(const Args& args, TopOptions& options) {
             return "unknown argument '" + std::string(arg) + "'";
         }
     }
-    if (options.historyFile.empty()) options.historyFile = defaultHistoryFile();
-    if (options.historyFile.empty()) return "no HOME to keep the history in; give --history FILE";
-    return std::nullopt;
+    return chooseHistoryFile(options.historyFile);
 }
 
 // The curses screen, given back to the terminal on every way out.
@@ -152,14 +150,7 @@ int run(const Args& args) {
     }
 
     const HistoryStore store(options.historyFile);
-    HistorySet histories;
-    if (auto loaded = store.loadReportingErrors()) {
-        histories = std::move(*loaded);
-    } else if (loaded.error().code != ENOENT) {
-        std::fprintf(stderr, "netvane: note: starting a new history; %s is unreadable: %s\n", store.url.c_str(),
-                     loaded.error().message.c_str());
-    }
-    for (auto& [name, history] : histories) history.apply(kRecordingRetention);
+    HistorySet histories = loadRecording(store);
 
     std::setlocale(LC_ALL, "");
     const views::SparkGlyphs glyphs = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0
