@@ -32,8 +32,6 @@ namespace {
 constexpr double kDefaultInterval = 1;
 // Below this, readings would mostly measure the reading itself.
 constexpr double kMinimumInterval = 0.05;
-constexpr RateHistory::Retention kRetention = kRecordingRetention;
-constexpr double kSaveEvery = kRecordingSaveEvery;
 
 struct WatchOptions {
     double interval = kDefaultInterval;
@@ -193,7 +191,7 @@ int run(const Args& args) {
         for (const InterfaceSnapshot& snapshot : snapshots) {
             names.insert(snapshot.name);
             if (auto sample = tracker.update(snapshot.name, snapshot.counters, now, maxGap)) {
-                auto [it, fresh] = histories.try_emplace(snapshot.name, kRetention);
+                auto [it, fresh] = histories.try_emplace(snapshot.name, kRecordingRetention);
                 it->second.add(*sample);
                 rates.emplace_back(snapshot.name, *sample);
             }
@@ -203,7 +201,7 @@ int run(const Args& args) {
         const bool configurationRead = configurationChanged.exchange(false);
         if (configurationRead) configuration = SystemConfigurationReader::read();
         printReading(options, now, rates, snapshots.size(), configuration, configurationRead);
-        if (now.secondsSinceReference - lastSave >= kSaveEvery) {
+        if (now.secondsSinceReference - lastSave >= kRecordingSaveEvery) {
             saved = save(store, histories);
             lastSave = now.secondsSinceReference;
         }
