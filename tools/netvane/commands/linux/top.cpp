@@ -133,11 +133,13 @@ Wait waitUntil(double deadline, const std::function<void()>& redraw) {
     for (;;) {
         if (interrupted()) return Wait::quit;
         const double left = deadline - monotonicSeconds();
-        if (left <= 0) return Wait::timeUp;
-        timeout(static_cast<int>(std::ceil(left * 1000)));
+        // A reading that ran late still gets one look at the keys, so q
+        // works on a machine too busy to keep the interval.
+        timeout(left > 0 ? static_cast<int>(std::ceil(left * 1000)) : 0);
         const int key = getch();
         if (key == 'q' || key == 'Q') return Wait::quit;
         if (key == KEY_RESIZE) redraw();
+        if (left <= 0) return Wait::timeUp;
     }
 }
 
