@@ -22,6 +22,8 @@ namespace {
 constexpr double kDefaultPeriod = 3600;
 // A chart of an hour shows little; a day is what people look back on.
 constexpr double kDefaultChartPeriod = 86400;
+// Far beyond any history's retention, and within what a calendar labels.
+constexpr double kLongestChartPeriod = 100 * 365.25 * 86400;
 
 // What either subcommand was asked; each takes only its own options.
 struct HistoryOptions {
@@ -85,6 +87,7 @@ std::optional<std::string> parse(const Args& args, HistoryOptions& options) {
     }
     if (!haveFile) return "missing FILE";
     if (options.chart && options.output.empty()) return "missing -o OUT.svg (- for standard output)";
+    if (options.chart && options.period > kLongestChartPeriod) return "a chart's --period is at most 100 years";
     return std::nullopt;
 }
 

@@ -11,6 +11,8 @@ namespace netvane::views {
 namespace {
 
 constexpr double kDay = 86400;
+// Calendar text covers the years -9999 to 9999; ticks beyond get no label.
+constexpr double kCalendarReach = 9999 * 365.25 * kDay;
 
 // Round clock steps. Multiples of a day count whole local days from the
 // reference date, a Monday, so weekly ticks land on Mondays.
@@ -85,6 +87,7 @@ std::vector<TimeTick> timeTicks(Date from, Date to, int maxTicks, const UTCOffse
         // Labelled with the clock as it reads at that moment: a local time
         // skipped by a jump lands on the time after it.
         const double actual = moment.secondsSinceReference + static_cast<double>(offsetAt(moment));
+        if (!(std::abs(actual) < kCalendarReach)) continue;
         const LocalFields fields = localFields(actual);
         std::string label;
         if (std::fmod(actual, kDay) == 0) {
