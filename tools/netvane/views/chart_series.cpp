@@ -7,10 +7,6 @@
 namespace netvane::views {
 namespace {
 
-// Readings taken by one program at a fixed interval join end to start
-// exactly; anything further apart than this is a pause.
-constexpr double kJoinTolerance = 1e-3;
-
 // A bucket's place on the time line for stitching: the sample end for a raw
 // bucket, the slot start for a coarser one. Both tiers file a sample under
 // the slot its end falls into, which is what makes the hand-over exact.
@@ -98,7 +94,7 @@ std::vector<ChartStep> mergeSteps(const std::vector<ChartStep>& steps, double mi
         if (open) {
             ChartStep& current = merged.back();
             const bool joins = step.granularity == current.granularity &&
-                               std::abs(step.from - current.to) <= kJoinTolerance;
+                               std::abs(step.from - current.to) <= kStepJoinTolerance;
             if (joins && current.to - current.from < minWidth) {
                 current.to = step.to;
                 current.seconds += step.seconds;

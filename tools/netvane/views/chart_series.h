@@ -20,6 +20,10 @@
 
 namespace netvane::views {
 
+// Readings taken by one program at a fixed interval join end to start
+// exactly; steps further apart than this are a pause, drawn as a gap.
+inline constexpr double kStepJoinTolerance = 1e-3;
+
 struct ChartStep {
     double from = 0;  // seconds since the reference date
     double to = 0;

@@ -25,7 +25,6 @@ constexpr int kTimeTicks = 8;
 // Steps narrower than this many user units are joined: finer detail would
 // not show, and the document would grow with every sample.
 constexpr double kStepWidth = 2;
-constexpr double kJoinTolerance = 1e-3;
 
 constexpr const char* kStyle =
     "text{font-family:sans-serif;font-size:12px;fill:#333}"
@@ -56,7 +55,7 @@ std::string stepPath(const std::vector<ChartStep>& steps, const Plot& plot, bool
     for (std::size_t i = 0; i < steps.size(); ++i) {
         const ChartStep& step = steps[i];
         const double rate = in ? step.rateIn() : step.rateOut();
-        const bool joined = i > 0 && std::abs(step.from - steps[i - 1].to) <= kJoinTolerance;
+        const bool joined = i > 0 && std::abs(step.from - steps[i - 1].to) <= kStepJoinTolerance;
         if (!joined) {
             if (i > 0 && in) d += "V" + base + "Z";
             d += "M" + N::number(plot.x(step.from)) + " " + (in ? base + "V" + N::number(plot.y(rate)) : N::number(plot.y(rate)));
