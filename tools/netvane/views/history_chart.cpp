@@ -56,15 +56,18 @@ std::string stepPath(const std::vector<ChartStep>& steps, const Plot& plot, bool
         const ChartStep& step = steps[i];
         const double rate = in ? step.rateIn() : step.rateOut();
         const bool joined = i > 0 && std::abs(step.from - steps[i - 1].to) <= kStepJoinTolerance;
+        // Appended piece by piece: GCC 12 at -O3 misreads a literal-prefixed
+        // concatenation as an overlapping copy (-Wrestrict).
         if (!joined) {
-            if (i > 0 && in) d += "V" + base + "Z";
-            d += "M" + N::number(plot.x(step.from)) + " " + (in ? base + "V" + N::number(plot.y(rate)) : N::number(plot.y(rate)));
+            if (i > 0 && in) d.append("V").append(base).append("Z");
+            d.append("M").append(N::number(plot.x(step.from))).append(" ");
+            if (in) d.append(base).append("V");
         } else {
-            d += "V" + N::number(plot.y(rate));
+            d.append("V");
         }
-        d += "H" + N::number(plot.x(step.to));
+        d.append(N::number(plot.y(rate))).append("H").append(N::number(plot.x(step.to)));
     }
-    if (!steps.empty() && in) d += "V" + base + "Z";
+    if (!steps.empty() && in) d.append("V").append(base).append("Z");
     return d;
 }
 
