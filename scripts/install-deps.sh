@@ -9,6 +9,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libssl-dev libsystemd-dev
   iproute2 dbus polkitd pkexec curl
+  libncurses-dev                   # `netvane top`
+  tmux librsvg2-bin python3-lxml   # the views' tests: a terminal to run top in, SVG checks
   network-manager                  # the configuration backend's tests and benchmark
   systemd man-db dpkg-dev init-system-helpers  # unit checks, manual pages, the Debian packages
   lld llvm-14                      # the macOS cross build: ld64.lld, llvm-lipo, llvm-ar

@@ -7,11 +7,11 @@
 
 # The words that may follow a command path.
 declare -gA _netvane_words=(
-    [netvane]="admin history plist public-ip services status tunnels watch watch-config"
+    [netvane]="admin history plist public-ip services status top tunnels watch watch-config"
     [admin]="app control"
     ["admin app"]="status pair set-service unpair tunnels"
     ["admin control"]="status pending approve deny unpair-all"
-    [history]="show"
+    [history]="show chart"
     [plist]="show convert"
 )
 
@@ -22,6 +22,7 @@ declare -gA _netvane_operands=(
     ["admin control approve"]="-"
     ["admin control deny"]="-"
     ["history show"]="file"
+    ["history chart"]="file"
     ["plist show"]="file"
     ["plist convert"]="file"
 )
@@ -29,11 +30,12 @@ declare -gA _netvane_operands=(
 # The options of each command, wherever they stand after its name.
 declare -gA _netvane_options=(
     [admin]="--runtime-dir --token --json"
-    [history]="--period --json"
+    [history]="--period --now --interface -o --json"
     [plist]="--xml --json --to -o"
     [public-ip]="--provider --url --json-key-path --json"
     [services]="--json"
     [status]="--json"
+    [top]="--interval --history"
     [tunnels]="--json"
     [watch]="--interval --count --history --json"
     [watch-config]="--count --json"
@@ -43,8 +45,10 @@ declare -gA _netvane_options=(
 declare -gA _netvane_values=(
     [--count]="-"
     [--history]="file"
+    [--interface]="-"
     [--interval]="-"
     [--json-key-path]="-"
+    [--now]="-"
     [--period]="-"
     [--provider]="echoPrimary|echoSecondary"
     [--runtime-dir]="dir"

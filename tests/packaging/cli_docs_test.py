@@ -92,7 +92,7 @@ class Completion(unittest.TestCase):
         cases = {
             "netvane pu": ["public-ip"],
             "netvane plist ": ["convert", "show"],
-            "netvane history ": ["show"],
+            "netvane history ": ["chart", "show"],
             "netvane admin ": ["app", "control"],
             "netvane admin control ": ["approve", "deny", "pending", "status", "unpair-all"],
             # An option and its value in between do not count as words.

@@ -1,6 +1,7 @@
 // netvane history show: what a rate-history file says about each interface
 // over the period ending now, read the way the application reads it (an
 // unreadable file is an empty history, with a note saying why).
+// netvane history chart: the same histories drawn as an SVG document.
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -11,37 +12,70 @@
 #include "command.h"
 #include "netcore/history/history_store.h"
 #include "support/date.h"
+#include "support/files.h"
 #include "support/json.h"
+#include "views/history_chart.h"
 
 namespace netvane::cli {
 namespace {
 
 constexpr double kDefaultPeriod = 3600;
+// A chart of an hour shows little; a day is what people look back on.
+constexpr double kDefaultChartPeriod = 86400;
+// Far beyond any history's retention, and within what a calendar labels.
+constexpr double kLongestChartPeriod = 100 * 365.25 * 86400;
 
-struct ShowOptions {
+// What either subcommand was asked; each takes only its own options.
+struct HistoryOptions {
+    bool chart = false;
     std::string file;
     double period = kDefaultPeriod;
-    bool json = false;
+    std::optional<Date> now;
+    bool json = false;                     // show
+    std::optional<std::string> interface;  // chart
+    std::string output;                    // chart
 };
 
 int run(const Args& args);
 
-const Command command("history", "netvane history show FILE [--period SECONDS] [--json]",
-                      "traffic per interface in a rate-history file over the last SECONDS (default 3600)", run);
+const Command command("history",
+                      "netvane history show FILE [--period SECONDS] [--now TIME] [--json]\n"
+                      "netvane history chart FILE [--period SECONDS] [--interface NAME] [--now TIME] -o OUT.svg",
+                      "traffic per interface in a rate-history file over the last SECONDS, as text "
+                      "(default 3600) or as an SVG chart (default 86400)",
+                      run);
 
 // Fills options or returns the usage problem.
-std::optional<std::string> parse(const Args& args, ShowOptions& options) {
-    if (args.empty() || args[0] != "show") return "expected the subcommand 'show'";
+std::optional<std::string> parse(const Args& args, HistoryOptions& options) {
+    if (args.empty() || (args[0] != "show" && args[0] != "chart")) return "expected the subcommand 'show' or 'chart'";
+    options.chart = args[0] == "chart";
+    if (options.chart) options.period = kDefaultChartPeriod;
     bool haveFile = false;
     for (std::size_t i = 1; i < args.size(); ++i) {
         std::string_view arg = args[i];
-        if (arg == "--json") {
-            options.json = true;
-        } else if (arg == "--period") {
-            if (++i == args.size()) return "--period needs a number of seconds";
-            auto period = parsePositiveSeconds(args[i]);
-            if (!period) return "--period must be a positive number of seconds, not '" + std::string(args[i]) + "'";
+        auto next = [&]() -> std::optional<std::string_view> {
+            if (i + 1 == args.size()) return std::nullopt;
+            return args[++i];
+        };
+        if (arg == "--period") {
+            auto text = next();
+            auto period = text ? parsePositiveSeconds(*text) : std::nullopt;
+            if (!period) return "--period needs a positive number of seconds";
             options.period = *period;
+        } else if (arg == "--now") {
+            auto text = next();
+            options.now = text ? parseISO8601(*text) : std::nullopt;
+            if (!options.now) return "--now needs a time such as 2026-11-23T14:00:00Z";
+        } else if (arg == "--json" && !options.chart) {
+            options.json = true;
+        } else if (arg == "--interface" && options.chart) {
+            auto text = next();
+            if (!text || text->empty()) return "--interface needs an interface name";
+            options.interface = std::string(*text);
+        } else if (arg == "-o" && options.chart) {
+            auto text = next();
+            if (!text || text->empty()) return "-o needs a file to write the chart to (- for standard output)";
+            options.output = std::string(*text);
         } else if (arg.starts_with("-") && arg != "-") {
             return "unknown option '" + std::string(arg) + "'";
         } else if (haveFile) {
@@ -52,6 +86,8 @@ std::optional<std::string> parse(const Args& args, ShowOptions& options) {
         }
     }
     if (!haveFile) return "missing FILE";
+    if (options.chart && options.output.empty()) return "missing -o OUT.svg (- for standard output)";
+    if (options.chart && options.period > kLongestChartPeriod) return "a chart's --period is at most 100 years";
     return std::nullopt;
 }
 
@@ -67,7 +103,7 @@ std::string tierName(const Tier& tier) {
     return tier.isRaw() ? std::string("raw") : number(tier.granularity, "%g") + " s";
 }
 
-plist::Value jsonReport(const ShowOptions& options, Date now, const HistorySet& histories) {
+plist::Value jsonReport(const HistoryOptions& options, Date now, const HistorySet& histories) {
     plist::Dictionary interfaces;
     for (const auto& [name, history] : histories) {
         RateAggregate a = history.aggregate(options.period, now);
@@ -94,7 +130,7 @@ plist::Value jsonReport(const ShowOptions& options, Date now, const HistorySet& 
                              {"interfaces", std::move(interfaces)}};
 }
 
-void printText(const ShowOptions& options, Date now, const HistorySet& histories) {
+void printText(const HistoryOptions& options, Date now, const HistorySet& histories) {
     std::printf("%s: %s s up to %s\n", options.file.c_str(), number(options.period, "%g").c_str(),
                 formatISO8601(now).c_str());
     if (histories.empty()) std::printf("no interface histories\n");
@@ -118,19 +154,50 @@ void printText(const ShowOptions& options, Date now, const HistorySet& histories
     }
 }
 
-int run(const Args& args) {
-    ShowOptions options;
-    if (auto problem = parse(args, options)) return usageError(command, *problem);
+HistorySet loadForReading(const std::string& file) {
+    auto loaded = HistoryStore(file).loadReportingErrors();
+    if (loaded) return std::move(*loaded);
+    std::fprintf(stderr, "netvane: note: %s is unreadable, so its history is empty: %s\n", file.c_str(),
+                 loaded.error().message.c_str());
+    return {};
+}
 
-    auto loaded = HistoryStore(options.file).loadReportingErrors();
-    HistorySet histories;
-    if (loaded) {
-        histories = std::move(*loaded);
-    } else {
-        std::fprintf(stderr, "netvane: note: %s is unreadable, so its history is empty: %s\n", options.file.c_str(),
-                     loaded.error().message.c_str());
+int chart(const HistoryOptions& options) {
+    HistorySet histories = loadForReading(options.file);
+    if (options.interface) {
+        auto found = histories.find(*options.interface);
+        if (found == histories.end()) {
+            std::string names;
+            for (const auto& [name, history] : histories) names += (names.empty() ? "" : ", ") + name;
+            return failure("no history of interface '" + *options.interface + "' in " + options.file +
+                           (names.empty() ? "" : " (it holds " + names + ")"));
+        }
+        HistorySet one;
+        one.insert(*found);
+        histories = std::move(one);
     }
-    const Date now = Date::now();
+    views::ChartRequest request;
+    request.source = options.file;
+    request.period = options.period;
+    request.now = options.now.value_or(Date::now());
+    const std::string document = views::renderHistoryChart(histories, request);
+    if (options.output == "-") {
+        std::fwrite(document.data(), 1, document.size(), stdout);
+        return std::fflush(stdout) == 0 ? kExitOK : failure("cannot write the chart to standard output");
+    }
+    // Atomically, so an existing chart is either replaced whole or kept.
+    Status written = writeFileAtomically(options.output, std::string_view(document), 0644);
+    if (!written) return failure("cannot write the chart to " + options.output + ": " + written.error().message);
+    return kExitOK;
+}
+
+int run(const Args& args) {
+    HistoryOptions options;
+    if (auto problem = parse(args, options)) return usageError(command, *problem);
+    if (options.chart) return chart(options);
+
+    const HistorySet histories = loadForReading(options.file);
+    const Date now = options.now.value_or(Date::now());
     if (options.json) {
         std::printf("%s\n", toJSON(jsonReport(options, now, histories)).c_str());
     } else {

@@ -17,6 +17,7 @@
 
 #include "command.h"
 #include "configuration_report.h"
+#include "history_recording.h"
 #include "netcore/history/history_store.h"
 #include "netcore/interfaces/counter_delta_tracker.h"
 #include "netcore/interfaces/interface_reader.h"
@@ -31,11 +32,6 @@ namespace {
 constexpr double kDefaultInterval = 1;
 // Below this, readings would mostly measure the reading itself.
 constexpr double kMinimumInterval = 0.05;
-// How long each tier keeps its buckets: an hour of raw samples, a week of
-// minutes, ninety days of hours.
-constexpr RateHistory::Retention kRetention{3600, 7 * 86400, 90 * 86400};
-// The history goes to disk this often, and once more on the way out.
-constexpr double kSaveEvery = 60;
 
 struct WatchOptions {
     double interval = kDefaultInterval;
@@ -48,16 +44,6 @@ int run(const Args& args);
 
 const Command command("watch", "netvane watch [--interval SECONDS] [--count N] [--history FILE] [--json]",
                       "live per-interface rates, recorded into the rate history (Ctrl-C stops)", run);
-
-std::string defaultHistoryFile() {
-    if (const char* state = std::getenv("XDG_STATE_HOME"); state != nullptr && state[0] == '/') {
-        return std::string(state) + "/netvane/history.plist";
-    }
-    if (const char* home = std::getenv("HOME"); home != nullptr && home[0] != '\0') {
-        return std::string(home) + "/.local/state/netvane/history.plist";
-    }
-    return "";
-}
 
 std::optional<std::string> parse(const Args& args, WatchOptions& options) {
     for (std::size_t i = 0; i < args.size(); ++i) {
@@ -86,9 +72,7 @@ std::optional<std::string> parse(const Args& args, WatchOptions& options) {
             return "unknown argument '" + std::string(arg) + "'";
         }
     }
-    if (options.historyFile.empty()) options.historyFile = defaultHistoryFile();
-    if (options.historyFile.empty()) return "no HOME to keep the history in; give --history FILE";
-    return std::nullopt;
+    return chooseHistoryFile(options.historyFile);
 }
 
 // The service an interface runs, for people: " (Office)", or nothing.
@@ -178,15 +162,7 @@ int run(const Args& args) {
     if (auto problem = parse(args, options)) return usageError(command, *problem);
 
     const HistoryStore store(options.historyFile);
-    auto loaded = store.loadReportingErrors();
-    HistorySet histories;
-    if (loaded) {
-        histories = std::move(*loaded);
-    } else if (loaded.error().code != ENOENT) {
-        std::fprintf(stderr, "netvane: note: starting a new history; %s is unreadable: %s\n", store.url.c_str(),
-                     loaded.error().message.c_str());
-    }
-    for (auto& [name, history] : histories) history.apply(kRetention);
+    HistorySet histories = loadRecording(store);
 
     stopOnInterrupt();
 
@@ -215,7 +191,7 @@ int run(const Args& args) {
         for (const InterfaceSnapshot& snapshot : snapshots) {
             names.insert(snapshot.name);
             if (auto sample = tracker.update(snapshot.name, snapshot.counters, now, maxGap)) {
-                auto [it, fresh] = histories.try_emplace(snapshot.name, kRetention);
+                auto [it, fresh] = histories.try_emplace(snapshot.name, kRecordingRetention);
                 it->second.add(*sample);
                 rates.emplace_back(snapshot.name, *sample);
             }
@@ -225,7 +201,7 @@ int run(const Args& args) {
         const bool configurationRead = configurationChanged.exchange(false);
         if (configurationRead) configuration = SystemConfigurationReader::read();
         printReading(options, now, rates, snapshots.size(), configuration, configurationRead);
-        if (now.secondsSinceReference - lastSave >= kSaveEvery) {
+        if (now.secondsSinceReference - lastSave >= kRecordingSaveEvery) {
             saved = save(store, histories);
             lastSave = now.secondsSinceReference;
         }

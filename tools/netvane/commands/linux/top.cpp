@@ -1,0 +1,245 @@
+// netvane top: a full-screen view of the interfaces' traffic, redrawn every
+// interval. It reads and records exactly as `watch` does (the same counter
+// tracking, the same history file and retention), so either continues what
+// the other recorded; the terminal work is all here, what it shows is
+// decided in views/top_view.
+#include <curses.h>
+#include <langinfo.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <clocale>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_set>
+
+#include "command.h"
+#include "history_recording.h"
+#include "netcore/history/history_store.h"
+#include "netcore/interfaces/counter_delta_tracker.h"
+#include "netcore/interfaces/interface_reader.h"
+#include "netcore/sysconfig/network_change_watcher.h"
+#include "netcore/sysconfig/system_configuration_reader.h"
+#include "support/date.h"
+#include "views/time_axis.h"
+#include "views/top_view.h"
+
+namespace netvane::cli {
+namespace {
+
+constexpr double kDefaultInterval = 1;
+// Faster than this the screen flickers and the readings mostly measure
+// themselves.
+constexpr double kMinimumInterval = 0.1;
+
+struct TopOptions {
+    double interval = kDefaultInterval;
+    std::string historyFile;
+};
+
+int run(const Args& args);
+
+const Command command("top", "netvane top [--interval SECONDS] [--history FILE]",
+                      "full-screen live view of each interface's traffic, recorded into the rate history (q quits)",
+                      run);
+
+std::optional<std::string> parse(const Args& args, TopOptions& options) {
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        std::string_view arg = args[i];
+        auto next = [&]() -> std::optional<std::string_view> {
+            if (i + 1 == args.size()) return std::nullopt;
+            return args[++i];
+        };
+        if (arg == "--interval") {
+            auto text = next();
+            auto value = text ? parsePositiveSeconds(*text) : std::nullopt;
+            if (!value || *value < kMinimumInterval) return "--interval needs a number of seconds of at least 0.1";
+            options.interval = *value;
+        } else if (arg == "--history") {
+            auto text = next();
+            if (!text || text->empty()) return "--history needs a file";
+            options.historyFile = std::string(*text);
+        } else {
+            return "unknown argument '" + std::string(arg) + "'";
+        }
+    }
+    return chooseHistoryFile(options.historyFile);
+}
+
+// The curses screen, given back to the terminal on every way out.
+class Terminal {
+public:
+    static std::unique_ptr<Terminal> open() {
+        SCREEN* screen = newterm(nullptr, stdout, stdin);
+        if (screen == nullptr) return nullptr;
+        std::unique_ptr<Terminal> terminal(new Terminal(screen));
+        cbreak();
+        noecho();
+        keypad(stdscr, TRUE);
+        curs_set(0);
+        return terminal;
+    }
+    ~Terminal() {
+        endwin();
+        delscreen(screen_);
+    }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+private:
+    explicit Terminal(SCREEN* screen) : screen_(screen) {}
+    SCREEN* screen_;
+};
+
+double monotonicSeconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+std::string localClock(Date now) {
+    const long offset = views::localUTCOffset(now);
+    return formatISO8601(Date{now.secondsSinceReference + static_cast<double>(offset)}).substr(11, 8);
+}
+
+void draw(const std::vector<views::TopRow>& rows, views::TopScreen screen, Date now, const views::SparkGlyphs& glyphs) {
+    screen.width = COLS;
+    screen.height = LINES;
+    const std::vector<std::string> lines = views::topLines(rows, screen, now, glyphs);
+    erase();
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        // The title, the column heads and the primary interface stand out.
+        const bool strong = i == 0 || i == 2 || (i > 2 && lines[i].starts_with("* "));
+        if (strong) attron(A_BOLD);
+        mvaddstr(static_cast<int>(i), 0, lines[i].c_str());
+        if (strong) attroff(A_BOLD);
+    }
+    refresh();
+}
+
+enum class Wait { timeUp, quit };
+
+// Waits for the next reading's time, answering keys meanwhile: q quits, a
+// resized terminal is drawn again at once.
+Wait waitUntil(double deadline, const std::function<void()>& redraw) {
+    for (;;) {
+        if (interrupted()) return Wait::quit;
+        const double left = deadline - monotonicSeconds();
+        // A reading that ran late still gets one look at the keys, so q
+        // works on a machine too busy to keep the interval.
+        timeout(left > 0 ? static_cast<int>(std::ceil(left * 1000)) : 0);
+        const int key = getch();
+        if (key == 'q' || key == 'Q') return Wait::quit;
+        if (key == KEY_RESIZE) redraw();
+        if (left <= 0) return Wait::timeUp;
+    }
+}
+
+int run(const Args& args) {
+    TopOptions options;
+    if (auto problem = parse(args, options)) return usageError(command, *problem);
+    if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) {
+        return failure("top draws on a terminal, and its input or output is not one; "
+                       "'netvane watch' prints the same rates as lines");
+    }
+
+    const HistoryStore store(options.historyFile);
+    HistorySet histories = loadRecording(store);
+
+    std::setlocale(LC_ALL, "");
+    const views::SparkGlyphs glyphs = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0
+                                          ? views::SparkGlyphs::blocks()
+                                          : views::SparkGlyphs::ascii();
+    stopOnInterrupt();
+    std::optional<std::string> saveError;
+    {
+        auto terminal = Terminal::open();
+        if (!terminal) {
+            const char* term = std::getenv("TERM");
+            return failure(std::string("cannot draw on this terminal (TERM=") + (term ? term : "unset") + ")");
+        }
+        const double maxGap = std::max(2 * options.interval, options.interval + 1);
+        // Samples enough to cover the window, with room for jitter.
+        const auto recentCount = static_cast<std::int64_t>(std::ceil(views::kTopWindow / options.interval)) + 2;
+        InterfaceReader reader;
+        CounterDeltaTracker tracker;
+        std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> totals;
+        std::atomic<bool> configurationChanged{true};
+        auto watcherQueue = std::make_shared<SerialQueue>("top");
+        const NetworkChangeWatcher watcher(watcherQueue,
+                                           [&](const std::vector<std::string>&) { configurationChanged = true; });
+        std::set<std::string> primaries;
+        const double start = monotonicSeconds();
+        double lastSave = Date::now().secondsSinceReference;
+        for (std::uint64_t reading = 0;; ++reading) {
+            const Date now = Date::now();
+            std::vector<views::TopInterface> interfaces;
+            std::unordered_set<std::string> names;
+            bool anyRate = false;
+            for (const InterfaceSnapshot& snapshot : reader.snapshot()) {
+                names.insert(snapshot.name);
+                views::TopInterface interface;
+                interface.name = snapshot.name;
+                if (auto sample = tracker.update(snapshot.name, snapshot.counters, now, maxGap)) {
+                    auto [it, fresh] = histories.try_emplace(snapshot.name, kRecordingRetention);
+                    it->second.add(*sample);
+                    auto& [in, out] = totals[snapshot.name];
+                    in = checkedByteSum(in, sample->bytesIn);
+                    out = checkedByteSum(out, sample->bytesOut);
+                    interface.current = *sample;
+                    anyRate = true;
+                }
+                interfaces.push_back(std::move(interface));
+            }
+            tracker.retain(names);
+            for (auto& [name, history] : histories) history.prune(now);
+            for (views::TopInterface& interface : interfaces) {
+                if (auto found = totals.find(interface.name); found != totals.end()) {
+                    interface.totalIn = found->second.first;
+                    interface.totalOut = found->second.second;
+                }
+                if (auto found = histories.find(interface.name); found != histories.end() && !found->second.tiers.empty()) {
+                    interface.recent = found->second.recentSamples(recentCount);
+                }
+            }
+            if (configurationChanged.exchange(false)) {
+                const NetworkMetadata configuration = SystemConfigurationReader::read();
+                primaries.clear();
+                if (configuration.primaryIPv4Interface) primaries.insert(*configuration.primaryIPv4Interface);
+                if (configuration.primaryIPv6Interface) primaries.insert(*configuration.primaryIPv6Interface);
+            }
+            const std::vector<views::TopRow> rows = views::topRows(interfaces, primaries, now);
+            views::TopScreen screen;
+            screen.clock = localClock(now);
+            screen.interval = options.interval;
+            screen.firstReading = !anyRate;
+            auto redraw = [&] { draw(rows, screen, now, glyphs); };
+            redraw();
+            if (now.secondsSinceReference - lastSave >= kRecordingSaveEvery) {
+                if (Status saved = store.save(histories); !saved) saveError = saved.error().message;
+                lastSave = now.secondsSinceReference;
+            }
+            if (waitUntil(start + options.interval * static_cast<double>(reading + 1), redraw) == Wait::quit) break;
+        }
+    }
+    // The last save holds everything: an earlier failure that this one
+    // overcame lost nothing.
+    if (Status saved = store.save(histories); !saved) {
+        saveError = saved.error().message;
+    } else {
+        saveError.reset();
+    }
+    if (saveError) return failure("cannot save the history to " + store.url + ": " + *saveError);
+    return kExitOK;
+}
+
+}  // namespace
+}  // namespace netvane::cli
