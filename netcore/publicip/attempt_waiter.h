@@ -1,12 +1,13 @@
 // One attempt's deadline and cancellation, as descriptors a poll can wait on.
 //
-// The deadline runs on the boot-time clock, which keeps counting while the
-// machine sleeps, so a suspended attempt times out on waking instead of
-// starting its budget over. Every blocking wait of the attempt goes through
+// The deadline runs on a clock that keeps counting while the machine sleeps,
+// so a suspended attempt times out on waking instead of starting its budget
+// over. One implementation per OS. Every blocking wait of the attempt goes through
 // `wait`; the owner of the attempt is its only user.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 
 #include "netcore/publicip/byte_stream.h"
 #include "support/result.h"
@@ -26,11 +27,14 @@ public:
     Status check() const;
 
 private:
-    AttemptWaiter(UniqueFd timer, const Cancellation* cancellation)
-        : timer_(std::move(timer)), cancellation_(cancellation) {}
+    AttemptWaiter(UniqueFd timer, std::int64_t deadline, const Cancellation* cancellation)
+        : timer_(std::move(timer)), deadline_(deadline), cancellation_(cancellation) {}
     Status poll(int fd, short events, int timeoutMs) const;
 
+    // Each platform keeps the deadline its own way: a timer descriptor that
+    // turns readable, or a point in nanoseconds on the sleep-inclusive clock.
     UniqueFd timer_;
+    std::int64_t deadline_ = 0;
     const Cancellation* cancellation_ = nullptr;
 };
 
