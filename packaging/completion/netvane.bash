@@ -7,7 +7,7 @@
 
 # The words that may follow a command path.
 declare -gA _netvane_words=(
-    [netvane]="admin history plist public-ip status tunnels watch"
+    [netvane]="admin history plist public-ip services status tunnels watch watch-config"
     [admin]="app control"
     ["admin app"]="status pair set-service unpair tunnels"
     ["admin control"]="status pending approve deny unpair-all"
@@ -32,9 +32,11 @@ declare -gA _netvane_options=(
     [history]="--period --json"
     [plist]="--xml --json --to -o"
     [public-ip]="--provider --url --json-key-path --json"
+    [services]="--json"
     [status]="--json"
     [tunnels]="--json"
     [watch]="--interval --count --history --json"
+    [watch-config]="--count --json"
 )
 
 # Options that take a value, and its kind (as for operands).
