@@ -43,6 +43,13 @@ Error errorOf(nw_error_t error) {
     }
 }
 
+bool isIP(nw_protocol_options_t options) {
+    if (options == nullptr) return false;
+    NetworkRef<nw_protocol_definition_t> definition(nw_protocol_options_copy_definition(options));
+    NetworkRef<nw_protocol_definition_t> ip(nw_protocol_copy_ip_definition());
+    return nw_protocol_definition_is_equal(definition.get(), ip.get());
+}
+
 class NetworkConnection final : public CallbackConnection {
 public:
     NetworkConnection(nw_connection_t connection, dispatch_queue_t queue)
@@ -125,8 +132,8 @@ public:
                                             NW_PARAMETERS_DEFAULT_CONFIGURATION));
         NetworkRef<nw_protocol_stack_t> stack(nw_parameters_copy_default_protocol_stack(parameters.get()));
         NetworkRef<nw_protocol_options_t> ip(nw_protocol_stack_copy_internet_protocol(stack.get()));
-        // A stack without IP options goes on without the restriction.
-        if (ip.get() != nullptr) {
+        // A stack whose internet protocol is not IP goes on without the restriction.
+        if (isIP(ip.get())) {
             nw_ip_options_set_version(ip.get(), target.version == IPVersion::v4 ? nw_ip_version_4 : nw_ip_version_6);
         }
         const std::string port = std::to_string(target.port);
