@@ -32,9 +32,10 @@ private:
     Status poll(int fd, short events, int timeoutMs) const;
 
     // Each platform keeps the deadline its own way: a timer descriptor that
-    // turns readable, or a point in nanoseconds on the sleep-inclusive clock.
-    UniqueFd timer_;
-    std::int64_t deadline_ = 0;
+    // turns readable, or a point in nanoseconds on the sleep-inclusive clock;
+    // the other stays unused.
+    [[maybe_unused]] UniqueFd timer_;
+    [[maybe_unused]] std::int64_t deadline_ = 0;
     const Cancellation* cancellation_ = nullptr;
 };
 
