@@ -240,7 +240,10 @@ Status AdminDaemon::setServiceEnabled(const std::string& serviceID, bool enabled
     auto changed = ServiceConfigurator::setEnabled(backends_.preferences.get(), serviceID, enabled, &reason);
     if (!changed) {
         // The wire carries only the fixed message; the administrator reads why here.
-        if (!reason.empty()) log(uid, "uid " + std::to_string(uid) + " could not set service " + serviceID + ": " + reason);
+        // The ID is the caller's text and is only logged once it looks like an ID,
+        // so that no caller can write lines of its own into the log.
+        const std::string named = isPlausibleServiceID(serviceID) ? serviceID : "(an implausible ID)";
+        if (!reason.empty()) log(uid, "uid " + std::to_string(uid) + " could not set service " + named + ": " + reason);
         return changed;
     }
     log(uid, "uid " + std::to_string(uid) + " set service " + serviceID + " enabled=" + (enabled ? "true" : "false"));

@@ -305,6 +305,13 @@ TEST_F(ServiceSwitchTest, RefusalsPassThroughAndOnlyTheStoresReasonIsLogged) {
     EXPECT_EQ(codeOf(refused), AdminError::configurationFailed);
     EXPECT_EQ(refused.error().message, "macOS refused the network configuration change") << "the wire's text is fixed";
     EXPECT_EQ(logLines(), (std::vector<std::string>{"uid 501 could not set service ABC: commit refused"}));
+
+    // With the store refusing before the ID is looked at, a caller's text that
+    // is no ID must not reach the log: it could forge lines of its own.
+    preferences_->fail({.open = true});
+    const std::string forged = "X: open refused\nuid 0 set service Y enabled=true";
+    EXPECT_EQ(codeOf(daemon_->setServiceEnabled(forged, true, first_, kUser)), AdminError::configurationFailed);
+    EXPECT_EQ(logLines().back(), "uid 501 could not set service (an implausible ID): open refused");
 }
 
 TEST_F(ServiceSwitchTest, NoPreferencesBackendIsAConfigurationFailure) {
