@@ -1,9 +1,10 @@
-// One attempt's deadline and cancellation, as descriptors a poll can wait on.
+// One attempt's deadline and cancellation, watched beside the descriptor that
+// each of its waits polls.
 //
 // The deadline runs on a clock that keeps counting while the machine sleeps,
 // so a suspended attempt times out on waking instead of starting its budget
-// over. One implementation per OS. Every blocking wait of the attempt goes through
-// `wait`; the owner of the attempt is its only user.
+// over; one implementation per OS. Every blocking wait of the attempt goes
+// through `wait`; the owner of the attempt is its only user.
 #pragma once
 
 #include <chrono>
