@@ -14,6 +14,7 @@
 
 #include "netcore/interfaces/platform_address_list.h"
 #include "netcore/shim/nv_shim.h"
+#include "support/descriptors.h"
 #include "support/unicode.h"
 
 namespace netvane {
@@ -92,7 +93,7 @@ IPv4Address ipv4Address(const ifaddrs& entry) {
 }
 
 InterfaceReader::InterfaceReader()
-    : sock4_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), sock6_(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+    : sock4_(openSocket(AF_INET, SOCK_DGRAM, 0)), sock6_(openSocket(AF_INET6, SOCK_DGRAM, 0)) {}
 
 IPv6Address InterfaceReader::ipv6Address(const ifaddrs& entry, const std::string& ifname) const {
     return ipv6Address(entry, ifname, nullptr);

@@ -1,20 +1,20 @@
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "netcore/publicip/byte_stream.h"
+#include "support/descriptors.h"
 
 namespace netvane {
 
 Cancellation::Cancellation() {
-    int ends[2];
     // Without a pipe (no descriptors left) waits still see the flag, but only
     // when their own descriptor or timeout wakes them.
-    // Close-on-exec from the start: another thread may fork and exec meanwhile.
-    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
-    readEnd_.reset(ends[0]);
-    writeEnd_.reset(ends[1]);
+    // Close-on-exec: another thread may fork and exec meanwhile.
+    auto pipe = openPipe(true);
+    if (!pipe) return;
+    readEnd_ = std::move(pipe->readEnd);
+    writeEnd_ = std::move(pipe->writeEnd);
 }
 
 void Cancellation::cancel() {

@@ -1,4 +1,4 @@
-#include "netcore/publicip/linux/attempt_waiter.h"
+#include "netcore/publicip/attempt_waiter.h"
 
 #include <poll.h>
 #include <sys/timerfd.h>
@@ -17,7 +17,7 @@ Result<AttemptWaiter> AttemptWaiter::start(std::chrono::milliseconds timeout, co
     deadline.it_value.tv_sec = static_cast<time_t>(std::chrono::duration_cast<std::chrono::seconds>(budget).count());
     deadline.it_value.tv_nsec = static_cast<long>((budget % std::chrono::seconds(1)).count());
     if (::timerfd_settime(timer.get(), 0, &deadline, nullptr) != 0) return posixError(errno, "timerfd_settime");
-    return AttemptWaiter(std::move(timer), cancellation);
+    return AttemptWaiter(std::move(timer), 0, cancellation);
 }
 
 Status AttemptWaiter::wait(int fd, short events) const { return poll(fd, events, -1); }

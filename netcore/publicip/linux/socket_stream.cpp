@@ -10,7 +10,7 @@
 #include <cstring>
 #include <thread>
 
-#include "netcore/publicip/linux/attempt_waiter.h"
+#include "netcore/publicip/attempt_waiter.h"
 #include "netcore/publicip/linux/tls_stream.h"
 
 namespace netvane {

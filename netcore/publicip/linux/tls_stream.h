@@ -5,7 +5,7 @@
 #include <string>
 
 #include "netcore/publicip/byte_stream.h"
-#include "netcore/publicip/linux/attempt_waiter.h"
+#include "netcore/publicip/attempt_waiter.h"
 
 struct ssl_ctx_st;
 

@@ -53,9 +53,6 @@ void nv_linux_ifdata(const void* stats, size_t length, uint32_t mtu, uint32_t ha
 /* Interface flags in the IFF_* layout of the shared bit names. */
 uint32_t nv_linux_interface_flags(uint32_t kernel_flags);
 
-/* Bounded, zero-filled copy of an interface name into a 16-byte field. */
-void nv_linux_copy_name(char dest[16], const char* ifname);
-
 /* Speed, duplex, port and negotiation of a link (ETHTOOL_GLINKSETTINGS);
  * sock may be any socket. *words, when given, is the mask size to try first
  * (0: unknown, costing one more request) and on success the kernel's. */

@@ -7,6 +7,7 @@
 #include <sys/ioctl.h>
 
 #include "netcore/shim/linux/nv_linux.h"
+#include "netcore/shim/nv_records.h"
 #include "netcore/shim/nv_shim.h"
 
 #define NV_ETHERNET_AUTOSELECT 0x20
@@ -17,7 +18,7 @@
 static int ethtool(int sock, const char* ifname, void* request) {
     struct ifreq ifr;
     memset(&ifr, 0, sizeof ifr);
-    nv_linux_copy_name(ifr.ifr_name, ifname);
+    nv_copy_ifname(ifr.ifr_name, ifname);
     ifr.ifr_data = request;
     return ioctl(sock, SIOCETHTOOL, &ifr) == 0;
 }
@@ -158,7 +159,7 @@ int nv_get_mtu(int sock, const char* ifname, uint32_t* out) {
     if (!ifname || !out) return 0;
     struct ifreq ifr;
     memset(&ifr, 0, sizeof ifr);
-    nv_linux_copy_name(ifr.ifr_name, ifname);
+    nv_copy_ifname(ifr.ifr_name, ifname);
     if (ioctl(sock, SIOCGIFMTU, &ifr) != 0 || ifr.ifr_mtu < 0) return 0;
     *out = (uint32_t)ifr.ifr_mtu;
     return 1;

@@ -177,8 +177,3 @@ uint32_t nv_linux_interface_flags(uint32_t kernel_flags) {
     if (kernel_flags & IFF_MULTICAST) flags |= 0x8000;
     return flags;
 }
-
-void nv_linux_copy_name(char dest[16], const char* ifname) {
-    memset(dest, 0, 16);
-    if (ifname) strncpy(dest, ifname, 15);
-}

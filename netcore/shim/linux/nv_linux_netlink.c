@@ -23,6 +23,7 @@
 #include <linux/rtnetlink.h>
 
 #include "netcore/shim/linux/nv_linux.h"
+#include "netcore/shim/nv_records.h"
 #include "netcore/shim/nv_shim.h"
 
 /* Room for one link message with every attribute the kernel adds by default,
@@ -178,7 +179,7 @@ int nv_linux_request_link(unsigned int index, const char* ifname, nv_linux_link_
     request.info.ifi_index = (int)index;
     if (index == 0) {
         char name[16];
-        nv_linux_copy_name(name, ifname);
+        nv_copy_ifname(name, ifname);
         put_attribute(&request.header, IFLA_IFNAME, name, strlen(name) + 1);
     }
     unsigned char* buf = malloc(NV_NETLINK_REPLY_SIZE);
@@ -210,7 +211,7 @@ int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
     /* The index may have been handed to another interface since the caller
      * read it; foreign counters would be worse than none. */
     char expected[16];
-    nv_linux_copy_name(expected, ifname);
+    nv_copy_ifname(expected, ifname);
     if (strncmp(expected, link.name, 16) != 0) return 0;
     nv_ifdata_t data = link.data;
     if (nv_linux_link_has_device(&link)) {
@@ -228,7 +229,7 @@ int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in
     if (!addr || addr->sin6_family != AF_INET6 || !ifname || !out) return 0;
     struct ifreq ifr;
     memset(&ifr, 0, sizeof ifr);
-    nv_linux_copy_name(ifr.ifr_name, ifname);
+    nv_copy_ifname(ifr.ifr_name, ifname);
     if (ioctl(sock, SIOCGIFINDEX, &ifr) != 0) return 0;
 
     struct {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "netcore/shim/linux/nv_linux.h"
+#include "netcore/shim/nv_records.h"
 #include "netcore/shim/nv_shim.h"
 
 int nv_linux_read_text(int dirfd, const char* path, char* buf, size_t size) {
@@ -38,7 +39,7 @@ int nv_linux_read_long(int dirfd, const char* path, long* out) {
 /* A directory named after the interface below base; -1 when there is none. */
 static int open_interface_dir(const char* base, const char* ifname) {
     char name[16];
-    nv_linux_copy_name(name, ifname);
+    nv_copy_ifname(name, ifname);
     if (name[0] == '\0' || name[0] == '.' || strchr(name, '/')) return -1;
     char path[96];
     snprintf(path, sizeof path, "%s/%s", base, name);
@@ -104,7 +105,7 @@ int nv_get_nd6_flags(int sock, const char* ifname, uint32_t* out) {
     if (!ok) return 0;
     struct ifreq ifr;
     memset(&ifr, 0, sizeof ifr);
-    nv_linux_copy_name(ifr.ifr_name, ifname);
+    nv_copy_ifname(ifr.ifr_name, ifname);
     int noarp = ioctl(sock, SIOCGIFFLAGS, &ifr) == 0 && (ifr.ifr_flags & IFF_NOARP);
     *out = nv_linux_nd6_flags((int)accept_ra, (int)disable_ipv6, (int)accept_dad, noarp);
     return 1;

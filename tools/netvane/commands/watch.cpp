@@ -141,8 +141,20 @@ bool save(const HistoryStore& store, const HistorySet& histories) {
     return saved.ok();
 }
 
+// Relative sleeps towards an absolute point, so that drift does not add up
+// over a long watch; an interrupting signal cuts a sleep short and the loop
+// looks at the flag again.
 void sleepUntil(const timespec& deadline) {
-    while (!interrupted() && ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    while (!interrupted()) {
+        timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        timespec left{deadline.tv_sec - now.tv_sec, deadline.tv_nsec - now.tv_nsec};
+        if (left.tv_nsec < 0) {
+            left.tv_sec -= 1;
+            left.tv_nsec += 1000000000L;
+        }
+        if (left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0)) return;
+        ::nanosleep(&left, nullptr);
     }
 }
 
