@@ -209,7 +209,8 @@ TEST_F(SysconfigKernelTest, EachChangeArrivesAsOneBatchOfTheKeysItTouched) {
 TEST_F(SysconfigKernelTest, AnOverrunLosesNoChange) {
     // A receive queue too small for the burst below: the kernel drops events
     // and the store has to make them good.
-    auto stores = makeLinuxDynamicStores(ChangeMonitor::Options{.receiveBuffer = 1});
+    auto overruns = std::make_shared<std::atomic<unsigned>>(0);
+    auto stores = makeLinuxDynamicStores(ChangeMonitor::Options{.receiveBuffer = 1, .overruns = overruns});
     auto queue = std::make_shared<SerialQueue>();
     Batches batches;
     NetworkChangeWatcher watcher(queue, batches.handler(), *stores);
@@ -230,6 +231,7 @@ TEST_F(SysconfigKernelTest, AnOverrunLosesNoChange) {
         EXPECT_TRUE(seen.contains("State:/Network/Interface/" + name + "/Link")) << name;
         EXPECT_TRUE(seen.contains("State:/Network/Interface/" + name + "/IPv4")) << name;
     }
+    EXPECT_GT(overruns->load(), 0u) << "the burst fitted: this test did not reach the resync";
 }
 
 // The CLI end of the same: the JSON keys are the records' field names, and

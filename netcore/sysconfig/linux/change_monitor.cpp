@@ -92,6 +92,7 @@ struct ChangeMonitor::State {
     NetworkManagerChangeTracker manager;
     KeySet pending;
     Clock::time_point first, last;
+    std::shared_ptr<std::atomic<unsigned>> overruns;
     std::thread thread;
 
     Status open(int receiveBuffer) {
@@ -265,6 +266,7 @@ struct ChangeMonitor::State {
             const std::size_t before = pending.size();
             bool routing = false;
             if (fds[1].revents && !drainKernel(routing)) {
+                if (overruns) ++*overruns;
                 routing = true;
                 kernel.resync(kernel::dumpLinks(requests.get()).value_or(std::vector<kernel::Link>{}), pending);
             }
@@ -301,6 +303,7 @@ ChangeMonitor::ChangeMonitor(std::unique_ptr<State> state) : state_(std::move(st
 Result<std::unique_ptr<ChangeMonitor>> ChangeMonitor::start(Report report, Options options) {
     auto state = std::make_unique<State>();
     state->report = std::move(report);
+    state->overruns = std::move(options.overruns);
     if (auto opened = state->open(options.receiveBuffer); !opened) return opened.error();
     State* raw = state.get();
     state->thread = std::thread([raw] { raw->run(); });

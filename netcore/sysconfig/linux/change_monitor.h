@@ -13,6 +13,7 @@
 // returns after it ended: no report runs after that.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -34,6 +35,8 @@ public:
         // The kernel's queue for our events, in bytes: large enough that a
         // burst (a whole interface going away) fits.
         int receiveBuffer = 1 << 20;
+        // Counts the overruns made good, for those who must know one happened.
+        std::shared_ptr<std::atomic<unsigned>> overruns;
     };
     using Report = std::function<void(KeySet changedKeys)>;
 
