@@ -76,16 +76,16 @@ Status writeAtomically(const std::string& path, const std::function<Status(const
     if (expectedSize > 0) reserveFileSpace(fd.get(), expectedSize);
     // A large file is sent on its way to the disk while the rest is still
     // being produced, rather than all of it at the fsync below.
-    std::size_t written = 0, sentOff = 0;
+    std::size_t total = 0, sent = 0;
     const ByteSink sink = [&](std::span<const std::uint8_t> piece) {
         while (!piece.empty()) {
-            const std::size_t step = std::min(piece.size(), sentOff + kWritebackStride - written);
+            const std::size_t step = std::min(piece.size(), sent + kWritebackStride - total);
             if (auto status = writeAll(fd.get(), piece.data(), step); !status.ok()) return status;
-            written += step;
+            total += step;
             piece = piece.subspan(step);
-            if (written - sentOff == kWritebackStride) {
-                startWriteback(fd.get(), sentOff, kWritebackStride);
-                sentOff = written;
+            if (total - sent == kWritebackStride) {
+                startWriteback(fd.get(), sent, kWritebackStride);
+                sent = total;
             }
         }
         return Status{};
