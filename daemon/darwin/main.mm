@@ -6,9 +6,6 @@
 // control listener, one log line; then the main thread belongs to the
 // dispatch main loop for good. There is no shutdown path and no signal
 // handling.
-//
-// The network-preferences backend comes with the macOS system-configuration
-// seams; until then service changes fail with configurationFailed.
 #import <Foundation/Foundation.h>
 
 #include <dispatch/dispatch.h>
@@ -23,6 +20,7 @@
 #include "daemon/darwin/authorization_services_authorizer.h"
 #include "daemon/darwin/xpc_sessions.h"
 #include "daemon/netcore_tunnel_owners.h"
+#include "netcore/sysconfig/network_preferences.h"
 #include "support/bundle_info.h"
 #include "support/files.h"
 #include "support/darwin/foundation_values.h"
@@ -96,6 +94,7 @@ int main(int argc, char** argv) {
         AdminDaemon::Backends backends;
         backends.authorizer = std::make_shared<AuthorizationServicesAuthorizer>();
         backends.tunnelOwners = std::make_shared<NetcoreTunnelOwners>();
+        backends.preferences = systemNetworkPreferences();
         auto daemon = std::make_shared<AdminDaemon>(std::move(store), version, backends);
 
         const std::string& team = AdminConstants::teamID();

@@ -4,6 +4,7 @@
 // tests.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,5 +32,30 @@ public:
 
 // This platform's list; shared and stateless.
 NetworkInterfaceList& systemNetworkInterfaces();
+
+// How far a description follows an interface down to the ones it is layered
+// on. Real stacks are two or three deep (a point-to-point link over a modem
+// over a serial port); a longer or circular chain is the system's own
+// inconsistency and is cut here rather than followed for ever.
+inline constexpr std::size_t kMaxInterfaceLayers = 8;
+
+// Describes `top` and the chain below it, at most kMaxInterfaceLayers in
+// all: `describe(handle)` gives one layer's own fields, `below(handle)` the
+// handle of the layer underneath, or a null handle at the bottom.
+template <typename Handle, typename Describe, typename Below>
+NetworkInterface describeInterfaceChain(Handle top, Describe describe, Below below) {
+    NetworkInterface chain = describe(top);
+    chain.underlying.clear();
+    NetworkInterface* layer = &chain;
+    Handle next = below(top);
+    for (std::size_t depth = 1; next && depth < kMaxInterfaceLayers; ++depth) {
+        NetworkInterface lower = describe(next);
+        lower.underlying.clear();
+        layer->underlying.assign(1, std::move(lower));
+        layer = &layer->underlying.front();
+        next = below(next);
+    }
+    return chain;
+}
 
 }  // namespace netvane

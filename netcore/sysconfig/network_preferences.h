@@ -40,7 +40,10 @@ class NetworkPreferencesSession {
 public:
     virtual ~NetworkPreferencesSession() = default;
 
-    virtual Status lock() = 0;  // waits for the lock, within a bound
+    // Waits for the lock: within a bound where the store's lock is ours,
+    // for as long as its holder keeps it where the lock is the system's
+    // (only privileged writers can take that one).
+    virtual Status lock() = 0;
     virtual void unlock() = 0;
     // Whether the saved configuration holds the service; an error when the
     // store could not say.

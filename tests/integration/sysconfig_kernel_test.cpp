@@ -247,10 +247,13 @@ TEST_F(SysconfigKernelTest, TheCommandsShowTheConfigurationAndItsChanges) {
     }
     EXPECT_EQ(json.find("primaryIPv6Interface"), std::string::npos) << "an absent primary is left out";
 
-    // The watcher starts before the change: the command waits for its first batch.
-    const std::string output = testing::capture("(sleep 0.5; ip addr add 10.2.0.1/24 dev nva) & " + cli +
-                                                " watch-config --count 1 --json; wait")
-                                   .value_or("");
+    // The command waits for its first batch. A slow start (a sanitized build on a
+    // busy machine) may miss a change made too early, so one is made every half
+    // second until the command has its batch: each gives the same key.
+    const std::string output =
+        testing::capture(cli + " watch-config --count 1 --json & watcher=$!; for i in $(seq 1 40); do sleep 0.5; "
+                               "kill -0 $watcher 2>/dev/null || break; ip addr add 10.2.0.$i/32 dev nva; done; wait $watcher")
+            .value_or("");
     EXPECT_EQ(output, "[\"State:/Network/Interface/nva/IPv4\"]\n");
 }
 
