@@ -10,4 +10,10 @@ namespace netvane {
 // reserve space, the writes that follow find out what there is.
 void reserveFileSpace(int fd, std::size_t size);
 
+// Asks for the bytes [offset, offset + size) already written to `fd` to start
+// on their way to the disk now, without waiting for them, so that the fsync
+// which ends a large write finds most of its work done. Only a hint: where the
+// system has no such request, the fsync does all of it.
+void startWriteback(int fd, std::size_t offset, std::size_t size);
+
 }  // namespace netvane

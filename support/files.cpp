@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -38,6 +39,9 @@ std::string parentOf(const std::string& path) {
     return path.substr(0, slash);
 }
 
+// How much written data is left to the page cache before it is sent on.
+constexpr std::size_t kWritebackStride = std::size_t{8} << 20;
+
 // mkostemp's suffix: six characters from this set.
 constexpr std::size_t kTemporarySuffixLength = 6;
 bool isTemporarySuffix(std::string_view suffix) {
@@ -70,7 +74,22 @@ Status writeAtomically(const std::string& path, const std::function<Status(const
     }
     if (::fchmod(fd.get(), mode) != 0) return fail(posixError(errno, "chmod " + temporary));
     if (expectedSize > 0) reserveFileSpace(fd.get(), expectedSize);
-    const ByteSink sink = [&](std::span<const std::uint8_t> piece) { return writeAll(fd.get(), piece.data(), piece.size()); };
+    // A large file is sent on its way to the disk while the rest is still
+    // being produced, rather than all of it at the fsync below.
+    std::size_t total = 0, sent = 0;
+    const ByteSink sink = [&](std::span<const std::uint8_t> piece) {
+        while (!piece.empty()) {
+            const std::size_t step = std::min(piece.size(), sent + kWritebackStride - total);
+            if (auto status = writeAll(fd.get(), piece.data(), step); !status.ok()) return status;
+            total += step;
+            piece = piece.subspan(step);
+            if (total - sent == kWritebackStride) {
+                startWriteback(fd.get(), sent, kWritebackStride);
+                sent = total;
+            }
+        }
+        return Status{};
+    };
     if (auto written = produce(sink); !written.ok()) return fail(written.error());
     if (::fsync(fd.get()) != 0) return fail(posixError(errno, "fsync " + temporary));
     if (::close(fd.release()) != 0) return fail(posixError(errno, "close " + temporary));

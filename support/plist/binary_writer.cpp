@@ -2,6 +2,8 @@
 // (sharing equal strings, integers and booleans, as the format intends) and
 // sizes the output; the second writes objects, offset table and trailer into
 // one buffer reserved up front, so large data values are copied exactly once.
+// That buffer may be the caller's from an earlier document: fresh memory for a
+// large one costs the kernel's mapping and zeroing, more than the copy itself.
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -26,8 +28,9 @@ std::size_t bytesFor(std::uint64_t value) {
 class BinaryWriter {
 public:
     // Data values of at least `borrowFrom` bytes are referenced, not copied.
-    explicit BinaryWriter(std::size_t borrowFrom, std::span<const DeferredData> deferred = {})
-        : borrowFrom_(borrowFrom) {
+    explicit BinaryWriter(std::size_t borrowFrom, std::span<const DeferredData> deferred = {}, Data reuse = {})
+        : borrowFrom_(borrowFrom), out_(std::move(reuse)) {
+        out_.clear();
         for (const DeferredData& data : deferred) deferred_.emplace(data.placeholder, &data);
     }
 
@@ -35,8 +38,13 @@ public:
         auto top = flatten(root, 0);
         if (!top) return top.error();
         refSize_ = bytesFor(objects_.empty() ? 0 : objects_.size() - 1);
-        out_.reserve(estimate_ - borrowedEstimate_ + refs_.size() * refSize_ + objects_.size() * 9 + 64);
-        adviseLargeBuffer(out_.data(), out_.capacity());
+        const std::size_t needed = estimate_ - borrowedEstimate_ + refs_.size() * refSize_ + objects_.size() * 9 + 64;
+        if (needed > out_.capacity()) {
+            // The old block goes first: reserve alone would hold both at once.
+            out_ = Data();
+            out_.reserve(needed);
+            adviseLargeBuffer(out_.data(), out_.capacity());
+        }
         out_.insert(out_.end(), {'b', 'p', 'l', 'i', 's', 't', '0', '0'});
 
         std::vector<std::uint64_t> offsets;
@@ -57,6 +65,9 @@ public:
         putBigEndian(tableOffset, 8);
         return finish();
     }
+
+    // What a failed run leaves of the buffer, so its memory is not lost.
+    Data takeBuffer() { return std::move(out_); }
 
 private:
     struct Object {
@@ -313,6 +324,18 @@ Result<Data> encodeBinary(const Value& value) {
     auto encoded = BinaryWriter(std::numeric_limits<std::size_t>::max()).run(value);
     if (!encoded) return encoded.error();
     return std::move(encoded->buffer);
+}
+
+Status encodeBinary(const Value& value, Data& out) {
+    BinaryWriter writer(std::numeric_limits<std::size_t>::max(), {}, std::move(out));
+    auto encoded = writer.run(value);
+    if (!encoded) {
+        out = writer.takeBuffer();
+        out.clear();
+        return encoded.error();
+    }
+    out = std::move(encoded->buffer);
+    return {};
 }
 
 Result<EncodedPieces> encodeBinaryPieces(const Value& value, std::span<const DeferredData> deferred) {

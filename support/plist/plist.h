@@ -54,6 +54,10 @@ Result<Value> decodeBinary(std::span<const std::uint8_t> bytes, const DecodeLimi
 Result<Value> decodeXml(std::span<const std::uint8_t> bytes, UIDs uids = UIDs::refused);
 
 Result<Data> encodeBinary(const Value& value);
+// The same document written into `out`, replacing what it held but keeping
+// its memory: a caller that encodes again and again pays for fresh pages
+// once, not on every document. On failure `out` is left empty.
+Status encodeBinary(const Value& value, Data& out);
 
 // Data made while the document is written rather than before, for values
 // too large to be worth building in memory first. In the value an empty Data

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <vector>
 
 #include "tests/temporary_directory.h"
 
@@ -32,6 +33,35 @@ TEST_F(FilesTest, AtomicWriteReplacesContentAndSetsMode) {
     ASSERT_EQ(stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0640u);
     EXPECT_EQ(entries(), 1u) << "no temporary file may remain";
+}
+
+// A large file goes out in stretches sent on to the disk as they fill; pieces
+// that end short of, exactly on and far past a stretch's end, and an empty
+// one, must still land whole and in order.
+TEST_F(FilesTest, LargeWriteFromManyPiecesLandsWhole) {
+    const std::size_t mb = std::size_t{1} << 20;
+    const std::size_t sizes[] = {5 * mb + 3, 0, 3 * mb - 3, 1, 19 * mb, 7};
+    std::vector<std::uint8_t> expected;
+    for (std::size_t i = 0; i < std::size(sizes); ++i) {
+        for (std::size_t b = 0; b < sizes[i]; ++b) expected.push_back(static_cast<std::uint8_t>(i * 31 + b * 7 + b / 4093));
+    }
+    const std::string path = dir_ + "/large";
+    std::size_t offset = 0;
+    const Status written = writeFileAtomically(
+        path,
+        [&](const ByteSink& sink) -> Status {
+            for (const std::size_t size : sizes) {
+                if (auto status = sink(std::span(expected).subspan(offset, size)); !status.ok()) return status;
+                offset += size;
+            }
+            return {};
+        },
+        0600, expected.size());
+    ASSERT_TRUE(written.ok());
+    auto bytes = readFile(path, 64 * mb);
+    ASSERT_TRUE(bytes.ok());
+    EXPECT_TRUE(*bytes == expected);  // not EXPECT_EQ: 27 MB would be printed on failure
+    EXPECT_EQ(entries(), 1u);
 }
 
 TEST_F(FilesTest, FailedWriteLeavesNothingBehind) {

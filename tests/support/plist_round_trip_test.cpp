@@ -129,6 +129,26 @@ TEST(PlistEncode, RefusesInvalidUtf8) {
     EXPECT_FALSE(encodeXml(Value(Date{std::nan("")})).ok());
 }
 
+// A reused buffer changes where the bytes are written, never the bytes: a
+// smaller document after a larger one leaves no tail of it behind, a larger
+// one grows the buffer, and a refused one leaves it empty, not half written.
+TEST(PlistEncode, ReusedBufferHoldsExactlyEachDocument) {
+    const Value large(Dictionary{{"blob", Data(300'000, 7)}, {"name", "large"}});
+    const Value small(Array{1, "two", Data(3, 3)});
+    const Value larger(Dictionary{{"blob", Data(900'000, 8)}, {"more", Array{Data(5'000, 9), 2.5}}});
+    Data buffer;
+    for (const Value* value : {&large, &small, &larger, &small}) {
+        ASSERT_TRUE(encodeBinary(*value, buffer).ok());
+        EXPECT_EQ(buffer, *encodeBinary(*value));
+        EXPECT_EQ(*decodeBinary(buffer), *value);
+    }
+    EXPECT_GE(buffer.capacity(), 900'000u);  // kept from the larger document
+    EXPECT_FALSE(encodeBinary(Value(Array{Data(1'000, 1), "\xC3"}), buffer).ok());
+    EXPECT_TRUE(buffer.empty());
+    ASSERT_TRUE(encodeBinary(small, buffer).ok());
+    EXPECT_EQ(buffer, *encodeBinary(small));
+}
+
 }  // namespace
 }  // namespace netvane::plist
 

@@ -31,9 +31,14 @@ std::optional<Kind> kindOf(const kernel::Link& link) {
     }
     if (link.type == ARPHRD_PPP) return Kind{"PPP", "PPP"};
     if (link.type != ARPHRD_ETHER) return std::nullopt;
-    const std::string device = "/sys/class/net/" + link.name;
-    if (::access((device + "/wireless").c_str(), F_OK) == 0 || ::access((device + "/phy80211").c_str(), F_OK) == 0) {
-        return Kind{"IEEE80211", "Wi-Fi"};
+    // Radios are devices of their drivers' own; a link of a kind (veth,
+    // macvlan, ...) never is one. Asking sysfs costs two path walks a link,
+    // most of a reading on a host with hundreds of virtual links.
+    if (link.kind.empty()) {
+        const std::string device = "/sys/class/net/" + link.name;
+        if (::access((device + "/wireless").c_str(), F_OK) == 0 || ::access((device + "/phy80211").c_str(), F_OK) == 0) {
+            return Kind{"IEEE80211", "Wi-Fi"};
+        }
     }
     return Kind{"Ethernet", "Ethernet"};
 }
