@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <algorithm>
 #include <cstdlib>
+#include <unordered_set>
 
 namespace netvane::cli {
 
@@ -34,5 +36,28 @@ HistorySet loadRecording(const HistoryStore& store) {
     for (auto& [name, history] : histories) history.apply(kRecordingRetention);
     return histories;
 }
+
+RateRecorder::RateRecorder(HistorySet histories, double interval)
+    : histories_(std::move(histories)), maxGap_(std::max(2 * interval, interval + 1)) {}
+
+RateRecorder::Reading RateRecorder::record(Date now) {
+    Reading reading;
+    reading.snapshots = reader_.snapshot();
+    std::unordered_set<std::string> names;
+    for (const InterfaceSnapshot& snapshot : reading.snapshots) {
+        names.insert(snapshot.name);
+        if (auto sample = tracker_.update(snapshot.name, snapshot.counters, now, maxGap_)) {
+            auto [it, fresh] = histories_.try_emplace(snapshot.name, kRecordingRetention);
+            it->second.add(*sample);
+            reading.rates.emplace_back(snapshot.name, *sample);
+        }
+    }
+    tracker_.retain(names);
+    for (auto& [name, history] : histories_) history.prune(now);
+    return reading;
+}
+
+ConfigurationChanges::ConfigurationChanges(const std::string& queueName)
+    : watcher_(std::make_shared<SerialQueue>(queueName), [this](const std::vector<std::string>&) { changed_ = true; }) {}
 
 }  // namespace netvane::cli

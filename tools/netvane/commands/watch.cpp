@@ -9,19 +9,14 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
-#include <atomic>
 #include <cstdlib>
 #include <optional>
 #include <string>
-#include <unordered_set>
 
 #include "command.h"
 #include "configuration_report.h"
 #include "history_recording.h"
 #include "netcore/history/history_store.h"
-#include "netcore/interfaces/counter_delta_tracker.h"
-#include "netcore/interfaces/interface_reader.h"
-#include "netcore/sysconfig/network_change_watcher.h"
 #include "netcore/sysconfig/system_configuration_reader.h"
 #include "support/date.h"
 #include "support/json.h"
@@ -174,20 +169,10 @@ int run(const Args& args) {
     if (auto problem = parse(args, options)) return usageError(command, *problem);
 
     const HistoryStore store(options.historyFile);
-    HistorySet histories = loadRecording(store);
-
     stopOnInterrupt();
 
-    // A reading later than this after the previous one says the machine
-    // slept or stalled; such a gap is no rate.
-    const double maxGap = std::max(2 * options.interval, options.interval + 1);
-    InterfaceReader reader;
-    CounterDeltaTracker tracker;
-    // The watcher only raises a flag; the reading loop reads the configuration
-    // again at its next turn, so a burst of changes costs one reading.
-    std::atomic<bool> configurationChanged{true};
-    auto watcherQueue = std::make_shared<SerialQueue>("watch");
-    const NetworkChangeWatcher watcher(watcherQueue, [&](const std::vector<std::string>&) { configurationChanged = true; });
+    RateRecorder recorder(loadRecording(store), options.interval);
+    ConfigurationChanges configurationChanges("watch");
     NetworkMetadata configuration;
     timespec start{};
     ::clock_gettime(CLOCK_MONOTONIC, &start);
@@ -197,28 +182,16 @@ int run(const Args& args) {
         if (reading > 0) sleepUntil(addSeconds(start, options.interval * static_cast<double>(reading)));
         if (interrupted()) break;
         const Date now = Date::now();
-        const std::vector<InterfaceSnapshot> snapshots = reader.snapshot();
-        std::vector<std::pair<std::string, RateSample>> rates;
-        std::unordered_set<std::string> names;
-        for (const InterfaceSnapshot& snapshot : snapshots) {
-            names.insert(snapshot.name);
-            if (auto sample = tracker.update(snapshot.name, snapshot.counters, now, maxGap)) {
-                auto [it, fresh] = histories.try_emplace(snapshot.name, kRecordingRetention);
-                it->second.add(*sample);
-                rates.emplace_back(snapshot.name, *sample);
-            }
-        }
-        tracker.retain(names);
-        for (auto& [name, history] : histories) history.prune(now);
-        const bool configurationRead = configurationChanged.exchange(false);
+        const RateRecorder::Reading taken = recorder.record(now);
+        const bool configurationRead = configurationChanges.take();
         if (configurationRead) configuration = SystemConfigurationReader::read();
-        printReading(options, now, rates, snapshots.size(), configuration, configurationRead);
+        printReading(options, now, taken.rates, taken.snapshots.size(), configuration, configurationRead);
         if (now.secondsSinceReference - lastSave >= kRecordingSaveEvery) {
-            saved = save(store, histories);
+            saved = save(store, recorder.histories());
             lastSave = now.secondsSinceReference;
         }
     }
-    saved = save(store, histories);
+    saved = save(store, recorder.histories());
     return saved ? kExitOK : kExitFailure;
 }
 

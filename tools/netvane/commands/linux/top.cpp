@@ -8,7 +8,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <clocale>
 #include <cmath>
 #include <cstdio>
@@ -19,14 +18,10 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <unordered_set>
 
 #include "command.h"
 #include "history_recording.h"
 #include "netcore/history/history_store.h"
-#include "netcore/interfaces/counter_delta_tracker.h"
-#include "netcore/interfaces/interface_reader.h"
-#include "netcore/sysconfig/network_change_watcher.h"
 #include "netcore/sysconfig/system_configuration_reader.h"
 #include "support/date.h"
 #include "views/time_axis.h"
@@ -152,7 +147,7 @@ int run(const Args& args) {
     }
 
     const HistoryStore store(options.historyFile);
-    HistorySet histories = loadRecording(store);
+    RateRecorder recorder(loadRecording(store), options.interval);
 
     std::setlocale(LC_ALL, "");
     const views::SparkGlyphs glyphs = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0
@@ -166,51 +161,37 @@ int run(const Args& args) {
             const char* term = std::getenv("TERM");
             return failure(std::string("cannot draw on this terminal (TERM=") + (term ? term : "unset") + ")");
         }
-        const double maxGap = std::max(2 * options.interval, options.interval + 1);
         // Samples enough to cover the window, with room for jitter.
         const auto recentCount = static_cast<std::int64_t>(std::ceil(views::kTopWindow / options.interval)) + 2;
-        InterfaceReader reader;
-        CounterDeltaTracker tracker;
         std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> totals;
-        std::atomic<bool> configurationChanged{true};
-        auto watcherQueue = std::make_shared<SerialQueue>("top");
-        const NetworkChangeWatcher watcher(watcherQueue,
-                                           [&](const std::vector<std::string>&) { configurationChanged = true; });
+        ConfigurationChanges configurationChanges("top");
         std::set<std::string> primaries;
         const double start = monotonicSeconds();
         double lastSave = Date::now().secondsSinceReference;
         for (std::uint64_t reading = 0;; ++reading) {
             const Date now = Date::now();
+            const RateRecorder::Reading taken = recorder.record(now);
+            const HistorySet& histories = recorder.histories();
             std::vector<views::TopInterface> interfaces;
-            std::unordered_set<std::string> names;
-            bool anyRate = false;
-            for (const InterfaceSnapshot& snapshot : reader.snapshot()) {
-                names.insert(snapshot.name);
+            auto rate = taken.rates.begin();  // in the snapshots' order
+            for (const InterfaceSnapshot& snapshot : taken.snapshots) {
                 views::TopInterface interface;
                 interface.name = snapshot.name;
-                if (auto sample = tracker.update(snapshot.name, snapshot.counters, now, maxGap)) {
-                    auto [it, fresh] = histories.try_emplace(snapshot.name, kRecordingRetention);
-                    it->second.add(*sample);
-                    auto& [in, out] = totals[snapshot.name];
-                    in = checkedByteSum(in, sample->bytesIn);
-                    out = checkedByteSum(out, sample->bytesOut);
-                    interface.current = *sample;
-                    anyRate = true;
+                auto& [in, out] = totals[snapshot.name];
+                if (rate != taken.rates.end() && rate->first == snapshot.name) {
+                    interface.current = rate->second;
+                    in = checkedByteSum(in, rate->second.bytesIn);
+                    out = checkedByteSum(out, rate->second.bytesOut);
+                    ++rate;
+                }
+                interface.totalIn = in;
+                interface.totalOut = out;
+                if (auto found = histories.find(snapshot.name); found != histories.end() && !found->second.tiers.empty()) {
+                    interface.recent = found->second.recentSamples(recentCount);
                 }
                 interfaces.push_back(std::move(interface));
             }
-            tracker.retain(names);
-            for (auto& [name, history] : histories) history.prune(now);
-            for (views::TopInterface& interface : interfaces) {
-                if (auto found = totals.find(interface.name); found != totals.end()) {
-                    interface.totalIn = found->second.first;
-                    interface.totalOut = found->second.second;
-                }
-                if (auto found = histories.find(interface.name); found != histories.end() && !found->second.tiers.empty()) {
-                    interface.recent = found->second.recentSamples(recentCount);
-                }
-            }
-            if (configurationChanged.exchange(false)) {
+            if (configurationChanges.take()) {
                 const NetworkMetadata configuration = SystemConfigurationReader::read();
                 primaries.clear();
                 if (configuration.primaryIPv4Interface) primaries.insert(*configuration.primaryIPv4Interface);
@@ -220,7 +201,7 @@ int run(const Args& args) {
             views::TopScreen screen;
             screen.clock = localClock(now);
             screen.interval = options.interval;
-            screen.firstReading = !anyRate;
+            screen.firstReading = taken.rates.empty();
             auto redraw = [&] { draw(rows, screen, now, glyphs); };
             redraw();
             if (now.secondsSinceReference - lastSave >= kRecordingSaveEvery) {
@@ -232,7 +213,7 @@ int run(const Args& args) {
     }
     // The last save holds everything: an earlier failure that this one
     // overcame lost nothing.
-    if (Status saved = store.save(histories); !saved) {
+    if (Status saved = store.save(recorder.histories()); !saved) {
         saveError = saved.error().message;
     } else {
         saveError.reset();
