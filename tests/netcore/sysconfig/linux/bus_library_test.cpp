@@ -1,9 +1,16 @@
 #include "netcore/sysconfig/linux/bus_library.h"
 
 #include <gtest/gtest.h>
+#include <limits.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "netcore/sysconfig/linux/bus.h"
 
@@ -56,6 +63,57 @@ TEST(BusLibrary, ForwardedFunctionsReachTheLibrary) {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     EXPECT_FALSE(sd_bus_error_is_set(&error));
     sd_bus_error_free(&error);
+}
+
+// Where the dynamic loader finds the library, from its cache, without
+// loading it into this process.
+std::string libraryPath() {
+    FILE* cache = ::popen("ldconfig -p 2>/dev/null", "r");
+    if (!cache) return "";
+    std::string found;
+    char line[1024];
+    const std::string prefix = std::string(kBusLibraryName) + " (";
+    while (std::fgets(line, sizeof line, cache)) {
+        const std::string text(line);
+        const auto arrow = text.find("=> ");
+        if (found.empty() && text.find(prefix) != std::string::npos && arrow != std::string::npos) {
+            found = text.substr(arrow + 3, text.find_last_not_of("\n") - arrow - 2);
+        }
+    }
+    ::pclose(cache);
+    char real[PATH_MAX];
+    return !found.empty() && ::realpath(found.c_str(), real) ? real : "";
+}
+
+// In a mount namespace of its own, the library's file holds nothing; the
+// process must report why it has no bus and crash nowhere.
+[[noreturn]] void runWithoutTheLibrary(const std::string& path) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("/dev/null", path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        std::fprintf(stderr, "cannot hide %s: %s\n", path.c_str(), std::strerror(errno));
+        ::_exit(2);
+    }
+    auto opened = openSystemBus();
+    if (opened) ::_exit(3);
+    std::fprintf(stderr, "%s\n", opened.error().message.c_str());
+    sd_bus* raw = nullptr;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    const bool quiet = sd_bus_open_system(&raw) == -ELIBACC && raw == nullptr &&
+                       sd_bus_message_unref(nullptr) == nullptr && sd_bus_slot_unref(nullptr) == nullptr &&
+                       sd_bus_flush_close_unref(nullptr) == nullptr && !sd_bus_error_is_set(&error) &&
+                       busLibraryFailure() == opened.error().message.substr(opened.error().message.find("cannot load"));
+    sd_bus_error_free(&error);
+    ::_exit(quiet ? 0 : 4);
+}
+
+TEST(BusLibraryDeathTest, WithoutTheLibraryOpeningABusFailsWithTheLoadersReason) {
+    if (::geteuid() != 0) GTEST_SKIP() << "hiding the library needs a mount namespace of our own";
+    const std::string path = libraryPath();
+    ASSERT_FALSE(path.empty()) << "the loader's cache does not list " << kBusLibraryName;
+    // A fresh process: this one has the library loaded already.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(runWithoutTheLibrary(path), testing::ExitedWithCode(0),
+                "create a bus connection: cannot load libsystemd\\.so\\.0: ");
 }
 
 }  // namespace
