@@ -27,6 +27,7 @@
 
 #include "netcore/interfaces/linux/kernel_links.h"
 #include "netcore/shim/linux/nv_linux.h"
+#include "support/memory.h"
 #include "support/unique_fd.h"
 
 namespace netvane {
@@ -145,7 +146,10 @@ struct AddressList::State {
     void build(const KernelLinks& dump, int sock) {
         std::unordered_map<int, const nv_linux_link_t*> byIndex(dump.links.size());
         for (const KernelLink& link : dump.links) byIndex.emplace(link.facts.index, &link.facts);
-        nodes.assign(dump.links.size() + dump.addresses.size(), Node{});
+        const std::size_t count = dump.links.size() + dump.addresses.size();
+        nodes.reserve(count);
+        prefaultBuffer(nodes.data(), count * sizeof(Node));
+        nodes.assign(count, Node{});
         std::size_t used = 0;
 
         for (const KernelLink& kernelLink : dump.links) {
