@@ -22,6 +22,8 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <map>
+#include <set>
 
 #include "network_namespace.h"
 #include "netcore/interfaces/interface_reader.h"
@@ -566,6 +568,40 @@ TEST_F(KernelTest, LinkSettingsRecoverFromAWrongMaskSizeAndFeatureTablesMustMatc
     caps = 7;
     EXPECT_EQ(nv_linux_curcap(sock.get(), "nvb", table.get(), &caps), 0);
     EXPECT_EQ(caps, 7u);
+}
+
+// The one dump of every interface's features against each interface's own
+// request: lo, a veth pair and a tun each enable other features.
+TEST_F(KernelTest, OneFeatureDumpAnswersAsEachInterfacesOwnRequest) {
+    makeVariedInterfaces();
+    UniqueFd sock(::socket(AF_INET, SOCK_DGRAM, 0));
+    auto table = std::make_unique<nv_linux_features_t>();
+    ASSERT_EQ(nv_linux_feature_table(sock.get(), "lo", table.get()), 1);
+    using Dumped = std::map<std::int32_t, std::uint32_t>;
+    const auto collect = [](std::int32_t index, std::uint32_t capabilities, void* context) {
+        static_cast<Dumped*>(context)->emplace(index, capabilities);
+    };
+    Dumped dumped;
+    ASSERT_EQ(nv_linux_dump_feature_capabilities(table.get(), collect, &dumped), 1);
+    EXPECT_EQ(dumped.size(), 4u);
+    std::set<std::uint32_t> distinct;
+    for (const char* name : {"lo", "nva", "nvb", "nvtun"}) {
+        SCOPED_TRACE(name);
+        const auto found = dumped.find(static_cast<std::int32_t>(::if_nametoindex(name)));
+        ASSERT_NE(found, dumped.end());
+        std::uint32_t requested = 0;
+        ASSERT_EQ(nv_linux_curcap(sock.get(), name, table.get(), &requested), 1);
+        EXPECT_EQ(found->second | nv_linux_timestamp_request(sock.get(), name), requested);
+        distinct.insert(found->second);
+    }
+    EXPECT_GE(distinct.size(), 2u);  // not one answer for all
+
+    // The table of another kernel fits no interface: none is answered, and
+    // each is left to its own request.
+    table->count += 32;
+    dumped.clear();
+    EXPECT_EQ(nv_linux_dump_feature_capabilities(table.get(), collect, &dumped), 1);
+    EXPECT_TRUE(dumped.empty());
 }
 
 }  // namespace

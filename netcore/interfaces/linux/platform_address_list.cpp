@@ -72,22 +72,32 @@ static_assert(std::is_standard_layout_v<Node>);
 
 // The per-interface requests that remain: media (of interfaces a device
 // backs) and capabilities. The mask size and the feature table are the
-// kernel's, learnt once per reading.
+// kernel's, learnt once per reading, and with the table every interface's
+// features come in one dump; each interface still asks its timestamping.
 class EthtoolReader {
 public:
     explicit EthtoolReader(int sock) : sock_(sock) {}
 
-    void read(const char* name, bool hardware, KernelFacts& facts) {
+    void read(const char* name, int index, bool hardware, KernelFacts& facts) {
         ethtool_link_settings settings{};
         if (hardware && nv_linux_link_settings(sock_, name, &words_, &settings)) {
             if (facts.data) facts.data->baudrate = nv_linux_baudrate(&settings);
             nv_media_t media{};
             if (nv_linux_media(sock_, name, &settings, &media)) facts.media = media;
         }
+        if (!haveTable_ && (haveTable_ = nv_linux_feature_table(sock_, name, &table_) != 0)) {
+            nv_linux_dump_feature_capabilities(
+                &table_,
+                [](std::int32_t dumpedIndex, std::uint32_t capabilities, void* context) {
+                    static_cast<EthtoolReader*>(context)->dumped_.emplace(dumpedIndex, capabilities);
+                },
+                this);
+        }
         std::uint32_t capabilities = 0;
-        if (!haveTable_) haveTable_ = nv_linux_feature_table(sock_, name, &table_) != 0;
-        if ((haveTable_ && nv_linux_curcap(sock_, name, &table_, &capabilities)) ||
-            nv_get_curcap(sock_, name, &capabilities)) {
+        if (auto dumped = dumped_.find(index); dumped != dumped_.end()) {
+            facts.capabilities = dumped->second | nv_linux_timestamp_request(sock_, name);
+        } else if ((haveTable_ && nv_linux_curcap(sock_, name, &table_, &capabilities)) ||
+                   nv_get_curcap(sock_, name, &capabilities)) {
             facts.capabilities = capabilities;
         }
     }
@@ -97,13 +107,14 @@ private:
     int words_ = 0;
     bool haveTable_ = false;
     nv_linux_features_t table_{};
+    std::unordered_map<std::int32_t, std::uint32_t> dumped_;  // index -> capabilities of its features
 };
 
 KernelFacts factsOf(const KernelLink& link, EthtoolReader& ethtool) {
     const nv_linux_link_t& kernel = link.facts;
     KernelFacts facts;
     if (kernel.has_data) facts.data = kernel.data;
-    ethtool.read(kernel.name, link.hardware, facts);
+    ethtool.read(kernel.name, kernel.index, link.hardware, facts);
     if (kernel.has_inet6) {
         facts.nd6Flags = nv_linux_nd6_flags(kernel.accept_ra, kernel.disable_ipv6, kernel.accept_dad,
                                             (kernel.flags & IFF_NOARP) != 0);
