@@ -570,38 +570,46 @@ TEST_F(KernelTest, LinkSettingsRecoverFromAWrongMaskSizeAndFeatureTablesMustMatc
     EXPECT_EQ(caps, 7u);
 }
 
-// The one dump of every interface's features against each interface's own
-// request: lo, a veth pair and a tun each enable other features.
-TEST_F(KernelTest, OneFeatureDumpAnswersAsEachInterfacesOwnRequest) {
+// The one dump of every interface's features and of their timestamping
+// against each interface's own requests: lo, a veth pair and a tun each
+// enable other features.
+TEST_F(KernelTest, CapabilityDumpsAnswerAsEachInterfacesOwnRequests) {
     makeVariedInterfaces();
     UniqueFd sock(::socket(AF_INET, SOCK_DGRAM, 0));
     auto table = std::make_unique<nv_linux_features_t>();
     ASSERT_EQ(nv_linux_feature_table(sock.get(), "lo", table.get()), 1);
-    using Dumped = std::map<std::int32_t, std::uint32_t>;
-    const auto collect = [](std::int32_t index, std::uint32_t capabilities, void* context) {
-        static_cast<Dumped*>(context)->emplace(index, capabilities);
+    struct Dumped {
+        std::map<std::int32_t, std::uint32_t> features, timestamps;
+    };
+    const auto features = [](std::int32_t index, std::uint32_t capabilities, void* context) {
+        EXPECT_TRUE(static_cast<Dumped*>(context)->features.emplace(index, capabilities).second);
+    };
+    const auto timestamps = [](std::int32_t index, std::uint32_t capabilities, void* context) {
+        EXPECT_TRUE(static_cast<Dumped*>(context)->timestamps.emplace(index, capabilities).second);
     };
     Dumped dumped;
-    ASSERT_EQ(nv_linux_dump_feature_capabilities(table.get(), collect, &dumped), 1);
-    EXPECT_EQ(dumped.size(), 4u);
+    ASSERT_EQ(nv_linux_dump_capabilities(table.get(), features, timestamps, &dumped), 1);
+    EXPECT_EQ(dumped.features.size(), 4u);
+    EXPECT_EQ(dumped.timestamps.size(), 4u);  // none has a clock of its own
     std::set<std::uint32_t> distinct;
     for (const char* name : {"lo", "nva", "nvb", "nvtun"}) {
         SCOPED_TRACE(name);
-        const auto found = dumped.find(static_cast<std::int32_t>(::if_nametoindex(name)));
-        ASSERT_NE(found, dumped.end());
+        const auto index = static_cast<std::int32_t>(::if_nametoindex(name));
+        ASSERT_TRUE(dumped.features.contains(index) && dumped.timestamps.contains(index));
+        EXPECT_EQ(dumped.timestamps[index], nv_linux_timestamp_request(sock.get(), name));
         std::uint32_t requested = 0;
         ASSERT_EQ(nv_linux_curcap(sock.get(), name, table.get(), &requested), 1);
-        EXPECT_EQ(found->second | nv_linux_timestamp_request(sock.get(), name), requested);
-        distinct.insert(found->second);
+        EXPECT_EQ(dumped.features[index] | dumped.timestamps[index], requested);
+        distinct.insert(dumped.features[index]);
     }
     EXPECT_GE(distinct.size(), 2u);  // not one answer for all
 
-    // The table of another kernel fits no interface: none is answered, and
-    // each is left to its own request.
+    // The table of another kernel fits no interface: no features are
+    // answered, and each interface is left to its own request.
     table->count += 32;
-    dumped.clear();
-    EXPECT_EQ(nv_linux_dump_feature_capabilities(table.get(), collect, &dumped), 1);
-    EXPECT_TRUE(dumped.empty());
+    dumped = {};
+    EXPECT_EQ(nv_linux_dump_capabilities(table.get(), features, timestamps, &dumped), 1);
+    EXPECT_TRUE(dumped.features.empty());
 }
 
 }  // namespace

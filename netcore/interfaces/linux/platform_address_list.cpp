@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <type_traits>
 #include <unordered_map>
 #include <vector>
@@ -73,7 +74,8 @@ static_assert(std::is_standard_layout_v<Node>);
 // The per-interface requests that remain: media (of interfaces a device
 // backs) and capabilities. The mask size and the feature table are the
 // kernel's, learnt once per reading, and with the table every interface's
-// features come in one dump; each interface still asks its timestamping.
+// features and timestamping modes come in one dump each; an interface the
+// dumps left out asks for itself.
 class EthtoolReader {
 public:
     explicit EthtoolReader(int sock) : sock_(sock) {}
@@ -85,17 +87,12 @@ public:
             nv_media_t media{};
             if (nv_linux_media(sock_, name, &settings, &media)) facts.media = media;
         }
-        if (!haveTable_ && (haveTable_ = nv_linux_feature_table(sock_, name, &table_) != 0)) {
-            nv_linux_dump_feature_capabilities(
-                &table_,
-                [](std::int32_t dumpedIndex, std::uint32_t capabilities, void* context) {
-                    static_cast<EthtoolReader*>(context)->dumped_.emplace(dumpedIndex, capabilities);
-                },
-                this);
-        }
+        if (!haveTable_ && (haveTable_ = nv_linux_feature_table(sock_, name, &table_) != 0)) dumpCapabilities();
         std::uint32_t capabilities = 0;
-        if (auto dumped = dumped_.find(index); dumped != dumped_.end()) {
-            facts.capabilities = dumped->second | nv_linux_timestamp_request(sock_, name);
+        if (auto dumped = dumped_.find(index); dumped != dumped_.end() && dumped->second.features) {
+            const Dumped& d = dumped->second;
+            facts.capabilities = *d.features | (d.timestampReplies == 1 ? d.timestamps
+                                                                         : nv_linux_timestamp_request(sock_, name));
         } else if ((haveTable_ && nv_linux_curcap(sock_, name, &table_, &capabilities)) ||
                    nv_get_curcap(sock_, name, &capabilities)) {
             facts.capabilities = capabilities;
@@ -107,7 +104,28 @@ private:
     int words_ = 0;
     bool haveTable_ = false;
     nv_linux_features_t table_{};
-    std::unordered_map<std::int32_t, std::uint32_t> dumped_;  // index -> capabilities of its features
+
+    struct Dumped {
+        std::optional<std::uint32_t> features;
+        std::uint32_t timestamps = 0;
+        int timestampReplies = 0;  // more than one: not the answer of its own request
+    };
+    std::unordered_map<std::int32_t, Dumped> dumped_;  // by interface index
+
+    // What a dump answered stands even when a later one failed.
+    void dumpCapabilities() {
+        nv_linux_dump_capabilities(
+            &table_,
+            [](std::int32_t index, std::uint32_t capabilities, void* self) {
+                static_cast<EthtoolReader*>(self)->dumped_[index].features = capabilities;
+            },
+            [](std::int32_t index, std::uint32_t capabilities, void* self) {
+                Dumped& d = static_cast<EthtoolReader*>(self)->dumped_[index];
+                d.timestamps = capabilities;
+                ++d.timestampReplies;
+            },
+            this);
+    }
 };
 
 KernelFacts factsOf(const KernelLink& link, EthtoolReader& ethtool) {

@@ -83,15 +83,19 @@ uint32_t nv_linux_feature_capabilities(const nv_linux_features_t* table, const u
 /* The capability bits of an interface's timestamping modes (ETHTOOL_GET_TS_INFO);
  * 0 when it has none or the request fails. */
 uint32_t nv_linux_timestamp_request(int sock, const char* ifname);
-/* Every interface's enabled features by one dump of the kernel's ethtool
- * netlink family, where the request above costs a system call (and a turn
- * of the kernel's lock) per interface: visit gets each interface index with
- * nv_linux_feature_capabilities of its features, for every interface whose
- * feature count is the table's. 0 where the family is missing (kernels before
- * 5.6 or built without it) or the dump fails; the requests then remain. */
+/* Every interface's enabled features and timestamping modes by one dump each
+ * of the kernel's ethtool netlink family, where the requests above cost two
+ * system calls (and two turns of the kernel's lock) per interface.
+ * `features` gets each interface index with nv_linux_feature_capabilities of
+ * its features, for every interface whose feature count is the table's;
+ * `timestamps` gets an index with the capabilities of its timestamping modes,
+ * for every interface without a clock of its own: one with a clock may have
+ * several timestamping providers (one reply each), so its own request answers
+ * for it. 1 when both dumps completed; 0 where the family is missing (kernels
+ * before 5.7 or built without it) or a dump failed, and the requests remain. */
 typedef void (*nv_linux_features_visit_t)(int32_t index, uint32_t capabilities, void* context);
-int nv_linux_dump_feature_capabilities(const nv_linux_features_t* table, nv_linux_features_visit_t visit,
-                                       void* context);
+int nv_linux_dump_capabilities(const nv_linux_features_t* table, nv_linux_features_visit_t features,
+                               nv_linux_features_visit_t timestamps, void* context);
 
 /* Functional type of an interface whose hardware type is known; sysfs is
  * asked only about hardware interfaces. */

@@ -1,5 +1,5 @@
-/* Every interface's enabled features in one dump of the kernel's ethtool
- * netlink family. */
+/* Every interface's enabled features and timestamping modes in one dump each
+ * of the kernel's ethtool netlink family. */
 #include <linux/ethtool_netlink.h>
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
@@ -85,29 +85,34 @@ static uint16_t ethtool_family(int fd) {
     return family;
 }
 
-struct features_dump {
+struct dump_visit {
     const nv_linux_features_t* table;
     nv_linux_features_visit_t visit;
     void* context;
 };
 
+/* The interface index in a reply's header nest, or 0. */
+static uint32_t reply_index(const struct nlmsghdr* message, uint16_t header_type) {
+    const struct nlattr* header =
+        find_attribute(NV_GENL_ATTRIBUTES(message), NV_GENL_ATTRIBUTES_LENGTH(message), header_type);
+    uint32_t index = 0;
+    if (!header || !read_u32(find_nested(header, ETHTOOL_A_HEADER_DEV_INDEX), &index) || index > INT32_MAX) return 0;
+    return index;
+}
+
 /* One interface's reply: its index in the header, its enabled features as a
  * compact bitset (a size and the words of the bits). */
 static void visit_features(const struct nlmsghdr* message, void* context) {
-    const struct features_dump* dump = context;
+    const struct dump_visit* dump = context;
     if (NV_GENL_ATTRIBUTES_LENGTH(message) < 0) return;
-    const struct nlattr* first = NV_GENL_ATTRIBUTES(message);
-    const int length = NV_GENL_ATTRIBUTES_LENGTH(message);
-    const struct nlattr* header = find_attribute(first, length, ETHTOOL_A_FEATURES_HEADER);
-    const struct nlattr* active = find_attribute(first, length, ETHTOOL_A_FEATURES_ACTIVE);
-    uint32_t index = 0, size = 0;
-    if (!header || !active || !read_u32(find_nested(header, ETHTOOL_A_HEADER_DEV_INDEX), &index) ||
-        !read_u32(find_nested(active, ETHTOOL_A_BITSET_SIZE), &size)) {
-        return;
-    }
+    const uint32_t index = reply_index(message, ETHTOOL_A_FEATURES_HEADER);
+    const struct nlattr* active =
+        find_attribute(NV_GENL_ATTRIBUTES(message), NV_GENL_ATTRIBUTES_LENGTH(message), ETHTOOL_A_FEATURES_ACTIVE);
+    uint32_t size = 0;
+    if (index == 0 || !active || !read_u32(find_nested(active, ETHTOOL_A_BITSET_SIZE), &size)) return;
     /* Another count than the table's means another table: that interface is
      * left to the per-interface request, which says so. */
-    if (size != dump->table->count || index == 0 || index > INT32_MAX) return;
+    if (size != dump->table->count) return;
     const struct nlattr* value = find_nested(active, ETHTOOL_A_BITSET_VALUE);
     const size_t words = (size + 31) / 32;
     if (!value || attribute_length(value) != (int)(words * sizeof(uint32_t))) return;
@@ -116,29 +121,57 @@ static void visit_features(const struct nlmsghdr* message, void* context) {
     dump->visit((int32_t)index, nv_linux_feature_capabilities(dump->table, bits, words), dump->context);
 }
 
-int nv_linux_dump_feature_capabilities(const nv_linux_features_t* table, nv_linux_features_visit_t visit,
-                                       void* context) {
-    if (!table || !visit || table->count == 0 || table->count > NV_LINUX_MAX_FEATURES) return 0;
+/* One dump request of the ethtool family with the compact-bitsets flag in
+ * its header nest (`header_type`): bitsets as plain words, not one attribute
+ * per named bit. */
+static int ethtool_dump(int fd, uint16_t family, uint8_t command, uint16_t header_type, nv_linux_visit_t visit,
+                        struct dump_visit* context) {
+    struct {
+        struct nlmsghdr message;
+        unsigned char payload[64];
+    } request;
+    memset(&request, 0, sizeof request);
+    start_genl(&request.message, family, command, NLM_F_REQUEST | NLM_F_DUMP);
+    request.message.nlmsg_seq = command;
+    struct nlattr* nest = put_attribute(&request.message, header_type | NLA_F_NESTED, NULL, 0);
+    const uint32_t flags = ETHTOOL_FLAG_COMPACT_BITSETS;
+    put_attribute(&request.message, ETHTOOL_A_HEADER_FLAGS, &flags, sizeof flags);
+    nest->nla_len = (uint16_t)((unsigned char*)&request.message + request.message.nlmsg_len - (unsigned char*)nest);
+    return nv_linux_netlink_dump(fd, &request.message, family, visit, context, NULL);
+}
+
+/* One interface's reply: a device with a clock of its own may have several
+ * timestamping providers, one reply each, and is left to its own request. */
+static void visit_timestamping(const struct nlmsghdr* message, void* context) {
+    const struct dump_visit* dump = context;
+    if (NV_GENL_ATTRIBUTES_LENGTH(message) < 0) return;
+    const struct nlattr* first = NV_GENL_ATTRIBUTES(message);
+    const int length = NV_GENL_ATTRIBUTES_LENGTH(message);
+    const uint32_t index = reply_index(message, ETHTOOL_A_TSINFO_HEADER);
+    const struct nlattr* modes = find_attribute(first, length, ETHTOOL_A_TSINFO_TIMESTAMPING);
+    if (index == 0 || !modes || find_attribute(first, length, ETHTOOL_A_TSINFO_PHC_INDEX)) return;
+    uint32_t size = 0, word = 0;
+    if (!read_u32(find_nested(modes, ETHTOOL_A_BITSET_SIZE), &size)) return;
+    const struct nlattr* value = find_nested(modes, ETHTOOL_A_BITSET_VALUE);
+    if (!value || attribute_length(value) != (int)((size + 31) / 32 * sizeof(uint32_t))) return;
+    if (size > 0) memcpy(&word, attribute_data(value), sizeof word);
+    dump->visit((int32_t)index, nv_linux_timestamp_capabilities(word), dump->context);
+}
+
+int nv_linux_dump_capabilities(const nv_linux_features_t* table, nv_linux_features_visit_t features,
+                               nv_linux_features_visit_t timestamps, void* context) {
+    if (!table || !features || !timestamps || table->count == 0 || table->count > NV_LINUX_MAX_FEATURES) return 0;
     int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC);
     if (fd < 0) return 0;
     int ok = 0;
     const uint16_t family = ethtool_family(fd);
     if (family != 0) {
-        struct {
-            struct nlmsghdr message;
-            unsigned char payload[64];
-        } request;
-        memset(&request, 0, sizeof request);
-        start_genl(&request.message, family, ETHTOOL_MSG_FEATURES_GET, NLM_F_REQUEST | NLM_F_DUMP);
-        request.message.nlmsg_seq = 2;
-        /* The header nest with one flag: bitsets as plain words, not one
-         * attribute per named bit. */
-        struct nlattr* nest = put_attribute(&request.message, ETHTOOL_A_FEATURES_HEADER | NLA_F_NESTED, NULL, 0);
-        const uint32_t flags = ETHTOOL_FLAG_COMPACT_BITSETS;
-        put_attribute(&request.message, ETHTOOL_A_HEADER_FLAGS, &flags, sizeof flags);
-        nest->nla_len = (uint16_t)((unsigned char*)&request.message + request.message.nlmsg_len - (unsigned char*)nest);
-        struct features_dump dump = {table, visit, context};
-        ok = nv_linux_netlink_dump(fd, &request.message, family, visit_features, &dump, NULL);
+        struct dump_visit features_visit = {table, features, context};
+        struct dump_visit timestamps_visit = {table, timestamps, context};
+        ok = ethtool_dump(fd, family, ETHTOOL_MSG_FEATURES_GET, ETHTOOL_A_FEATURES_HEADER, visit_features,
+                          &features_visit) &&
+             ethtool_dump(fd, family, ETHTOOL_MSG_TSINFO_GET, ETHTOOL_A_TSINFO_HEADER, visit_timestamping,
+                          &timestamps_visit);
     }
     close(fd);
     return ok;
