@@ -6,4 +6,7 @@ namespace netvane {
 // kernel's own superpage policy applies.
 void adviseLargeBuffer(void*, std::size_t) {}
 
+// Nor to map an anonymous buffer in ahead of its first writes.
+void prefaultBuffer(void*, std::size_t) {}
+
 }  // namespace netvane

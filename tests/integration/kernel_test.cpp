@@ -22,6 +22,8 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <map>
+#include <set>
 
 #include "network_namespace.h"
 #include "netcore/interfaces/interface_reader.h"
@@ -566,6 +568,48 @@ TEST_F(KernelTest, LinkSettingsRecoverFromAWrongMaskSizeAndFeatureTablesMustMatc
     caps = 7;
     EXPECT_EQ(nv_linux_curcap(sock.get(), "nvb", table.get(), &caps), 0);
     EXPECT_EQ(caps, 7u);
+}
+
+// The one dump of every interface's features and of their timestamping
+// against each interface's own requests: lo, a veth pair and a tun each
+// enable other features.
+TEST_F(KernelTest, CapabilityDumpsAnswerAsEachInterfacesOwnRequests) {
+    makeVariedInterfaces();
+    UniqueFd sock(::socket(AF_INET, SOCK_DGRAM, 0));
+    auto table = std::make_unique<nv_linux_features_t>();
+    ASSERT_EQ(nv_linux_feature_table(sock.get(), "lo", table.get()), 1);
+    struct Dumped {
+        std::map<std::int32_t, std::uint32_t> features, timestamps;
+    };
+    const auto features = [](std::int32_t index, std::uint32_t capabilities, void* context) {
+        EXPECT_TRUE(static_cast<Dumped*>(context)->features.emplace(index, capabilities).second);
+    };
+    const auto timestamps = [](std::int32_t index, std::uint32_t capabilities, void* context) {
+        EXPECT_TRUE(static_cast<Dumped*>(context)->timestamps.emplace(index, capabilities).second);
+    };
+    Dumped dumped;
+    ASSERT_EQ(nv_linux_dump_capabilities(table.get(), features, timestamps, &dumped), 1);
+    EXPECT_EQ(dumped.features.size(), 4u);
+    EXPECT_EQ(dumped.timestamps.size(), 4u);  // none has a clock of its own
+    std::set<std::uint32_t> distinct;
+    for (const char* name : {"lo", "nva", "nvb", "nvtun"}) {
+        SCOPED_TRACE(name);
+        const auto index = static_cast<std::int32_t>(::if_nametoindex(name));
+        ASSERT_TRUE(dumped.features.contains(index) && dumped.timestamps.contains(index));
+        EXPECT_EQ(dumped.timestamps[index], nv_linux_timestamp_request(sock.get(), name));
+        std::uint32_t requested = 0;
+        ASSERT_EQ(nv_linux_curcap(sock.get(), name, table.get(), &requested), 1);
+        EXPECT_EQ(dumped.features[index] | dumped.timestamps[index], requested);
+        distinct.insert(dumped.features[index]);
+    }
+    EXPECT_GE(distinct.size(), 2u);  // not one answer for all
+
+    // The table of another kernel fits no interface: no features are
+    // answered, and each interface is left to its own request.
+    table->count += 32;
+    dumped = {};
+    EXPECT_EQ(nv_linux_dump_capabilities(table.get(), features, timestamps, &dumped), 1);
+    EXPECT_TRUE(dumped.features.empty());
 }
 
 }  // namespace

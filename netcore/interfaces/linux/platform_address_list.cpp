@@ -21,12 +21,14 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <type_traits>
 #include <unordered_map>
 #include <vector>
 
 #include "netcore/interfaces/linux/kernel_links.h"
 #include "netcore/shim/linux/nv_linux.h"
+#include "support/memory.h"
 #include "support/unique_fd.h"
 
 namespace netvane {
@@ -71,22 +73,28 @@ static_assert(std::is_standard_layout_v<Node>);
 
 // The per-interface requests that remain: media (of interfaces a device
 // backs) and capabilities. The mask size and the feature table are the
-// kernel's, learnt once per reading.
+// kernel's, learnt once per reading, and with the table every interface's
+// features and timestamping modes come in one dump each; an interface the
+// dumps left out asks for itself.
 class EthtoolReader {
 public:
     explicit EthtoolReader(int sock) : sock_(sock) {}
 
-    void read(const char* name, bool hardware, KernelFacts& facts) {
+    void read(const char* name, int index, bool hardware, KernelFacts& facts) {
         ethtool_link_settings settings{};
         if (hardware && nv_linux_link_settings(sock_, name, &words_, &settings)) {
             if (facts.data) facts.data->baudrate = nv_linux_baudrate(&settings);
             nv_media_t media{};
             if (nv_linux_media(sock_, name, &settings, &media)) facts.media = media;
         }
+        if (!haveTable_ && (haveTable_ = nv_linux_feature_table(sock_, name, &table_) != 0)) dumpCapabilities();
         std::uint32_t capabilities = 0;
-        if (!haveTable_) haveTable_ = nv_linux_feature_table(sock_, name, &table_) != 0;
-        if ((haveTable_ && nv_linux_curcap(sock_, name, &table_, &capabilities)) ||
-            nv_get_curcap(sock_, name, &capabilities)) {
+        if (auto dumped = dumped_.find(index); dumped != dumped_.end() && dumped->second.features) {
+            const Dumped& d = dumped->second;
+            facts.capabilities = *d.features | (d.timestampReplies == 1 ? d.timestamps
+                                                                         : nv_linux_timestamp_request(sock_, name));
+        } else if ((haveTable_ && nv_linux_curcap(sock_, name, &table_, &capabilities)) ||
+                   nv_get_curcap(sock_, name, &capabilities)) {
             facts.capabilities = capabilities;
         }
     }
@@ -96,13 +104,35 @@ private:
     int words_ = 0;
     bool haveTable_ = false;
     nv_linux_features_t table_{};
+
+    struct Dumped {
+        std::optional<std::uint32_t> features;
+        std::uint32_t timestamps = 0;
+        int timestampReplies = 0;  // more than one: not the answer of its own request
+    };
+    std::unordered_map<std::int32_t, Dumped> dumped_;  // by interface index
+
+    // What a dump answered stands even when a later one failed.
+    void dumpCapabilities() {
+        nv_linux_dump_capabilities(
+            &table_,
+            [](std::int32_t index, std::uint32_t capabilities, void* self) {
+                static_cast<EthtoolReader*>(self)->dumped_[index].features = capabilities;
+            },
+            [](std::int32_t index, std::uint32_t capabilities, void* self) {
+                Dumped& d = static_cast<EthtoolReader*>(self)->dumped_[index];
+                d.timestamps = capabilities;
+                ++d.timestampReplies;
+            },
+            this);
+    }
 };
 
 KernelFacts factsOf(const KernelLink& link, EthtoolReader& ethtool) {
     const nv_linux_link_t& kernel = link.facts;
     KernelFacts facts;
     if (kernel.has_data) facts.data = kernel.data;
-    ethtool.read(kernel.name, link.hardware, facts);
+    ethtool.read(kernel.name, kernel.index, link.hardware, facts);
     if (kernel.has_inet6) {
         facts.nd6Flags = nv_linux_nd6_flags(kernel.accept_ra, kernel.disable_ipv6, kernel.accept_dad,
                                             (kernel.flags & IFF_NOARP) != 0);
@@ -145,7 +175,10 @@ struct AddressList::State {
     void build(const KernelLinks& dump, int sock) {
         std::unordered_map<int, const nv_linux_link_t*> byIndex(dump.links.size());
         for (const KernelLink& link : dump.links) byIndex.emplace(link.facts.index, &link.facts);
-        nodes.assign(dump.links.size() + dump.addresses.size(), Node{});
+        const std::size_t count = dump.links.size() + dump.addresses.size();
+        nodes.reserve(count);
+        prefaultBuffer(nodes.data(), count * sizeof(Node));
+        nodes.assign(count, Node{});
         std::size_t used = 0;
 
         for (const KernelLink& kernelLink : dump.links) {

@@ -1,8 +1,5 @@
 #include "netcore/publicip/linux/tls_stream.h"
 
-#include <openssl/err.h>
-#include <openssl/ssl.h>
-#include <openssl/x509v3.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -10,6 +7,7 @@
 #include <climits>
 
 #include "netcore/publicip/linux/socket_stream.h"
+#include "netcore/publicip/linux/tls_library.h"
 #include "netcore/publicip/public_ip.h"
 
 namespace netvane {
@@ -23,25 +21,32 @@ struct SocketEnd {
     bool eof = false;
 };
 
+// The library, once loaded. The socket end's callbacks run only inside its
+// calls, so they find it there.
+const TLSLibrary& tls() { return **tlsLibrary(); }
+
+void clearRetry(BIO* bio) { tls().BIO_clear_flags(bio, BIO_FLAGS_RWS | BIO_FLAGS_SHOULD_RETRY); }
+void setRetry(BIO* bio, int direction) { tls().BIO_set_flags(bio, direction | BIO_FLAGS_SHOULD_RETRY); }
+
 int socketEndWrite(BIO* bio, const char* data, int length) {
-    auto* end = static_cast<SocketEnd*>(BIO_get_data(bio));
-    BIO_clear_retry_flags(bio);
+    auto* end = static_cast<SocketEnd*>(tls().BIO_get_data(bio));
+    clearRetry(bio);
     const ssize_t sent = ::send(end->fd, data, static_cast<std::size_t>(length), MSG_NOSIGNAL);
     if (sent >= 0) return static_cast<int>(sent);
-    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) BIO_set_retry_write(bio);
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) setRetry(bio, BIO_FLAGS_WRITE);
     return -1;
 }
 
 int socketEndRead(BIO* bio, char* data, int length) {
-    auto* end = static_cast<SocketEnd*>(BIO_get_data(bio));
-    BIO_clear_retry_flags(bio);
+    auto* end = static_cast<SocketEnd*>(tls().BIO_get_data(bio));
+    clearRetry(bio);
     const ssize_t received = ::recv(end->fd, data, static_cast<std::size_t>(length), 0);
     if (received > 0) return static_cast<int>(received);
     if (received == 0) {
         end->eof = true;
         return 0;
     }
-    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) BIO_set_retry_read(bio);
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) setRetry(bio, BIO_FLAGS_READ);
     return -1;
 }
 
@@ -50,25 +55,26 @@ long socketEndControl(BIO* bio, int command, long, void*) {
         case BIO_CTRL_FLUSH:
             return 1;
         case BIO_CTRL_EOF:  // lets a close without close_notify end the stream (see makeTLSContext)
-            return static_cast<SocketEnd*>(BIO_get_data(bio))->eof ? 1 : 0;
+            return static_cast<SocketEnd*>(tls().BIO_get_data(bio))->eof ? 1 : 0;
         default:
             return 0;
     }
 }
 
 int socketEndCreate(BIO* bio) {
-    BIO_set_init(bio, 1);
+    tls().BIO_set_init(bio, 1);
     return 1;
 }
 
 const BIO_METHOD* socketEndMethod() {
     static BIO_METHOD* method = [] {
-        BIO_METHOD* m = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "netvane socket");
+        const TLSLibrary& t = tls();
+        BIO_METHOD* m = t.BIO_meth_new(t.BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "netvane socket");
         if (m) {
-            BIO_meth_set_write(m, socketEndWrite);
-            BIO_meth_set_read(m, socketEndRead);
-            BIO_meth_set_ctrl(m, socketEndControl);
-            BIO_meth_set_create(m, socketEndCreate);
+            t.BIO_meth_set_write(m, socketEndWrite);
+            t.BIO_meth_set_read(m, socketEndRead);
+            t.BIO_meth_set_ctrl(m, socketEndControl);
+            t.BIO_meth_set_create(m, socketEndCreate);
         }
         return m;
     }();
@@ -76,12 +82,12 @@ const BIO_METHOD* socketEndMethod() {
 }
 
 std::string openSSLReason(unsigned long code) {
-    const char* reason = ERR_reason_error_string(code);
+    const char* reason = tls().ERR_reason_error_string(code);
     return reason ? reason : "unknown error";
 }
 
 struct SSLFree {
-    void operator()(SSL* ssl) const { SSL_free(ssl); }
+    void operator()(SSL* ssl) const { tls().SSL_free(ssl); }
 };
 
 class TLSStream final : public ByteStream {
@@ -92,29 +98,30 @@ public:
     }
 
     Status setUp(SSL_CTX* context) {
-        ssl_.reset(SSL_new(context));
-        BIO* bio = ssl_ ? BIO_new(socketEndMethod()) : nullptr;
+        ssl_.reset(t_.SSL_new(context));
+        BIO* bio = ssl_ ? t_.BIO_new(socketEndMethod()) : nullptr;
         if (!bio) return failure("The secure connection could not be set up");
-        BIO_set_data(bio, &end_);
-        SSL_set_bio(ssl_.get(), bio, bio);
+        t_.BIO_set_data(bio, &end_);
+        t_.SSL_set_bio(ssl_.get(), bio, bio);
         if (PublicIPService::isIPAddress(host_)) {
             // Addresses are checked against the certificate's IP entries and never sent as SNI.
-            if (X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl_.get()), host_.c_str()) != 1) {
+            if (t_.X509_VERIFY_PARAM_set1_ip_asc(t_.SSL_get0_param(ssl_.get()), host_.c_str()) != 1) {
                 return failure("The secure connection could not be set up");
             }
-        } else if (SSL_set_tlsext_host_name(ssl_.get(), host_.c_str()) != 1 ||
-                   SSL_set1_host(ssl_.get(), host_.c_str()) != 1) {
+        } else if (t_.SSL_ctrl(ssl_.get(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+                               const_cast<char*>(host_.c_str())) != 1 ||
+                   t_.SSL_set1_host(ssl_.get(), host_.c_str()) != 1) {
             return failure("The secure connection could not be set up");
         }
-        SSL_set_connect_state(ssl_.get());
+        t_.SSL_set_connect_state(ssl_.get());
         return {};
     }
 
     Status handshake() {
         for (;;) {
-            ERR_clear_error();
+            t_.ERR_clear_error();
             errno = 0;
-            const int result = SSL_do_handshake(ssl_.get());
+            const int result = t_.SSL_do_handshake(ssl_.get());
             if (result == 1) return {};
             if (auto waited = waitFor(result); !waited) return waited;
         }
@@ -123,10 +130,10 @@ public:
     Status sendAll(std::span<const std::uint8_t> bytes) override {
         while (!bytes.empty()) {
             if (auto live = waiter_.check(); !live) return live;
-            ERR_clear_error();
+            t_.ERR_clear_error();
             errno = 0;
             std::size_t written = 0;
-            const int result = SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &written);
+            const int result = t_.SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &written);
             if (result == 1) {
                 bytes = bytes.subspan(written);
             } else if (auto waited = waitFor(result); !waited) {
@@ -141,12 +148,12 @@ public:
         // so the limits are checked here as well as in the waits.
         if (auto live = waiter_.check(); !live) return live.error();
         for (;;) {
-            ERR_clear_error();
+            t_.ERR_clear_error();
             errno = 0;
             std::size_t read = 0;
-            const int result = SSL_read_ex(ssl_.get(), buffer.data(), buffer.size(), &read);
+            const int result = t_.SSL_read_ex(ssl_.get(), buffer.data(), buffer.size(), &read);
             if (result == 1) return read;
-            if (SSL_get_error(ssl_.get(), result) == SSL_ERROR_ZERO_RETURN) return std::size_t{0};
+            if (t_.SSL_get_error(ssl_.get(), result) == SSL_ERROR_ZERO_RETURN) return std::size_t{0};
             if (auto waited = waitFor(result); !waited) return waited.error();
         }
     }
@@ -154,21 +161,21 @@ public:
 private:
     // Waits for what the TLS layer asked for, or turns its failure into an Error.
     Status waitFor(int result) {
-        const int reason = SSL_get_error(ssl_.get(), result);
+        const int reason = t_.SSL_get_error(ssl_.get(), result);
         if (reason == SSL_ERROR_WANT_READ) return waiter_.wait(socket_.get(), POLLIN);
         if (reason == SSL_ERROR_WANT_WRITE) return waiter_.wait(socket_.get(), POLLOUT);
-        const long verification = SSL_get_verify_result(ssl_.get());
+        const long verification = t_.SSL_get_verify_result(ssl_.get());
         if (verification != X509_V_OK) {
             return Error{kTLSErrorDomain, verification,
                          std::string("The server's certificate isn't valid: ") +
-                             X509_verify_cert_error_string(verification)};
+                             t_.X509_verify_cert_error_string(verification)};
         }
         if (reason == SSL_ERROR_SYSCALL && errno != 0) return posixError(errno);
-        if (reason == SSL_ERROR_SSL && ERR_GET_REASON(ERR_peek_last_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+        if (reason == SSL_ERROR_SSL && ERR_GET_REASON(t_.ERR_peek_last_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
             return Error{kTLSErrorDomain, SSL_R_UNEXPECTED_EOF_WHILE_READING,
                          "The secure connection was closed before the response was complete"};
         }
-        if (const unsigned long code = ERR_peek_last_error(); code != 0) {
+        if (const unsigned long code = t_.ERR_peek_last_error(); code != 0) {
             return Error{kTLSErrorDomain, static_cast<std::int64_t>(ERR_GET_REASON(code)),
                          "The secure connection failed: " + openSSLReason(code)};
         }
@@ -177,6 +184,7 @@ private:
 
     static Error failure(std::string message) { return Error{kTLSErrorDomain, 0, std::move(message)}; }
 
+    const TLSLibrary& t_ = tls();
     UniqueFd socket_;
     AttemptWaiter waiter_;
     std::string host_;
@@ -187,21 +195,27 @@ private:
 }  // namespace
 
 Result<ssl_ctx_st*> makeTLSContext() {
-    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+    auto library = tlsLibrary();
+    if (!library) return library.error();
+    const TLSLibrary& t = **library;
+    SSL_CTX* context = t.SSL_CTX_new(t.TLS_client_method());
     if (!context) return Error{kTLSErrorDomain, 0, "The secure connection could not be set up"};
-    SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
-    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+    t.SSL_CTX_ctrl(context, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_2_VERSION, nullptr);
+    t.SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     // No SSL_OP_IGNORE_UNEXPECTED_EOF: the exchange reads until the server
     // closes and trusts no length, so close_notify is the only sign that the
     // body arrived whole. A bare TCP close is a receive error.
-    if (SSL_CTX_set_default_verify_paths(context) != 1) {
-        SSL_CTX_free(context);
+    if (t.SSL_CTX_set_default_verify_paths(context) != 1) {
+        t.SSL_CTX_free(context);
         return Error{kTLSErrorDomain, 0, "The system's trusted certificates could not be loaded"};
     }
     return context;
 }
 
-void freeTLSContext(ssl_ctx_st* context) { SSL_CTX_free(context); }
+// Contexts exist only once the library is loaded.
+void freeTLSContext(ssl_ctx_st* context) {
+    if (context) tls().SSL_CTX_free(context);
+}
 
 Result<std::unique_ptr<ByteStream>> startTLS(UniqueFd socket, AttemptWaiter waiter, ssl_ctx_st* context,
                                              const std::string& host) {

@@ -77,6 +77,26 @@ int nv_linux_feature_table(int sock, const char* ifname, nv_linux_features_t* ou
  * interface's feature count is not the table's. */
 int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* table, uint32_t* out);
 
+/* The capability bits of the enabled features `active` (a feature bitmap of
+ * `words` 32-bit words) by a table in hand, before the timestamping modes. */
+uint32_t nv_linux_feature_capabilities(const nv_linux_features_t* table, const uint32_t* active, size_t words);
+/* The capability bits of an interface's timestamping modes (ETHTOOL_GET_TS_INFO);
+ * 0 when it has none or the request fails. */
+uint32_t nv_linux_timestamp_request(int sock, const char* ifname);
+/* Every interface's enabled features and timestamping modes by one dump each
+ * of the kernel's ethtool netlink family, where the requests above cost two
+ * system calls (and two turns of the kernel's lock) per interface.
+ * `features` gets each interface index with nv_linux_feature_capabilities of
+ * its features, for every interface whose feature count is the table's;
+ * `timestamps` gets an index with the capabilities of its timestamping modes,
+ * for every interface without a clock of its own: one with a clock may have
+ * several timestamping providers (one reply each), so its own request answers
+ * for it. 1 when both dumps completed; 0 where the family is missing (kernels
+ * before 5.7 or built without it) or a dump failed, and the requests remain. */
+typedef void (*nv_linux_features_visit_t)(int32_t index, uint32_t capabilities, void* context);
+int nv_linux_dump_capabilities(const nv_linux_features_t* table, nv_linux_features_visit_t features,
+                               nv_linux_features_visit_t timestamps, void* context);
+
 /* Functional type of an interface whose hardware type is known; sysfs is
  * asked only about hardware interfaces. */
 uint32_t nv_linux_read_functional_type(const char* ifname, uint32_t hardware_type, int hardware);
@@ -125,6 +145,10 @@ int nv_linux_netlink_socket(void);
 typedef void (*nv_linux_visit_t)(const struct nlmsghdr* message, void* context);
 int nv_linux_netlink_dump(int fd, struct nlmsghdr* request, uint16_t type, nv_linux_visit_t visit, void* context,
                           int* interrupted);
+/* Sends one (non-dump) request on a netlink socket and copies the one reply
+ * message of `type` into buf; its length, or -1 on any error, a kernel
+ * refusal or truncation. */
+int nv_linux_netlink_exchange(int fd, struct nlmsghdr* request, uint16_t type, unsigned char* buf, size_t size);
 
 /* Reads a small text file relative to dirfd into buf (terminated); the
  * number of bytes read, or -1. */

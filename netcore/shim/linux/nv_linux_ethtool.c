@@ -128,23 +128,32 @@ int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* tab
      * table's means another table. */
     int ok = ethtool(sock, ifname, features) && features->size == blocks;
     if (ok) {
-        uint32_t caps = 1u << 2; /* VLAN_MTU, unless the device is VLAN-challenged */
-        for (uint32_t i = 0; i < table->count; ++i) {
-            if (!((features->features[i / 32].active >> (i % 32)) & 1)) continue;
-            if ((int32_t)i == table->vlan_challenged) {
-                caps &= ~(1u << 2);
-            } else {
-                caps |= table->capability[i];
-            }
-        }
-        struct ethtool_ts_info ts;
-        memset(&ts, 0, sizeof ts);
-        ts.cmd = ETHTOOL_GET_TS_INFO;
-        if (ethtool(sock, ifname, &ts)) caps |= nv_linux_timestamp_capabilities(ts.so_timestamping);
-        *out = caps;
+        uint32_t active[NV_LINUX_MAX_FEATURES / 32];
+        for (uint32_t i = 0; i < blocks; ++i) active[i] = features->features[i].active;
+        *out = nv_linux_feature_capabilities(table, active, blocks) | nv_linux_timestamp_request(sock, ifname);
     }
     free(features);
     return ok;
+}
+
+uint32_t nv_linux_feature_capabilities(const nv_linux_features_t* table, const uint32_t* active, size_t words) {
+    uint32_t caps = 1u << 2; /* VLAN_MTU, unless the device is VLAN-challenged */
+    for (uint32_t i = 0; i < table->count && i / 32 < words; ++i) {
+        if (!((active[i / 32] >> (i % 32)) & 1)) continue;
+        if ((int32_t)i == table->vlan_challenged) {
+            caps &= ~(1u << 2);
+        } else {
+            caps |= table->capability[i];
+        }
+    }
+    return caps;
+}
+
+uint32_t nv_linux_timestamp_request(int sock, const char* ifname) {
+    struct ethtool_ts_info ts;
+    memset(&ts, 0, sizeof ts);
+    ts.cmd = ETHTOOL_GET_TS_INFO;
+    return ethtool(sock, ifname, &ts) ? nv_linux_timestamp_capabilities(ts.so_timestamping) : 0;
 }
 
 int nv_get_curcap(int sock, const char* ifname, uint32_t* out) {

@@ -32,9 +32,7 @@
 
 int nv_linux_netlink_socket(void) { return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE); }
 
-/* Sends one request and returns the length of the one reply message of
- * `type`, copied into buf; -1 on any error, a kernel refusal or truncation. */
-static int netlink_exchange(int fd, struct nlmsghdr* request, uint16_t type, unsigned char* buf, size_t size) {
+int nv_linux_netlink_exchange(int fd, struct nlmsghdr* request, uint16_t type, unsigned char* buf, size_t size) {
     if (fd < 0) return -1;
     struct sockaddr_nl kernel;
     memset(&kernel, 0, sizeof kernel);
@@ -185,7 +183,7 @@ int nv_linux_request_link(unsigned int index, const char* ifname, nv_linux_link_
     unsigned char* buf = malloc(NV_NETLINK_REPLY_SIZE);
     if (!buf) return 0;
     int fd = nv_linux_netlink_socket();
-    int length = netlink_exchange(fd, &request.header, RTM_NEWLINK, buf, NV_NETLINK_REPLY_SIZE);
+    int length = nv_linux_netlink_exchange(fd, &request.header, RTM_NEWLINK, buf, NV_NETLINK_REPLY_SIZE);
     if (fd >= 0) close(fd);
     int ok = length > 0 && nv_linux_parse_link((const struct nlmsghdr*)buf, out);
     free(buf);
@@ -245,7 +243,7 @@ int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in
 
     unsigned char buf[4096];
     int fd = nv_linux_netlink_socket();
-    int length = netlink_exchange(fd, &request.header, RTM_NEWADDR, buf, sizeof buf);
+    int length = nv_linux_netlink_exchange(fd, &request.header, RTM_NEWADDR, buf, sizeof buf);
     if (fd >= 0) close(fd);
     if (length < (int)NLMSG_LENGTH(sizeof(struct ifaddrmsg))) return 0;
     struct nlmsghdr* reply = (struct nlmsghdr*)buf;
