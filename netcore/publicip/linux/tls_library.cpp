@@ -47,9 +47,12 @@ Result<TLSLibrary> loadTLSLibrary(const std::string& fileName) {
 }
 
 Result<const TLSLibrary*> tlsLibrary() {
-    static const Result<TLSLibrary> loaded = loadTLSLibrary(kTLSLibraryName);
-    if (!loaded) return loaded.error();
-    return &*loaded;
+    // Never destroyed, as the library is never unloaded: objects of static
+    // lifetime (the connector's context) free their TLS state at exit, after
+    // a static table here would be gone.
+    static const Result<TLSLibrary>* const loaded = new Result<TLSLibrary>(loadTLSLibrary(kTLSLibraryName));
+    if (!*loaded) return loaded->error();
+    return &**loaded;
 }
 
 }  // namespace netvane
