@@ -40,10 +40,12 @@ namespace {
 
 Error loadFailure(std::string reason) { return Error{kBusErrorDomain, ELIBACC, std::move(reason)}; }
 
-// The process's library, tried once; later calls see the same outcome.
+// The process's library, tried once; later calls see the same outcome. It
+// is never destroyed: a connection held by a static object is closed at exit,
+// possibly after a static table would already be gone.
 const Result<std::shared_ptr<const BusFunctions>>& processLibrary() {
-    static const Result<std::shared_ptr<const BusFunctions>> library = loadBusLibrary(kBusLibraryName);
-    return library;
+    static const auto* library = new Result<std::shared_ptr<const BusFunctions>>(loadBusLibrary(kBusLibraryName));
+    return *library;
 }
 
 const BusFunctions* loaded() {
