@@ -6,6 +6,7 @@
 #include <string>
 
 #include "netcore/sysconfig/linux/bus.h"
+#include "netcore/sysconfig/linux/bus_library.h"
 
 namespace netvane {
 namespace {
@@ -19,7 +20,7 @@ using bus::Bus;
 using bus::Message;
 
 Error busError(int result, const std::string& what) {
-    return Error{kAuthorityDomain, -result, what + ": " + posixError(-result).message};
+    return Error{kAuthorityDomain, -result, what + ": " + bus::describeBusResult(result)};
 }
 
 }  // namespace

@@ -225,6 +225,12 @@ class InstalledTree(unittest.TestCase):
         result = run([executable], timeout=60)
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
         self.assertIn("loopback yes", result.stdout)
+        # NetCore loads the bus library when it first opens a bus; its users
+        # link nothing of it.
+        dynamic = run(["readelf", "-d", executable])
+        self.assertEqual(dynamic.returncode, 0, dynamic.stderr)
+        self.assertIn("(NEEDED)", dynamic.stdout)
+        self.assertNotIn("libsystemd", dynamic.stdout)
 
     def test_consumer_builds_through_find_package(self):
         build = self.work / "consumer-cmake"

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "netcore/sysconfig/linux/bus_library.h"
+
 namespace netvane::bus {
 namespace {
 
@@ -178,7 +180,7 @@ int readInto(sd_bus_message* message, plist::Value& out) {
 }  // namespace
 
 Error errorFrom(int negativeErrno, const std::string& doing) {
-    return Error{kBusErrorDomain, -negativeErrno, doing + ": " + std::strerror(-negativeErrno)};
+    return Error{kBusErrorDomain, -negativeErrno, doing + ": " + describeBusResult(negativeErrno)};
 }
 
 Error errorFrom(const sd_bus_error& error, const std::string& doing) {

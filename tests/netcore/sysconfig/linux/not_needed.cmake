@@ -1,0 +1,27 @@
+# cmake -P not_needed.cmake PROGRAM...
+# Fails when any PROGRAM lists the bus library among the libraries the
+# dynamic loader must load before the program starts.
+find_program(READELF readelf REQUIRED)
+set(programs "")
+# CMAKE_ARGV0 to 2 are cmake, -P and this script.
+set(i 3)
+while(i LESS CMAKE_ARGC)
+  list(APPEND programs "${CMAKE_ARGV${i}}")
+  math(EXPR i "${i} + 1")
+endwhile()
+if(NOT programs)
+  message(FATAL_ERROR "usage: cmake -P not_needed.cmake PROGRAM...")
+endif()
+foreach(program IN LISTS programs)
+  execute_process(COMMAND "${READELF}" -d "${program}" OUTPUT_VARIABLE dynamic RESULT_VARIABLE failed)
+  if(failed)
+    message(FATAL_ERROR "readelf -d ${program} failed")
+  endif()
+  if(NOT dynamic MATCHES "\\(NEEDED\\)")
+    message(FATAL_ERROR "${program} lists no needed libraries at all: not a dynamic program?")
+  endif()
+  if(dynamic MATCHES "\\(NEEDED\\)[^\n]*libsystemd")
+    message(FATAL_ERROR "${program} needs libsystemd at start")
+  endif()
+  message(STATUS "${program}: no libsystemd among its needed libraries")
+endforeach()
