@@ -1,6 +1,7 @@
 #include "netcore/sysconfig/linux/bus.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,7 +12,9 @@
 namespace netvane::bus {
 namespace {
 
-constexpr const char* kDefaultSystemBus = "unix:path=/run/dbus/system_bus_socket";
+#define NV_SYSTEM_BUS_SOCKET "/run/dbus/system_bus_socket"
+constexpr const char* kDefaultSystemBusSocket = NV_SYSTEM_BUS_SOCKET;
+constexpr const char* kDefaultSystemBus = "unix:path=" NV_SYSTEM_BUS_SOCKET;
 
 std::uint64_t nowMicroseconds() {
     return static_cast<std::uint64_t>(
@@ -189,12 +192,19 @@ Error errorFrom(const sd_bus_error& error, const std::string& doing) {
 }
 
 Result<Bus> openSystemBus() {
+    const char* address = ::secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    const bool usual = !address || !*address;
+    // Without the usual socket there is nothing to connect to: the answer
+    // connecting would give, without loading the bus library for it (most of
+    // what a reading costs on a machine without a system bus).
+    if (usual && ::access(kDefaultSystemBusSocket, F_OK) != 0 && errno == ENOENT) {
+        return errorFrom(-ENOENT, "connect to the system bus");
+    }
     sd_bus* raw = nullptr;
     int r = sd_bus_new(&raw);
     if (r < 0) return errorFrom(r, "create a bus connection");
     Bus bus(raw);
-    const char* address = ::secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    r = sd_bus_set_address(bus.get(), address && *address ? address : kDefaultSystemBus);
+    r = sd_bus_set_address(bus.get(), usual ? kDefaultSystemBus : address);
     if (r >= 0) r = sd_bus_set_bus_client(bus.get(), 1);
     if (r >= 0) r = sd_bus_set_method_call_timeout(bus.get(), timeoutMicroseconds());
     if (r >= 0) r = sd_bus_start(bus.get());

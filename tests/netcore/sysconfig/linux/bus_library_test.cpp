@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -93,6 +94,9 @@ std::string libraryPath() {
         std::fprintf(stderr, "cannot hide %s: %s\n", path.c_str(), std::strerror(errno));
         ::_exit(2);
     }
+    // An address of its own: without the usual socket, no library is needed
+    // to know there is no bus.
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/netvane-bus", 1);
     auto opened = openSystemBus();
     if (opened) ::_exit(3);
     std::fprintf(stderr, "%s\n", opened.error().message.c_str());
@@ -114,6 +118,39 @@ TEST(BusLibraryDeathTest, WithoutTheLibraryOpeningABusFailsWithTheLoadersReason)
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(runWithoutTheLibrary(path), testing::ExitedWithCode(0),
                 "create a bus connection: cannot load libsystemd\\.so\\.0: ");
+}
+
+bool libraryIsLoaded() {
+    FILE* maps = std::fopen("/proc/self/maps", "r");
+    if (!maps) return true;
+    bool found = false;
+    char line[1024];
+    while (std::fgets(line, sizeof line, maps)) found = found || std::strstr(line, kBusLibraryName) != nullptr;
+    std::fclose(maps);
+    return found;
+}
+
+// With no system bus socket, asking for the system bus answers at once, and
+// the library stays unloaded.
+[[noreturn]] void openWithoutASystemBus() {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        (::mkdir("/run/dbus", 0755) != 0 && errno != EEXIST) ||
+        ::mount("tmpfs", "/run/dbus", "tmpfs", 0, nullptr) != 0) {
+        std::fprintf(stderr, "cannot hide the system bus: %s\n", std::strerror(errno));
+        ::_exit(2);
+    }
+    ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    if (libraryIsLoaded()) ::_exit(3);
+    auto opened = openSystemBus();
+    if (opened) ::_exit(4);
+    std::fprintf(stderr, "%s\n", opened.error().message.c_str());
+    ::_exit(opened.error().code == ENOENT && !libraryIsLoaded() ? 0 : 5);
+}
+
+TEST(BusLibraryDeathTest, WithoutASystemBusTheLibraryIsNotLoaded) {
+    if (::geteuid() != 0) GTEST_SKIP() << "hiding the system bus needs a mount namespace of our own";
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(openWithoutASystemBus(), testing::ExitedWithCode(0), "connect to the system bus: No such file");
 }
 
 }  // namespace
