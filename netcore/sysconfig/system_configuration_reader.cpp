@@ -44,6 +44,10 @@ NetworkMetadata SystemConfigurationReader::read() {
                                            &systemDynamicStores()});
 }
 
+NetworkMetadata SystemConfigurationReader::readServicesAndPrimaries() {
+    return read(SystemConfigurationSources{nullptr, systemNetworkPreferences().get(), &systemDynamicStores()});
+}
+
 NetworkMetadata SystemConfigurationReader::read(const SystemConfigurationSources& sources) {
     NetworkMetadata metadata;
     if (sources.interfaces) {

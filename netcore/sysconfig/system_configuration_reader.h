@@ -71,6 +71,9 @@ struct SystemConfigurationReader {
 
     static NetworkMetadata read();
     static NetworkMetadata read(const SystemConfigurationSources& sources);
+    // The services and primary interfaces only, `interfaces` left empty, for
+    // callers that show nothing else: the interface list is never read.
+    static NetworkMetadata readServicesAndPrimaries();
 
 private:
     static std::vector<NetworkService> readServices(NetworkPreferences& preferences);

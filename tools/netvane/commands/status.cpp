@@ -29,7 +29,7 @@ int run(const Args& args) {
 
     const std::vector<InterfaceSnapshot> snapshots = InterfaceReader().snapshot();
     const TunnelOwnerMap owners = TunnelOwners::scan();
-    const NetworkMetadata configuration = SystemConfigurationReader::read();
+    const NetworkMetadata configuration = SystemConfigurationReader::readServicesAndPrimaries();
     if (json) {
         // Written out piece by piece: a reading of many interfaces makes
         // megabytes of text.

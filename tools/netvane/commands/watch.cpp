@@ -184,7 +184,7 @@ int run(const Args& args) {
         const Date now = Date::now();
         const RateRecorder::Reading taken = recorder.record(now);
         const bool configurationRead = configurationChanges.take();
-        if (configurationRead) configuration = SystemConfigurationReader::read();
+        if (configurationRead) configuration = SystemConfigurationReader::readServicesAndPrimaries();
         printReading(options, now, taken.rates, taken.snapshots.size(), configuration, configurationRead);
         if (now.secondsSinceReference - lastSave >= kRecordingSaveEvery) {
             saved = save(store, recorder.histories());

@@ -192,7 +192,7 @@ int run(const Args& args) {
                 interfaces.push_back(std::move(interface));
             }
             if (configurationChanges.take()) {
-                const NetworkMetadata configuration = SystemConfigurationReader::read();
+                const NetworkMetadata configuration = SystemConfigurationReader::readServicesAndPrimaries();
                 primaries.clear();
                 if (configuration.primaryIPv4Interface) primaries.insert(*configuration.primaryIPv4Interface);
                 if (configuration.primaryIPv6Interface) primaries.insert(*configuration.primaryIPv6Interface);
