@@ -222,23 +222,28 @@ bool Server::admits(uid_t uid) const {
 
 void Server::serve(std::shared_ptr<Connection> connection) {
     std::shared_ptr<Session> session = service_.makeSession(connection->peer());
-    FrameReader reader(connection->fd(), limits_.readBudget.get());
-    const ReadDeadlines deadlines{limits_.idleDeadline, limits_.frameDeadline,
-                                  [&connection] { return connection->idleSince(); }};
-    while (session) {
-        auto body = reader.next(deadlines);
-        if (!body) break;
-        auto call = decodeCall(*body);
-        if (!call) break;
-        const MethodDescription* method = service_.protocol->find(call->selector);
-        if (!method || method->arguments.size() != call->args.size()) break;
-        bool argumentsMatch = true;
-        for (std::size_t i = 0; i < call->args.size(); ++i) {
-            const plist::Value* value = call->args[i] ? &*call->args[i] : nullptr;
-            argumentsMatch = argumentsMatch && acceptsValue(method->arguments[i], value);
+    {
+        // The reader gives its share of the read budget back when it goes,
+        // which must happen before this connection stops counting: once the
+        // count drains, stop() returns and the budget may be gone.
+        FrameReader reader(connection->fd(), limits_.readBudget.get());
+        const ReadDeadlines deadlines{limits_.idleDeadline, limits_.frameDeadline,
+                                      [&connection] { return connection->idleSince(); }};
+        while (session) {
+            auto body = reader.next(deadlines);
+            if (!body) break;
+            auto call = decodeCall(*body);
+            if (!call) break;
+            const MethodDescription* method = service_.protocol->find(call->selector);
+            if (!method || method->arguments.size() != call->args.size()) break;
+            bool argumentsMatch = true;
+            for (std::size_t i = 0; i < call->args.size(); ++i) {
+                const plist::Value* value = call->args[i] ? &*call->args[i] : nullptr;
+                argumentsMatch = argumentsMatch && acceptsValue(method->arguments[i], value);
+            }
+            if (!argumentsMatch) break;
+            session->handle(*method, std::move(call->args), ReplySender(connection, call->seq));
         }
-        if (!argumentsMatch) break;
-        session->handle(*method, std::move(call->args), ReplySender(connection, call->seq));
     }
     connection->close();
     if (session) session->invalidated();
