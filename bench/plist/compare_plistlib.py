@@ -43,7 +43,7 @@ def main():
                 for direction, py in (("encode", py_encode), ("decode", py_decode)):
                     mine = ms[f"{fmt_name}_{direction}/{name}"]
                     print(f"{name:<16}{fmt_name + ' ' + direction:<16}{mine:>12.3f}{py:>13.3f}{py / mine:>9.1f}x")
-        for floor_name in ("copy_floor", "warm_copy_floor"):
+        for floor_name in ("copy_floor", "fresh_copy_floor", "warm_copy_floor"):
             floor = ms[f"{floor_name}/blobs_50MB"]
             print(f"{floor_name} for blobs_50MB: {floor:.3f} ms; encode {ms['binary_encode/blobs_50MB'] / floor:.2f}x, "
                   f"encode into a reused buffer {ms['binary_encode_reused/blobs_50MB'] / floor:.2f}x, "
