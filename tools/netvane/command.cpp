@@ -1,6 +1,7 @@
 #include "command.h"
 
 #include <signal.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -81,5 +82,11 @@ void stopOnInterrupt() {
 }
 
 bool interrupted() { return interruptReceived != 0; }
+
+double monotonicSeconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
 
 }  // namespace netvane::cli

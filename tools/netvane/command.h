@@ -48,5 +48,7 @@ int printHelp(const Command& command);
 // interrupted(); sleeps in the main thread are cut short by them.
 void stopOnInterrupt();
 bool interrupted();
+// Seconds on the monotonic clock, which paces the live commands' readings.
+double monotonicSeconds();
 
 }  // namespace netvane::cli

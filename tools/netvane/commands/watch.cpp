@@ -139,29 +139,14 @@ bool save(const HistoryStore& store, const HistorySet& histories) {
 // Relative sleeps towards an absolute point, so that drift does not add up
 // over a long watch; an interrupting signal cuts a sleep short and the loop
 // looks at the flag again.
-void sleepUntil(const timespec& deadline) {
+void sleepUntil(double deadline) {
     while (!interrupted()) {
-        timespec now{};
-        ::clock_gettime(CLOCK_MONOTONIC, &now);
-        timespec left{deadline.tv_sec - now.tv_sec, deadline.tv_nsec - now.tv_nsec};
-        if (left.tv_nsec < 0) {
-            left.tv_sec -= 1;
-            left.tv_nsec += 1000000000L;
-        }
-        if (left.tv_sec < 0 || (left.tv_sec == 0 && left.tv_nsec == 0)) return;
-        ::nanosleep(&left, nullptr);
+        const double left = deadline - monotonicSeconds();
+        if (left <= 0) return;
+        const double whole = std::floor(left);
+        const timespec pause{static_cast<time_t>(whole), static_cast<long>((left - whole) * 1e9)};
+        ::nanosleep(&pause, nullptr);
     }
-}
-
-timespec addSeconds(timespec t, double seconds) {
-    double whole = std::floor(seconds);
-    t.tv_sec += static_cast<time_t>(whole);
-    t.tv_nsec += static_cast<long>((seconds - whole) * 1e9);
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_sec += 1;
-        t.tv_nsec -= 1000000000L;
-    }
-    return t;
 }
 
 int run(const Args& args) {
@@ -174,12 +159,11 @@ int run(const Args& args) {
     RateRecorder recorder(loadRecording(store), options.interval);
     ConfigurationChanges configurationChanges("watch");
     NetworkMetadata configuration;
-    timespec start{};
-    ::clock_gettime(CLOCK_MONOTONIC, &start);
+    const double start = monotonicSeconds();
     double lastSave = Date::now().secondsSinceReference;
     bool saved = true;
     for (std::uint64_t reading = 0; !interrupted() && (!options.count || reading < *options.count); ++reading) {
-        if (reading > 0) sleepUntil(addSeconds(start, options.interval * static_cast<double>(reading)));
+        if (reading > 0) sleepUntil(start + options.interval * static_cast<double>(reading));
         if (interrupted()) break;
         const Date now = Date::now();
         const RateRecorder::Reading taken = recorder.record(now);

@@ -5,7 +5,6 @@
 // decided in views/top_view.
 #include <curses.h>
 #include <langinfo.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <clocale>
@@ -93,12 +92,6 @@ private:
     explicit Terminal(SCREEN* screen) : screen_(screen) {}
     SCREEN* screen_;
 };
-
-double monotonicSeconds() {
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 std::string localClock(Date now) {
     const long offset = views::localUTCOffset(now);
