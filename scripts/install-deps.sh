@@ -12,6 +12,10 @@ packages=(
   libncurses-dev                   # `netvane top`
   tmux librsvg2-bin python3-lxml   # the views' tests: a terminal to run top in, SVG checks
   network-manager                  # the configuration backend's tests and benchmark
+  network-manager-openvpn openvpn netplan.io  # real VPN and netplan profiles in the sandbox
+  fiu-utils                        # I/O faults injected into saves
+  clang-tools-16 shellcheck        # the static analyzer; every shell script checked
+  zsh fish                         # the completions, run in the real shells
   systemd man-db dpkg-dev init-system-helpers  # unit checks, manual pages, the Debian packages
   lld llvm-14                      # the macOS cross build: ld64.lld, llvm-lipo, llvm-ar
 )
