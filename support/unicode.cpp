@@ -167,6 +167,33 @@ bool isValidUtf8(std::string_view text) {
     return true;
 }
 
+std::string terminalText(std::string_view text) {
+    const std::string repaired = repairUtf8(text);
+    std::string out;
+    out.reserve(repaired.size());
+    constexpr char kHex[] = "0123456789abcdef";
+    for (std::size_t i = 0; i < repaired.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(repaired[i]);
+        // After repair, C1 controls (U+0080..U+009F) are exactly C2 80..C2 9F.
+        const bool c1 = byte == 0xC2 && i + 1 < repaired.size() && static_cast<unsigned char>(repaired[i + 1]) < 0xA0;
+        if (byte >= 0x20 && byte != 0x7F && !c1) {
+            out.push_back(static_cast<char>(byte));
+            continue;
+        }
+        switch (byte) {
+            case '\n': out += "\\n"; continue;
+            case '\r': out += "\\r"; continue;
+            case '\t': out += "\\t"; continue;
+            default: break;
+        }
+        const auto value = c1 ? static_cast<unsigned char>(repaired[++i]) : byte;
+        out += c1 ? "\\u00" : "\\x";
+        out.push_back(kHex[value >> 4]);
+        out.push_back(kHex[value & 0xF]);
+    }
+    return out;
+}
+
 std::string decodeCString(std::span<const char> buffer) {
     auto end = std::find(buffer.begin(), buffer.end(), '\0');
     return repairUtf8(std::string_view(buffer.data(), static_cast<std::size_t>(end - buffer.begin())));

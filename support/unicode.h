@@ -29,6 +29,12 @@ std::string repairUtf8(std::string_view text);
 // filled into a buffer.
 std::string decodeCString(std::span<const char> buffer);
 
+// Text from outside (names other users chose, paths, error texts) as it may
+// reach a terminal: repaired as above, with every control character (C0,
+// DEL, C1) written as a visible escape (`\n`, `\x1b`, `\u0085`), so that
+// nobody else's text can move a cursor, recolour a screen or forge a line.
+std::string terminalText(std::string_view text);
+
 // Appends the UTF-8 form of one code point (XML character references).
 bool appendCodePoint(std::uint32_t codePoint, std::string& out);
 

@@ -77,6 +77,18 @@ TEST(Unicode, RepairReplacesInvalidBytesAndKeepsTheRest) {
     EXPECT_EQ(decodeCString(buffer), "xy");
 }
 
+TEST(Unicode, TerminalTextEscapesEveryControlAndKeepsPrintableText) {
+    using namespace std::string_literals;
+    EXPECT_EQ(terminalText("caf\xC3\xA9 \xE2\x82\xAC"), "caf\xC3\xA9 \xE2\x82\xAC");
+    EXPECT_EQ(terminalText("a\x1b[2Jb"), "a\\x1b[2Jb");
+    EXPECT_EQ(terminalText("line\r\nforged\t"), "line\\r\\nforged\\t");
+    EXPECT_EQ(terminalText("\0\x7f"s), "\\x00\\x7f");
+    // C1 controls (a single-byte CSI among them) are escaped; U+00A0 onwards is text.
+    EXPECT_EQ(terminalText("\xC2\x9B" "31m\xC2\x85\xC2\xA0"), "\\u009b31m\\u0085\xC2\xA0");
+    // Ill-formed bytes are repaired first, so no stray byte can start a sequence.
+    EXPECT_EQ(terminalText("x\x9By\xFF"), "x\xEF\xBF\xBDy\xEF\xBF\xBD");
+}
+
 TEST(PosixError, CarriesTheSystemsTextForEveryErrno) {
     const Error error = posixError(ENOENT, "open /nowhere");
     EXPECT_EQ(error.domain, kPosixErrorDomain);
