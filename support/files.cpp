@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 
 #include "support/file_space.h"
@@ -199,6 +200,49 @@ Status removeAtomicWriteLeftovers(const std::string& path) {
 
 Status writeFileAtomically(const std::string& path, std::string_view text, mode_t mode) {
     return writeFileAtomically(path, std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()), mode);
+}
+
+Result<std::string> keepAsideAt(int directoryFd, const std::string& name, std::optional<mode_t> mode) {
+    if (mode) {
+        UniqueFd fd(::openat(directoryFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        if (!fd) return posixError(errno, "open " + name);
+        struct stat info {};
+        if (::fstat(fd.get(), &info) != 0) return posixError(errno, "stat " + name);
+        if (::fchmod(fd.get(), info.st_mode & *mode & 07777) != 0) return posixError(errno, "chmod " + name);
+    }
+    const std::time_t now = std::time(nullptr);
+    std::tm utc {};
+    char stamp[32];
+    ::gmtime_r(&now, &utc);
+    std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+    const std::string base = name + ".unreadable-" + stamp;
+    // A hard link never replaces an existing name, so no kept file is lost to
+    // a second one from the same second; then the old name goes.
+    for (int attempt = 1; attempt <= 100; ++attempt) {
+        const std::string kept = attempt == 1 ? base : base + "-" + std::to_string(attempt);
+        if (::linkat(directoryFd, name.c_str(), directoryFd, kept.c_str(), 0) != 0) {
+            if (errno == EEXIST) continue;
+            return posixError(errno, "keep " + name + " aside as " + kept);
+        }
+        if (::unlinkat(directoryFd, name.c_str(), 0) != 0) {
+            const Error error = posixError(errno, "remove " + name + " after keeping it as " + kept);
+            ::unlinkat(directoryFd, kept.c_str(), 0);
+            return error;
+        }
+        ::fsync(directoryFd);
+        return kept;
+    }
+    return posixError(EEXIST, "keep " + name + " aside");
+}
+
+Result<std::string> keepAside(const std::string& path, std::optional<mode_t> mode) {
+    const std::string directory = parentOf(path);
+    UniqueFd directoryFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directoryFd) return posixError(errno, "open " + directory);
+    const std::size_t slash = path.find_last_of('/');
+    auto kept = keepAsideAt(directoryFd.get(), slash == std::string::npos ? path : path.substr(slash + 1), mode);
+    if (!kept) return kept.error();
+    return directory + "/" + *kept;
 }
 
 Status createDirectories(const std::string& path, mode_t mode, DirectoryMode applied) {

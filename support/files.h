@@ -53,6 +53,16 @@ Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t
 // nothing else. Errors other than a missing directory are returned.
 Status removeAtomicWriteLeftovers(const std::string& path);
 
+// Moves a file that could not be read out of the way of the next save,
+// beside itself as "<name>.unreadable-<UTC time>" (a counter added when that
+// is taken; an existing file is never replaced), so that what it held is
+// never lost to a save. `mode`, when given, narrows the kept file's mode
+// (a pairing file stays 0600). The name is taken in `directoryFd` without
+// following a symlink; returns the name it was given.
+Result<std::string> keepAsideAt(int directoryFd, const std::string& name, std::optional<mode_t> mode = std::nullopt);
+// The same for a path: its directory is opened first.
+Result<std::string> keepAside(const std::string& path, std::optional<mode_t> mode = std::nullopt);
+
 // Creates a directory and its missing parents with `mode` (exactly, or as
 // narrowed by the process's umask); an existing directory is accepted as it is.
 enum class DirectoryMode { exact, umasked };

@@ -103,5 +103,34 @@ TEST_F(FilesTest, ReadFileReportsSystemErrors) {
     EXPECT_EQ(readFile(dir_).error().code, EINVAL);
 }
 
+// A file kept aside is never overwritten by the next one kept in the same
+// second, keeps its bytes, and only narrows its mode when asked.
+TEST_F(FilesTest, KeepAsideMovesTheFileOutOfTheWayAndNeverReplacesOne) {
+    const std::string path = dir_ + "/pairings.plist";
+    ASSERT_TRUE(writeFileAtomically(path, std::string_view("first"), 0644).ok());
+    auto first = keepAside(path, mode_t{0600});
+    ASSERT_TRUE(first.ok()) << first.error().message;
+    EXPECT_TRUE(first->starts_with(path + ".unreadable-")) << *first;
+    EXPECT_FALSE(fs::exists(path));
+
+    ASSERT_TRUE(writeFileAtomically(path, std::string_view("second"), 0640).ok());
+    auto second = keepAside(path);
+    ASSERT_TRUE(second.ok()) << second.error().message;
+    EXPECT_NE(*first, *second);
+    auto firstBytes = readFile(*first), secondBytes = readFile(*second);
+    ASSERT_TRUE(firstBytes.ok() && secondBytes.ok());
+    EXPECT_EQ(std::string(firstBytes->begin(), firstBytes->end()), "first");
+    EXPECT_EQ(std::string(secondBytes->begin(), secondBytes->end()), "second");
+    struct stat info {};
+    ASSERT_EQ(stat(first->c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    ASSERT_EQ(stat(second->c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0640u);
+
+    EXPECT_EQ(keepAside(path).error().code, ENOENT);
+    ASSERT_EQ(symlink(first->c_str(), path.c_str()), 0);
+    EXPECT_EQ(keepAside(path, mode_t{0600}).error().code, ELOOP) << "a symlink is never followed";
+}
+
 }  // namespace
 }  // namespace netvane
