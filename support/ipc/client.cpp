@@ -39,36 +39,49 @@ Result<Client> Client::connect(const std::string& path) {
     return Client(std::move(fd));
 }
 
-Result<std::vector<ReplySlot>> Client::call(const MethodDescription& method, std::vector<Argument> args) {
+Result<std::vector<ReplySlot>> Client::call(const MethodDescription& method, std::vector<Argument> args,
+                                            std::optional<std::chrono::milliseconds> replyDeadline) {
     if (args.size() != method.arguments.size()) return ipcError(kBadArguments, "wrong number of arguments");
     for (std::size_t i = 0; i < args.size(); ++i) {
         if (!acceptsValue(method.arguments[i], args[i] ? &*args[i] : nullptr)) {
             return ipcError(kBadArguments, "argument " + std::to_string(i + 1) + " has the wrong type");
         }
     }
-    std::lock_guard lock(mutex_);
-    auto reply = exchange(method, std::move(args));
-    // After any failure the stream may be out of step with our calls: a later
-    // call could read this call's late reply. The connection is done.
-    if (!reply) ::shutdown(fd_.get(), SHUT_RDWR);
+    MutexLock lock(mutex_);
+    auto reply = exchange(method, std::move(args), replyDeadline);
+    // After any other failure the stream may be out of step with our calls:
+    // a later call could read this call's late reply. The connection is done.
+    const bool inStep = reply.ok() || (reply.error().domain == kIpcErrorDomain && reply.error().code == kDropped);
+    if (!inStep) ::shutdown(fd_.get(), SHUT_RDWR);
     return reply;
 }
 
-Result<std::vector<ReplySlot>> Client::exchange(const MethodDescription& method, std::vector<Argument> args) {
+Result<std::vector<ReplySlot>> Client::exchange(const MethodDescription& method, std::vector<Argument> args,
+                                                std::optional<std::chrono::milliseconds> replyDeadline) {
     const std::uint64_t seq = nextSeq_++;
     auto frame = encodeCall(Call{std::string(method.selector), seq, std::move(args)});
     if (!frame) return frame.error();
     if (!writeFully(fd_.get(), frame->data(), frame->size()).ok()) {
         return ipcError(kConnectionLost, "connection closed by the daemon");
     }
-    auto body = reader_.next();
+    std::optional<ReadDeadlines> deadlines;
+    if (replyDeadline) {
+        const auto sent = std::chrono::steady_clock::now();
+        deadlines = ReadDeadlines{*replyDeadline, *replyDeadline, [sent] { return sent; }};
+    }
+    auto body = reader_.next(deadlines);
     if (!body) {
         if (body.error().domain == kIpcErrorDomain) return body.error();
+        if (body.error().code == ETIMEDOUT) {
+            return ipcError(kTimedOut, "no reply from the daemon within " + std::to_string(replyDeadline->count()) +
+                                           " ms");
+        }
         return ipcError(kConnectionLost, "connection closed by the daemon");
     }
     auto reply = decodeReply(*body);
     if (!reply) return reply.error();
     if (reply->seq != seq) return ipcError(kBadReply, "reply to another call");
+    if (reply->dropped) return ipcError(kDropped, "the daemon dropped the call without an answer");
     if (reply->values.size() != method.reply.size()) return ipcError(kBadReply, "reply has the wrong shape");
     for (std::size_t i = 0; i < reply->values.size(); ++i) {
         if (!slotMatches(method.reply[i], reply->values[i])) return ipcError(kBadReply, "reply has the wrong shape");
