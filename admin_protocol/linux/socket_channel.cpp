@@ -10,9 +10,9 @@ class SocketChannel final : public AdminChannel {
 public:
     explicit SocketChannel(ipc::Client client) : client_(std::move(client)) {}
 
-    Result<std::vector<ipc::ReplySlot>> call(const MethodDescription& method,
-                                             std::vector<ipc::Argument> args) override {
-        return client_.call(method, std::move(args));
+    Result<std::vector<ipc::ReplySlot>> call(const MethodDescription& method, std::vector<ipc::Argument> args,
+                                             ReplyDeadline replyDeadline) override {
+        return client_.call(method, std::move(args), replyDeadline);
     }
 
 private:
