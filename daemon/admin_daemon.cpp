@@ -1,6 +1,7 @@
 #include "daemon/admin_daemon.h"
 
 #include <algorithm>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -115,7 +116,15 @@ std::vector<PairingReply> AdminDaemon::removePendingWhere(
         if (it->second.waiter) waiters.push_back(std::move(it->second.waiter));
         it = pending_.erase(it);
     }
+    pendingChanged();
     return waiters;
+}
+
+void AdminDaemon::pendingChanged() {
+    std::set<SessionIdentity> sessions;
+    for (const auto& [id, request] : pending_) sessions.insert(request.session);
+    MutexLock guard(pendingSessionsMutex_);
+    pendingSessions_ = std::move(sessions);
 }
 
 // In every operation below, replies taken out of the table are held in locals
@@ -131,6 +140,7 @@ Result<std::string> AdminDaemon::beginPairing(std::uint32_t uid, SessionIdentity
         MutexLock guard(lock_);
         superseded = removePendingWhere([uid](const PendingPairing& request) { return request.uid == uid; });
         pending_.insert_or_assign(*id, PendingPairing{*id, uid, Date::now(), session, {}});
+        pendingChanged();
     }
     for (PairingReply& waiter : superseded) waiter(std::nullopt, toError(AdminError::unknownRequest));
     log(uid, "pairing requested by uid " + std::to_string(uid) + " as " + *id);
@@ -213,6 +223,7 @@ Status AdminDaemon::approvePairing(const std::string& id, std::span<const std::u
         if (it->second.uid != approver.uid) return toError(AdminError::wrongUser);
         waiter = std::move(it->second.waiter);
         pending_.erase(it);
+        pendingChanged();
         token.emplace(store_.pair(approver.uid));
     }
     // A failed pair drops the waiter uncalled: the token was never handed out.
@@ -231,6 +242,7 @@ Status AdminDaemon::denyPairing(const std::string& id, std::uint32_t approverUID
         if (it->second.uid != approverUID) return toError(AdminError::wrongUser);
         waiter = std::move(it->second.waiter);
         pending_.erase(it);
+        pendingChanged();
     }
     // A denial reads as a failed authorization to the waiting application.
     if (waiter) waiter(std::nullopt, toError(AdminError::authorizationFailed));
@@ -294,11 +306,8 @@ void AdminDaemon::sessionEnded(SessionIdentity session) {
 }
 
 bool AdminDaemon::hasPendingRequest(SessionIdentity session) {
-    MutexLock guard(lock_);
-    for (const auto& [id, request] : pending_) {
-        if (request.session == session) return true;
-    }
-    return false;
+    MutexLock guard(pendingSessionsMutex_);
+    return pendingSessions_.contains(session);
 }
 
 std::vector<TunnelOwnerEntry> AdminDaemon::scanTunnelOwners() { return tunnelScan_.owners(); }

@@ -35,6 +35,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -113,6 +114,7 @@ public:
     // Drops the session's pending requests without replying to their waiters.
     void sessionEnded(SessionIdentity session);
     // Whether the session has a request pending: its connection must stay.
+    // Never waits for the lock that saves hold.
     bool hasPendingRequest(SessionIdentity session);
     // In the scan's own order; runs outside the lock, shared with whoever
     // asks at about the same time.
@@ -135,6 +137,8 @@ private:
     // destroy them after releasing lock_.
     std::vector<PairingReply> removePendingWhere(const std::function<bool(const PendingPairing&)>& matches)
         NV_REQUIRES(lock_);
+    // Call after every change of pending_: mirrors who has a request.
+    void pendingChanged() NV_REQUIRES(lock_);
     Status verifyPairRight(std::span<const std::uint8_t> authorization, const PeerIdentity& peer, const char* what);
     // Waits for `uid`'s next turn at `limiter`, saying so in the log when
     // that is not now.
@@ -153,6 +157,10 @@ private:
     Mutex lock_;
     PairingStore store_ NV_GUARDED_BY(lock_);
     std::map<std::string, PendingPairing> pending_ NV_GUARDED_BY(lock_);
+    // The sessions that pending_ names, for the transport's frequent
+    // question, which must not wait behind a save. Taken inside lock_.
+    Mutex pendingSessionsMutex_;
+    std::set<SessionIdentity> pendingSessions_ NV_GUARDED_BY(pendingSessionsMutex_);
 };
 
 }  // namespace netvane
