@@ -79,7 +79,8 @@ Result<std::string> AdminAppClient::awaitPairing(const std::string& requestID) {
 }
 
 Status AdminAppClient::setServiceEnabled(const std::string& serviceID, bool enabled, const std::string& token) {
-    return errorReply(call(*channel_, deadline_, AdminAppProtocol, "setServiceEnabledWithServiceID:enabled:token:reply:",
+    return errorReply(call(*channel_, deadline_, AdminAppProtocol,
+                           "setServiceEnabledWithServiceID:enabled:token:reply:",
                            {plist::Value(serviceID), plist::Value(enabled), plist::Value(token)}));
 }
 
@@ -106,7 +107,8 @@ Result<plist::Array> AdminControlClient::pendingPairings() {
 }
 
 Status AdminControlClient::approvePairing(const std::string& requestID, std::span<const std::uint8_t> authorization) {
-    return errorReply(call(*channel_, deadline_, AdminControlProtocol, "approvePairingWithRequestID:authorization:reply:",
+    return errorReply(call(*channel_, deadline_, AdminControlProtocol,
+                           "approvePairingWithRequestID:authorization:reply:",
                            {plist::Value(requestID), bytes(authorization)}));
 }
 

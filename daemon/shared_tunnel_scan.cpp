@@ -25,8 +25,8 @@ std::vector<TunnelOwnerEntry> SharedTunnelScan::owners() {
     const auto ended = clock_();
     lock.lock();
     last_ = scanned;
-    const auto took = std::chrono::duration_cast<std::chrono::steady_clock::duration>((ended - started) * timing_.spacing);
-    reusableUntil_ = ended + std::max<std::chrono::steady_clock::duration>(timing_.fresh, took);
+    const std::chrono::steady_clock::duration spaced = (ended - started) * timing_.spacing;
+    reusableUntil_ = ended + std::max<std::chrono::steady_clock::duration>(timing_.fresh, spaced);
     running_ = false;
     ++scans_;
     finished_.notify_all();

@@ -289,7 +289,9 @@ int renameInDirectory(int directoryFd, const std::string& from, const std::strin
 
 Status writeFileAtomicallyAt(int directoryFd, const std::string& name, std::span<const std::uint8_t> bytes,
                              mode_t mode, std::optional<FileOwner> owner, const std::string& shownAs) {
-    const auto failed = [&](int error, const char* step) { return posixError(error, "save " + shownAs + " (" + step + ")"); };
+    const auto failed = [&](int error, const char* step) {
+        return posixError(error, "save " + shownAs + " (" + step + ")");
+    };
     UniqueFd fd;
     std::string temporary;
     for (int attempt = 0; attempt < 100 && !fd; ++attempt) {

@@ -133,7 +133,8 @@ TEST_F(Pacing, LogLinesAreSharedOutPerUserAndDropsAreCounted) {
 // A source whose scans take as long as the test says, on the test's clock.
 class TimedSource : public TunnelOwnerSource {
 public:
-    TimedSource(std::chrono::steady_clock::time_point& now, std::chrono::milliseconds takes) : now_(now), takes_(takes) {}
+    TimedSource(std::chrono::steady_clock::time_point& now, std::chrono::milliseconds takes)
+        : now_(now), takes_(takes) {}
     std::vector<TunnelOwnerEntry> scan() override {
         now_ += takes_;
         ++scans;

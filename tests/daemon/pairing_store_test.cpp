@@ -120,14 +120,17 @@ TEST_F(PairingStoreTest, UnreadableFilesAreKeptAsideNeverOverwritten) {
     ASSERT_EQ(PairingStore::load(dir_, &unreadable).value().pairings.size(), 1u);
     EXPECT_FALSE(unreadable);
 
+    const auto entry = [](plist::Value digest, plist::Value uid) {
+        return plist::Value(
+            plist::Dictionary{{"digest", std::move(digest)}, {"uid", std::move(uid)}, {"created", Date{1}}});
+    };
     std::vector<Bytes> variants;
     for (const plist::Value& value : {
              plist::Value(plist::Dictionary{{"pairings", plist::Array{good}}}),  // root not an array
              plist::Value(plist::Array{good, plist::Dictionary{{"digest", plist::Data(32)}, {"uid", 501}}}),
-             plist::Value(plist::Array{plist::Dictionary{{"digest", "text"}, {"uid", 501}, {"created", Date{1}}}}),
-             plist::Value(plist::Array{plist::Dictionary{{"digest", plist::Data(32)}, {"uid", -1}, {"created", Date{1}}}}),
-             plist::Value(
-                 plist::Array{plist::Dictionary{{"digest", plist::Data(32)}, {"uid", 1LL << 32}, {"created", Date{1}}}}),
+             plist::Value(plist::Array{entry("text", 501)}),
+             plist::Value(plist::Array{entry(plist::Data(32), -1)}),
+             plist::Value(plist::Array{entry(plist::Data(32), 1LL << 32)}),
              plist::Value(plist::Array{plist::Dictionary{{"digest", plist::Data(32)}, {"uid", 501}, {"created", 1.0}}}),
          }) {
         variants.push_back(*plist::encodeBinary(value));

@@ -123,8 +123,9 @@ protected:
         std::size_t open = 0;
         for (const pollfd& entry : entries) {
             std::uint8_t byte;
+            const bool readable = (entry.revents & POLLIN) != 0;
             const bool ended = (entry.revents & (POLLHUP | POLLERR)) != 0 ||
-                               ((entry.revents & POLLIN) != 0 && ::recv(entry.fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) <= 0);
+                               (readable && ::recv(entry.fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) <= 0);
             open += ended ? 0 : 1;
         }
         return open;

@@ -338,7 +338,9 @@ TEST_F(IpcTest, AConnectionWithCallsOutstandingIsNotReadFurther) {
     FrameReader reader(client.fd());
     while (received < 10) {
         if (answered == received) {
-            for (int i = 0; i < 1000 && held_.count() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            for (int i = 0; i < 1000 && held_.count() == 0; ++i) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
             answered += held_.answerAll();
             ASSERT_GT(answered, received) << "the server stopped reading";
         }

@@ -320,8 +320,8 @@ class Test:
         flooder = User("flooder", FIRST_SPARE_UID + MANY_UIDS)
         lines_before = self.env.log_lines_with(f"pairing requested by uid {flooder.uid} ")
         for selector, args in (("beginPairingWithReply:", []), ("unpairWithToken:reply:", [{"value": "not-a-token"}])):
-            flood = Crowd(app_socket, flooder, 1, call(selector, args) * FLOOD_CALLS + call("statusWithToken:reply:", [{}]),
-                          replies=FLOOD_CALLS + 1)
+            calls = call(selector, args) * FLOOD_CALLS + call("statusWithToken:reply:", [{}])
+            flood = Crowd(app_socket, flooder, 1, calls, replies=FLOOD_CALLS + 1)
             try:
                 started = time.monotonic()
                 expect_ok(self.run(self.a, "app", "status"), f"another user's status during a {selector} flood")

@@ -261,8 +261,9 @@ int runControl(const Options& options) {
     // only once the daemon is known to be there.
     auto right = AdminTransport::obtainPairRight();
     if (!right) return report(right.error(), options);
-    if (verb == "approve") return done(client->approvePairing(std::string(w[2]), (*right)->externalForm()), options, "");
-    return done(client->unpairAll((*right)->externalForm()), options, "");
+    const std::span<const std::uint8_t> authorization = (*right)->externalForm();
+    if (verb == "approve") return done(client->approvePairing(std::string(w[2]), authorization), options, "");
+    return done(client->unpairAll(authorization), options, "");
 }
 
 // Whether the words name a request this command knows, with what it needs.
