@@ -216,7 +216,9 @@ void Server::stop() {
         if (stopping_) return;
         stopping_ = true;
         ::shutdown(listener_.get(), SHUT_RDWR);  // wakes accept()
-        for (auto& [id, served] : served_) served.connection->close();
+        for (auto& [id, served] : served_) {
+            if (served.connection) served.connection->close();
+        }
     }
     if (acceptThread_.joinable()) acceptThread_.join();
     {
@@ -345,7 +347,12 @@ void Server::serve(ConnectionTable::Id id, const std::shared_ptr<Connection>& co
     MutexLock lock(mutex_);
     table_.remove(id);
     --active_;
-    if (auto it = served_.find(id); it != served_.end()) it->second.finished = true;
+    if (auto it = served_.find(id); it != served_.end()) {
+        // Only the thread is left to join; the connection and its descriptor
+        // go with this thread's last reference.
+        it->second.connection.reset();
+        it->second.finished = true;
+    }
 }
 
 }  // namespace netvane::ipc
