@@ -14,9 +14,12 @@
 #include <cmath>
 #include <cstdio>
 #include <initializer_list>
+#include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "admin_protocol/admin_clients.h"
 #include "admin_protocol/admin_protocols.h"
@@ -44,18 +47,19 @@ int run(const Args& args);
 const std::string& synopsis() {
     static const std::string text = [] {
         std::string lines;
-        for (const char* request : {"app status [TOKEN] [--json]", "app pair [--json]",
-                                    "app set-service ID on|off TOKEN [--json]", "app unpair TOKEN [--json]",
-                                    "app tunnels [--json]", "control status|pending [--json]",
+        for (const char* request : {"app status [--token T|--token-file F] [--json]", "app pair [--json]",
+                                    "app set-service ID on|off --token T|--token-file F [--json]",
+                                    "app unpair --token T|--token-file F [--json]", "app tunnels [--json]",
+                                    "control status|pending [--json]",
                                     "control approve ID|deny ID|unpair-all [--json]"}) {
             lines += "  netvane admin " + std::string(AdminTransport::optionsSynopsis) + "[--timeout SECONDS] " +
                      request + "\n";
         }
         return lines +
                "\n"
-               "  TOKEN is --token T, or --token-file F to read it from the file F (- for\n"
-               "  standard input). Prefer the file: the command line of every process,\n"
-               "  --token T included, is visible to every user of the machine (ps).\n"
+               "  --token-file F reads the token from the file F (- for standard input).\n"
+               "  Prefer it to --token T: the command line of every process, and so a\n"
+               "  token given there, is visible to every user of the machine (ps).\n"
                "  app pair asks to pair and waits until the request is approved or denied\n"
                "  from the control role, then prints the token. --timeout is how long each\n"
                "  reply may take (default 30 s); app pair waits for the approval without a\n"
