@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -24,18 +25,33 @@ bool slotMatches(WireType type, const ReplySlot& slot) {
 
 }  // namespace
 
-Result<Client> Client::connect(const std::string& path) {
+Result<Client> Client::connect(const std::string& path, std::optional<std::chrono::milliseconds> deadline) {
     sockaddr_un address;
     if (!unixSocketAddress(path, address)) return ipcError(kUnreachable, "socket path too long: " + path);
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) return posixError(errno, "socket");
+    // A local connect waits for room in the listener's queue as long as the
+    // send timeout says, and then fails with EAGAIN.
+    const auto sendTimeout = [&fd](std::chrono::milliseconds limit) {
+        const timeval value{static_cast<time_t>(limit.count() / 1000),
+                            static_cast<suseconds_t>(limit.count() % 1000 * 1000)};
+        return ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value) == 0;
+    };
+    if (deadline && !sendTimeout(std::max(*deadline, std::chrono::milliseconds(1)))) {
+        return posixError(errno, "SO_SNDTIMEO");
+    }
     int result;
     do {
         result = ::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
     } while (result != 0 && errno == EINTR);
+    if (result != 0 && deadline && errno == EAGAIN) {
+        return ipcError(kTimedOut, "the daemon at " + path + " took no connection within " +
+                                       std::to_string(deadline->count()) + " ms");
+    }
     if (result != 0) {
         return ipcError(kUnreachable, "cannot reach " + path + ": " + posixError(errno).message);
     }
+    if (deadline && !sendTimeout(std::chrono::milliseconds(0))) return posixError(errno, "SO_SNDTIMEO");
     return Client(std::move(fd));
 }
 

@@ -29,7 +29,10 @@ inline constexpr std::int64_t kTimedOut = 8;        // no reply within the calle
 
 class Client {
 public:
-    static Result<Client> connect(const std::string& path);
+    // A listener whose queue is full holds a connect until it accepts; with a
+    // deadline, no longer than that (kTimedOut).
+    static Result<Client> connect(const std::string& path,
+                                  std::optional<std::chrono::milliseconds> deadline = std::nullopt);
 
     // Moves happen between connect and the first call, while nothing is buffered.
     Client(Client&& other) noexcept NV_NO_THREAD_SAFETY_ANALYSIS

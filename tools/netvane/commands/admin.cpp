@@ -61,9 +61,9 @@ const std::string& synopsis() {
                "  Prefer it to --token T: the command line of every process, and so a\n"
                "  token given there, is visible to every user of the machine (ps).\n"
                "  app pair asks to pair and waits until the request is approved or denied\n"
-               "  from the control role, then prints the token. --timeout is how long each\n"
-               "  reply may take (default 30 s); app pair waits for the approval without a\n"
-               "  limit unless --timeout is given.\n"
+               "  from the control role, then prints the token. --timeout is how long\n"
+               "  reaching the daemon and each reply may take (default 30 s); app pair\n"
+               "  waits for the approval without a limit unless --timeout is given.\n"
                "  Exit status: 0 success, 1 the daemon answered with an error, 2 usage,\n"
                "  3 daemon unreachable, 4 no reply within the timeout.\n"
                "  " + std::string(AdminTransport::whereNote);
@@ -319,6 +319,7 @@ int run(const Args& args) {
         }
     }
     if (auto problem = requestProblem(options)) return usageError(command, *problem);
+    options.endpoint.deadline = replyDeadline(options);
     if (options.tokenFile) {
         auto token = readToken(*options.tokenFile);
         if (!token) return failure(terminalText(token.error().message));

@@ -134,6 +134,25 @@ def main():
     silent.close()
     os.unlink(app_path)
 
+    # A daemon that takes no connection (its queue full) holds nobody for longer either.
+    stuck = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    stuck.bind(app_path)
+    stuck.listen(0)
+    queued = []
+    for _ in range(4):
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        s.setblocking(False)
+        try:
+            s.connect(app_path)
+        except BlockingIOError:
+            pass
+        queued.append(s)
+    rc, _, err, took = run(netvane, runtime, "--timeout", "0.5", "app", "status")
+    check(rc == 4 and took < 5, f"a daemon that accepts nothing: exit {rc} after {took:.1f} s ({err.strip()})")
+    for s in queued + [stuck]:
+        s.close()
+    os.unlink(app_path)
+
     # The token from a file or from standard input, never needed in argv.
     daemon = FakeDaemon(app_path, status_answer)
     token_file = os.path.join(root, "token")
