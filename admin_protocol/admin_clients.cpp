@@ -30,10 +30,10 @@ bool slotMatches(WireType type, const ReplySlot& slot) {
 
 // Every reply is checked against the protocol here, whatever the transport,
 // before its values are read.
-Result<std::vector<ReplySlot>> call(AdminChannel& channel, const ProtocolDescription& protocol,
+Result<std::vector<ReplySlot>> call(AdminChannel& channel, ReplyDeadline deadline, const ProtocolDescription& protocol,
                                     std::string_view selector, std::vector<Argument> args) {
     const MethodDescription& described = method(protocol, selector);
-    auto reply = channel.call(described, std::move(args));
+    auto reply = channel.call(described, std::move(args), deadline);
     if (!reply) return reply.error();
     if (reply->size() != described.reply.size()) return badReply();
     for (std::size_t i = 0; i < reply->size(); ++i) {
@@ -64,60 +64,62 @@ Argument bytes(std::span<const std::uint8_t> data) { return plist::Value(plist::
 
 Result<plist::Dictionary> AdminAppClient::status(const std::optional<std::string>& token) {
     Argument argument = token ? Argument(plist::Value(*token)) : std::nullopt;
-    auto reply = call(*channel_, AdminAppProtocol, "statusWithToken:reply:", {argument});
+    auto reply = call(*channel_, deadline_, AdminAppProtocol, "statusWithToken:reply:", {argument});
     if (!reply) return reply.error();
     return *valueIn((*reply)[0])->dictionary();
 }
 
 Result<std::string> AdminAppClient::beginPairing() {
-    return stringReply(call(*channel_, AdminAppProtocol, "beginPairingWithReply:", {}));
+    return stringReply(call(*channel_, deadline_, AdminAppProtocol, "beginPairingWithReply:", {}));
 }
 
 Result<std::string> AdminAppClient::awaitPairing(const std::string& requestID) {
     return stringReply(
-        call(*channel_, AdminAppProtocol, "awaitPairingWithRequestID:reply:", {plist::Value(requestID)}));
+        call(*channel_, deadline_, AdminAppProtocol, "awaitPairingWithRequestID:reply:", {plist::Value(requestID)}));
 }
 
 Status AdminAppClient::setServiceEnabled(const std::string& serviceID, bool enabled, const std::string& token) {
-    return errorReply(call(*channel_, AdminAppProtocol, "setServiceEnabledWithServiceID:enabled:token:reply:",
+    return errorReply(call(*channel_, deadline_, AdminAppProtocol,
+                           "setServiceEnabledWithServiceID:enabled:token:reply:",
                            {plist::Value(serviceID), plist::Value(enabled), plist::Value(token)}));
 }
 
 Status AdminAppClient::unpair(const std::string& token) {
-    return errorReply(call(*channel_, AdminAppProtocol, "unpairWithToken:reply:", {plist::Value(token)}));
+    return errorReply(call(*channel_, deadline_, AdminAppProtocol, "unpairWithToken:reply:", {plist::Value(token)}));
 }
 
 Result<plist::Array> AdminAppClient::tunnelOwners() {
-    auto reply = call(*channel_, AdminAppProtocol, "tunnelOwnersWithReply:", {});
+    auto reply = call(*channel_, deadline_, AdminAppProtocol, "tunnelOwnersWithReply:", {});
     if (!reply) return reply.error();
     return *valueIn((*reply)[0])->array();
 }
 
 Result<plist::Dictionary> AdminControlClient::status() {
-    auto reply = call(*channel_, AdminControlProtocol, "statusWithReply:", {});
+    auto reply = call(*channel_, deadline_, AdminControlProtocol, "statusWithReply:", {});
     if (!reply) return reply.error();
     return *valueIn((*reply)[0])->dictionary();
 }
 
 Result<plist::Array> AdminControlClient::pendingPairings() {
-    auto reply = call(*channel_, AdminControlProtocol, "pendingPairingsWithReply:", {});
+    auto reply = call(*channel_, deadline_, AdminControlProtocol, "pendingPairingsWithReply:", {});
     if (!reply) return reply.error();
     return *valueIn((*reply)[0])->array();
 }
 
 Status AdminControlClient::approvePairing(const std::string& requestID, std::span<const std::uint8_t> authorization) {
-    return errorReply(call(*channel_, AdminControlProtocol, "approvePairingWithRequestID:authorization:reply:",
+    return errorReply(call(*channel_, deadline_, AdminControlProtocol,
+                           "approvePairingWithRequestID:authorization:reply:",
                            {plist::Value(requestID), bytes(authorization)}));
 }
 
 Status AdminControlClient::denyPairing(const std::string& requestID) {
     return errorReply(
-        call(*channel_, AdminControlProtocol, "denyPairingWithRequestID:reply:", {plist::Value(requestID)}));
+        call(*channel_, deadline_, AdminControlProtocol, "denyPairingWithRequestID:reply:", {plist::Value(requestID)}));
 }
 
 Status AdminControlClient::unpairAll(std::span<const std::uint8_t> authorization) {
     return errorReply(
-        call(*channel_, AdminControlProtocol, "unpairAllWithAuthorization:reply:", {bytes(authorization)}));
+        call(*channel_, deadline_, AdminControlProtocol, "unpairAllWithAuthorization:reply:", {bytes(authorization)}));
 }
 
 }  // namespace netvane

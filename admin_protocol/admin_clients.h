@@ -4,9 +4,11 @@
 // whose shape differs from the protocol's is refused (ipc::kBadReply).
 // Errors the daemon sends come back as they crossed the wire (domain, code,
 // description); transport failures are in ipc::kIpcErrorDomain
-// (kUnreachable when no daemon answers).
+// (kUnreachable when no daemon answers, kTimedOut when a reply deadline
+// passes, kDropped when the daemon let a call go unanswered).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -28,14 +30,20 @@ class AdminChannel {
 public:
     virtual ~AdminChannel() = default;
     // Sends one call whose arguments follow `method` and blocks until its
-    // reply comes or the connection ends.
-    virtual Result<std::vector<ipc::ReplySlot>> call(const MethodDescription& method,
-                                                     std::vector<ipc::Argument> args) = 0;
+    // reply comes, the connection ends or the deadline, if any, passes.
+    virtual Result<std::vector<ipc::ReplySlot>> call(const MethodDescription& method, std::vector<ipc::Argument> args,
+                                                     std::optional<std::chrono::milliseconds> replyDeadline) = 0;
 };
+
+// How long a client waits for each reply; nullopt: until it comes.
+using ReplyDeadline = std::optional<std::chrono::milliseconds>;
 
 class AdminAppClient {
 public:
     explicit AdminAppClient(std::unique_ptr<AdminChannel> channel) : channel_(std::move(channel)) {}
+
+    // For the calls that follow.
+    void setReplyDeadline(ReplyDeadline deadline) { deadline_ = deadline; }
 
     Result<plist::Dictionary> status(const std::optional<std::string>& token);
     Result<std::string> beginPairing();
@@ -46,11 +54,15 @@ public:
 
 private:
     std::unique_ptr<AdminChannel> channel_;
+    ReplyDeadline deadline_;
 };
 
 class AdminControlClient {
 public:
     explicit AdminControlClient(std::unique_ptr<AdminChannel> channel) : channel_(std::move(channel)) {}
+
+    // For the calls that follow.
+    void setReplyDeadline(ReplyDeadline deadline) { deadline_ = deadline; }
 
     Result<plist::Dictionary> status();
     Result<plist::Array> pendingPairings();
@@ -60,6 +72,7 @@ public:
 
 private:
     std::unique_ptr<AdminChannel> channel_;
+    ReplyDeadline deadline_;
 };
 
 }  // namespace netvane

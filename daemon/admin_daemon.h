@@ -14,24 +14,28 @@
 // Every member function may be called from any thread.
 //
 // Errors: AdminError values (via toError) for the daemon's own refusals;
-// store and random-generator errors pass through unchanged; the network
-// preferences' refusals become configurationFailed, their reason logged.
+// store and random-generator errors pass through unchanged (their text names
+// the pairing file); the network preferences' refusals become
+// configurationFailed, their reason logged.
 //
-// Calls that cost real work (begin, unpair, the authority behind approve and
-// unpair-all, tunnel scans) and log lines are limited per user, so one local
-// user can neither slow the others down nor flood the journal until it drops
-// the lines that matter. Approve and unpair-all over the limit fail as an
-// unauthorised call would; the rest fail with a refusal (isRefusal), which
-// the transport answers by closing that connection instead of replying.
+// Every call gets the answer its protocol gives, however often it comes.
+// Calls that cost real work are paced per user instead: begin, unpair and
+// the authority behind approve and unpair-all wait for their user's turn
+// (on the calling thread) once past a burst, and tunnel scans are shared
+// (SharedTunnelScan), so that one local user can make the daemon slow only
+// for themselves. Paced calls, refused authorizations and failed saves each
+// leave a log line, within each user's share of the log, so that nobody can
+// flood the journal until it drops the lines that matter.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -40,9 +44,11 @@
 #include "daemon/authorizer.h"
 #include "daemon/pairing_store.h"
 #include "daemon/rate_limiter.h"
+#include "daemon/shared_tunnel_scan.h"
 #include "daemon/tunnel_owner_source.h"
 #include "netcore/sysconfig/network_preferences.h"
 #include "support/date.h"
+#include "support/mutex.h"
 #include "support/plist/value.h"
 #include "support/result.h"
 
@@ -50,11 +56,6 @@ namespace netvane {
 
 // Names one session for the daemon's lifetime; never reused.
 using SessionIdentity = std::uint64_t;
-
-// A call refused for coming too often: not an answer for the client, whose
-// connection is closed instead.
-inline constexpr const char* kRefusalDomain = "netvane.admin.refused";
-bool isRefusal(const Error& error);
 
 // (token, nil) on approval; (nil, error) otherwise.
 using PairingReply = std::function<void(std::optional<std::string> token, std::optional<Error> error)>;
@@ -72,11 +73,15 @@ public:
         std::shared_ptr<TunnelOwnerSource> tunnelOwners;
         LogSink log;  // null: the system log, category "daemon"
         RateLimiter::Clock clock;  // null: the steady clock
+        // Blocks the calling thread until the clock reaches the time given;
+        // null: sleeps on the steady clock.
+        std::function<void(std::chrono::steady_clock::time_point)> waitUntil;
     };
 
     // Per-user rates; the defaults leave a well-behaved client far below.
     struct Limits {
-        RateLimiter::Rate begin, unpair, authority, tunnelScan, logLines;
+        RateLimiter::Rate begin, unpair, authority, logLines;
+        SharedTunnelScan::Timing tunnelScans;
     };
     static Limits defaultLimits();
 
@@ -108,9 +113,16 @@ public:
     bool isPaired(std::string_view token, std::uint32_t uid);
     // Drops the session's pending requests without replying to their waiters.
     void sessionEnded(SessionIdentity session);
-    // In the scan's own order; runs outside the lock. A refusal when `uid`
-    // scans too often.
-    Result<std::vector<TunnelOwnerEntry>> scanTunnelOwners(std::uint32_t uid);
+    // Whether the session has a request pending: its connection must stay.
+    // Never waits for the lock that saves hold.
+    bool hasPendingRequest(SessionIdentity session);
+    // In the scan's own order; runs outside the lock, shared with whoever
+    // asks at about the same time.
+    std::vector<TunnelOwnerEntry> scanTunnelOwners();
+
+    // A line about what `uid` did or met, within that user's share of the
+    // log; the first line after a dropped run says how many were dropped.
+    void log(std::uint32_t uid, const std::string& line);
 
 private:
     struct PendingPairing {
@@ -121,24 +133,34 @@ private:
         PairingReply waiter;  // empty until awaited
     };
 
-    // Call with lock_ held; the removed requests' waiters are returned so the
-    // caller can call or destroy them after releasing it.
-    std::vector<PairingReply> removePendingWhere(const std::function<bool(const PendingPairing&)>& matches);
-    Status verifyPairRight(std::span<const std::uint8_t> authorization, const PeerIdentity& peer);
-    // A line about what `uid` did, within that user's share of the log; the
-    // first line after a dropped run says how many were dropped.
-    void log(std::uint32_t uid, const std::string& line);
+    // The removed requests' waiters are returned so the caller can call or
+    // destroy them after releasing lock_.
+    std::vector<PairingReply> removePendingWhere(const std::function<bool(const PendingPairing&)>& matches)
+        NV_REQUIRES(lock_);
+    // Call after every change of pending_: mirrors who has a request.
+    void pendingChanged() NV_REQUIRES(lock_);
+    Status verifyPairRight(std::span<const std::uint8_t> authorization, const PeerIdentity& peer, const char* what);
+    // Waits for `uid`'s next turn at `limiter`, saying so in the log when
+    // that is not now.
+    void pace(RateLimiter& limiter, std::uint32_t uid, const char* what);
+    // `saved`, logged for `uid` when it failed; `what` names the change.
+    Status logged(const Status& saved, std::uint32_t uid, const std::string& what);
 
     const std::string version_;
     const Backends backends_;
     std::atomic<SessionIdentity> nextSession_{1};
-    RateLimiter beginLimiter_, unpairLimiter_, authorityLimiter_, scanLimiter_, logLimiter_;
-    std::mutex droppedLinesMutex_;
-    std::map<std::uint32_t, std::uint64_t> droppedLines_;  // guarded by droppedLinesMutex_
+    RateLimiter beginLimiter_, unpairLimiter_, authorityLimiter_, logLimiter_;
+    SharedTunnelScan tunnelScan_;
+    Mutex droppedLinesMutex_;
+    std::map<std::uint32_t, std::uint64_t> droppedLines_ NV_GUARDED_BY(droppedLinesMutex_);
 
-    std::mutex lock_;
-    PairingStore store_;                           // guarded by lock_
-    std::map<std::string, PendingPairing> pending_;  // guarded by lock_
+    Mutex lock_;
+    PairingStore store_ NV_GUARDED_BY(lock_);
+    std::map<std::string, PendingPairing> pending_ NV_GUARDED_BY(lock_);
+    // The sessions that pending_ names, for the transport's frequent
+    // question, which must not wait behind a save. Taken inside lock_.
+    Mutex pendingSessionsMutex_;
+    std::set<SessionIdentity> pendingSessions_ NV_GUARDED_BY(pendingSessionsMutex_);
 };
 
 }  // namespace netvane

@@ -1,6 +1,9 @@
 #include "daemon/pairing_store.h"
 
+#include <fcntl.h>
+
 #include <array>
+#include <cerrno>
 #include <limits>
 
 #include "admin_protocol/token_digest.h"
@@ -19,20 +22,53 @@ constexpr std::size_t kMaxFileBytes = 64 << 20;
 
 Error badFile(const char* what) { return Error{plist::kPlistErrorDomain, 4, std::string("pairing file: ") + what}; }
 
+Result<std::vector<PairingStore::Pairing>> pairingsIn(const Result<Bytes>& bytes) {
+    if (!bytes) return bytes.error();
+    auto root = plist::decode(*bytes);
+    if (!root) return root.error();
+    return PairingStore::decode(*root);
+}
+
 }  // namespace
 
-PairingStore::PairingStore(std::string directory) : directory_(std::move(directory)) {}
+PairingStore::PairingStore(std::string directory, std::shared_ptr<const UniqueFd> directoryFd)
+    : directory_(std::move(directory)), directoryFd_(std::move(directoryFd)) {}
 
 std::string PairingStore::filePath() const { return directory_ + "/" + kFileName; }
 
-PairingStore PairingStore::load(std::string directory) {
-    PairingStore store(std::move(directory));
-    auto bytes = readFile(store.filePath(), kMaxFileBytes);
-    if (!bytes) return store;
-    auto root = plist::decode(*bytes);
-    if (!root) return store;
-    if (auto pairings = decode(*root)) store.pairings = std::move(*pairings);
+Result<PairingStore> PairingStore::open(const std::string& directory) {
+    if (auto made = createDirectories(directory, 0700); !made.ok()) return made.error();
+    UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) return posixError(errno, "open " + directory);
+    return PairingStore(directory, std::make_shared<const UniqueFd>(std::move(fd)));
+}
+
+Result<PairingStore> PairingStore::load(const std::string& directory, std::optional<Unreadable>* unreadable) {
+    auto store = open(directory);
+    if (!store) return store.error();
+    const std::string path = store->filePath();
+    auto bytes = readFileAt(store->directoryFd_->get(), kFileName, kMaxFileBytes, path);
+    if (!bytes && bytes.error().domain == kPosixErrorDomain && bytes.error().code == ENOENT) return store;
+    auto decoded = pairingsIn(bytes);
+    if (decoded) {
+        store->pairings = std::move(*decoded);
+        return store;
+    }
+    // What the file held is kept for whoever can repair it; the next save
+    // then writes a file of its own beside it.
+    auto kept = keepAsideAt(store->directoryFd_->get(), kFileName, 0600);
+    if (!kept) {
+        return Error{kept.error().domain, kept.error().code,
+                     path + " cannot be read (" + decoded.error().message + ") nor kept aside (" +
+                         kept.error().message + "); refusing to overwrite it"};
+    }
+    if (unreadable) *unreadable = Unreadable{path, decoded.error(), *kept};
     return store;
+}
+
+std::string PairingStore::Unreadable::describe() const {
+    return "the pairing file " + file + " could not be read (" + problem.message + "); kept aside as " + keptAs +
+           ", starting with no pairings";
 }
 
 std::vector<std::uint8_t> PairingStore::digest(std::string_view token) {
@@ -64,14 +100,14 @@ Result<std::string> PairingStore::pair(std::uint32_t uid) {
 }
 
 Status PairingStore::save() const {
-    if (auto made = createDirectories(directory_, 0700); !made.ok()) return made;
     auto bytes = plist::encodeBinary(encode(pairings));
     if (!bytes) return bytes.error();
-    const std::string path = filePath();
-    return writeFileAtomically(path, *bytes, 0600, FileOwner{0, 0});
+    return writeFileAtomicallyAt(directoryFd_->get(), kFileName, *bytes, 0600, FileOwner{0, 0}, filePath());
 }
 
-Status PairingStore::removeLeftovers() const { return removeAtomicWriteLeftovers(filePath()); }
+Status PairingStore::removeLeftovers() const {
+    return removeAtomicWriteLeftoversAt(directoryFd_->get(), kFileName, filePath());
+}
 
 plist::Value PairingStore::encode(const std::vector<Pairing>& pairings) {
     plist::Array array;

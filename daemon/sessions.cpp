@@ -48,11 +48,9 @@ void AppSession::setServiceEnabled(std::string serviceID, bool enabled, std::str
 
 void AppSession::unpair(std::string token, ErrorReply reply) { reply(errorOf(daemon_->unpair(token, peer_.uid))); }
 
-void AppSession::tunnelOwners(RefusableArrayReply reply) {
-    auto scanned = daemon_->scanTunnelOwners(peer_.uid);
-    if (!scanned) return reply(scanned.error());
+void AppSession::tunnelOwners(ArrayReply reply) {
     plist::Array owners;
-    for (TunnelOwnerEntry& entry : *scanned) {
+    for (TunnelOwnerEntry& entry : daemon_->scanTunnelOwners()) {
         owners.emplace_back(plist::Dictionary{
             {std::string(TunnelOwnerKey::interface), std::move(entry.interface)},
             {std::string(TunnelOwnerKey::name), std::move(entry.name)},

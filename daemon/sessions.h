@@ -27,8 +27,6 @@ namespace netvane {
 using ErrorReply = std::function<void(std::optional<Error> error)>;
 using DictionaryReply = std::function<void(plist::Dictionary)>;
 using ArrayReply = std::function<void(plist::Array)>;
-// The array, or a refusal (isRefusal) for a caller who asks too often.
-using RefusableArrayReply = std::function<void(Result<plist::Array>)>;
 
 class AppSession {
 public:
@@ -45,11 +43,14 @@ public:
     void unpair(std::string token, ErrorReply reply);
     // {"interface", "name", "pid", "path"} per tunnel, in scan order; no
     // pairing needed.
-    void tunnelOwners(RefusableArrayReply reply);
+    void tunnelOwners(ArrayReply reply);
 
     // The connection is gone: its pending requests go, their waiters uncalled.
     // The transport calls this exactly once.
     void ended();
+    // Whether a request of this session is pending, which keeps its
+    // connection from being idle.
+    bool hasPendingRequest() const { return daemon_->hasPendingRequest(identity_); }
 
 private:
     std::shared_ptr<AdminDaemon> daemon_;

@@ -12,6 +12,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "support/crypto.h"
 #include "support/file_space.h"
 #include "support/memory.h"
 #include "support/open_regular.h"
@@ -173,29 +174,10 @@ Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t
 Status removeAtomicWriteLeftovers(const std::string& path) {
     const std::string directoryPath = parentOf(path);
     const std::size_t slash = path.find_last_of('/');
-    const std::string prefix = (slash == std::string::npos ? path : path.substr(slash + 1)) + ".";
     UniqueFd directoryFd(::open(directoryPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!directoryFd) return errno == ENOENT ? Status{} : posixError(errno, "open " + directoryPath);
-    const int listingFd = ::dup(directoryFd.get());
-    DIR* listing = listingFd >= 0 ? ::fdopendir(listingFd) : nullptr;
-    if (!listing) {
-        const int error = errno;
-        if (listingFd >= 0) ::close(listingFd);
-        return posixError(error, "list " + directoryPath);
-    }
-    Status result;
-    while (const dirent* entry = ::readdir(listing)) {
-        const std::string_view name = entry->d_name;
-        if (!name.starts_with(prefix) || !isTemporarySuffix(name.substr(prefix.size()))) continue;
-        struct stat info {};
-        if (::fstatat(directoryFd.get(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
-        if (!S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) continue;
-        if (::unlinkat(directoryFd.get(), entry->d_name, 0) != 0 && errno != ENOENT) {
-            result = posixError(errno, "remove " + directoryPath + "/" + std::string(name));
-        }
-    }
-    ::closedir(listing);
-    return result;
+    return removeAtomicWriteLeftoversAt(directoryFd.get(), slash == std::string::npos ? path : path.substr(slash + 1),
+                                        path);
 }
 
 Status writeFileAtomically(const std::string& path, std::string_view text, mode_t mode) {
@@ -279,6 +261,101 @@ Status checkTrustedDirectory(const std::string& path) {
         if (current == "/") return {};
         current = parentOf(current);
     }
+}
+
+namespace {
+
+// A name for the temporary beside `name` that removeAtomicWriteLeftovers
+// recognises: six letters or digits, as mkostemp would choose.
+Result<std::string> temporaryName(const std::string& name) {
+    static constexpr char kAlphabet[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    std::uint8_t random[kTemporarySuffixLength];
+    if (auto filled = secureRandomBytes(random); !filled.ok()) return filled.error();
+    std::string temporary = name + ".";
+    for (const std::uint8_t byte : random) temporary += kAlphabet[byte % (sizeof kAlphabet - 1)];
+    return temporary;
+}
+
+// rename(2) by the held directory's name under /proc reaches the very
+// directory that renameat(2) would, and it is the call that interposed fault
+// injection sees; without /proc, renameat.
+int renameInDirectory(int directoryFd, const std::string& from, const std::string& to) {
+    const std::string base = "/proc/self/fd/" + std::to_string(directoryFd) + "/";
+    if (::access("/proc/self/fd", X_OK) != 0) return ::renameat(directoryFd, from.c_str(), directoryFd, to.c_str());
+    return ::rename((base + from).c_str(), (base + to).c_str());
+}
+
+}  // namespace
+
+Status writeFileAtomicallyAt(int directoryFd, const std::string& name, std::span<const std::uint8_t> bytes,
+                             mode_t mode, std::optional<FileOwner> owner, const std::string& shownAs) {
+    const auto failed = [&](int error, const char* step) {
+        return posixError(error, "save " + shownAs + " (" + step + ")");
+    };
+    UniqueFd fd;
+    std::string temporary;
+    for (int attempt = 0; attempt < 100 && !fd; ++attempt) {
+        auto chosen = temporaryName(name);
+        if (!chosen) return chosen.error();
+        temporary = std::move(*chosen);
+        fd.reset(::openat(directoryFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!fd && errno != EEXIST) return failed(errno, "create temporary file");
+    }
+    if (!fd) return failed(EEXIST, "create temporary file");
+    const auto fail = [&](Error error) -> Status {
+        ::unlinkat(directoryFd, temporary.c_str(), 0);
+        return error;
+    };
+    // Owner before mode, as writeAtomically does, and only when it differs.
+    if (owner) {
+        struct stat info {};
+        if (::fstat(fd.get(), &info) != 0) return fail(failed(errno, "stat"));
+        const bool owned = info.st_uid == owner->uid && info.st_gid == owner->gid;
+        if (!owned && ::fchown(fd.get(), owner->uid, owner->gid) != 0) return fail(failed(errno, "chown"));
+    }
+    if (::fchmod(fd.get(), mode) != 0) return fail(failed(errno, "chmod"));
+    if (auto written = writeAll(fd.get(), bytes.data(), bytes.size()); !written.ok()) {
+        return fail(failed(static_cast<int>(written.error().code), "write"));
+    }
+    if (::fsync(fd.get()) != 0) return fail(failed(errno, "fsync"));
+    if (::close(fd.release()) != 0) return fail(failed(errno, "close"));
+    if (renameInDirectory(directoryFd, temporary, name) != 0) return fail(failed(errno, "rename"));
+    // Make the rename itself durable.
+    ::fsync(directoryFd);
+    return {};
+}
+
+Result<Bytes> readFileAt(int directoryFd, const std::string& name, std::size_t maxBytes, const std::string& shownAs) {
+    UniqueFd fd(::openat(directoryFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd) return posixError(errno, "open " + shownAs);
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0) return posixError(errno, "stat " + shownAs);
+    if (!S_ISREG(info.st_mode)) return posixError(EINVAL, shownAs + " is not a regular file");
+    return readOpened(fd.get(), shownAs, static_cast<std::uint64_t>(info.st_size), maxBytes, std::nullopt);
+}
+
+Status removeAtomicWriteLeftoversAt(int directoryFd, const std::string& name, const std::string& shownAs) {
+    const std::string prefix = name + ".";
+    const int listingFd = ::openat(directoryFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* listing = listingFd >= 0 ? ::fdopendir(listingFd) : nullptr;
+    if (!listing) {
+        const int error = errno;
+        if (listingFd >= 0) ::close(listingFd);
+        return posixError(error, "list the directory of " + shownAs);
+    }
+    Status result;
+    while (const dirent* entry = ::readdir(listing)) {
+        const std::string_view entryName = entry->d_name;
+        if (!entryName.starts_with(prefix) || !isTemporarySuffix(entryName.substr(prefix.size()))) continue;
+        struct stat info {};
+        if (::fstatat(directoryFd, entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (!S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) continue;
+        if (::unlinkat(directoryFd, entry->d_name, 0) != 0 && errno != ENOENT) {
+            result = posixError(errno, "remove " + std::string(entryName) + " beside " + shownAs);
+        }
+    }
+    ::closedir(listing);
+    return result;
 }
 
 }  // namespace netvane

@@ -53,6 +53,17 @@ Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t
 // nothing else. Errors other than a missing directory are returned.
 Status removeAtomicWriteLeftovers(const std::string& path);
 
+// The same three through a directory held open since it was checked, so that
+// whatever has become of its path since, the file lands in (and is read
+// from, and cleaned out of) that very directory. Only `name` is looked up in
+// it, never through a symlink. Errors name `shownAs`, the path the caller
+// knows the file by, and the step that failed ("save F (fsync): ...").
+Status writeFileAtomicallyAt(int directoryFd, const std::string& name, std::span<const std::uint8_t> bytes,
+                             mode_t mode, std::optional<FileOwner> owner, const std::string& shownAs);
+// A missing file is ENOENT; anything but a regular file EINVAL.
+Result<Bytes> readFileAt(int directoryFd, const std::string& name, std::size_t maxBytes, const std::string& shownAs);
+Status removeAtomicWriteLeftoversAt(int directoryFd, const std::string& name, const std::string& shownAs);
+
 // Moves a file that could not be read out of the way of the next save,
 // beside itself as "<name>.unreadable-<UTC time>" (a counter added when that
 // is taken; an existing file is never replaced), so that what it held is

@@ -2,11 +2,10 @@
 
 #include <dispatch/dispatch.h>
 
-#include <mutex>
-
 #include "admin_protocol/admin_constants.h"
 #include "admin_protocol/darwin/admin_xpc_protocols.h"
 #include "support/darwin/foundation_values.h"
+#include "support/mutex.h"
 
 namespace netvane {
 namespace {
@@ -21,22 +20,29 @@ class PendingCall {
 public:
     void finish(Reply reply) {
         {
-            const std::lock_guard guard(mutex_);
+            MutexLock guard(mutex_);
             if (reply_) return;
             reply_.emplace(std::move(reply));
         }
         dispatch_semaphore_signal(done_);
     }
 
-    Reply wait() {
-        dispatch_semaphore_wait(done_, DISPATCH_TIME_FOREVER);
-        const std::lock_guard guard(mutex_);
+    // A reply that comes after the deadline finds nobody waiting, and is dropped.
+    Reply wait(ReplyDeadline deadline) {
+        const dispatch_time_t until =
+            deadline ? dispatch_time(DISPATCH_TIME_NOW, static_cast<std::int64_t>(deadline->count()) * NSEC_PER_MSEC)
+                     : DISPATCH_TIME_FOREVER;
+        if (dispatch_semaphore_wait(done_, until) != 0) {
+            return Error{ipc::kIpcErrorDomain, ipc::kTimedOut,
+                         "no reply from the daemon within " + std::to_string(deadline->count()) + " ms"};
+        }
+        MutexLock guard(mutex_);
         return std::move(*reply_);
     }
 
 private:
-    std::mutex mutex_;
-    std::optional<Reply> reply_;
+    Mutex mutex_;
+    std::optional<Reply> reply_ NV_GUARDED_BY(mutex_);
     dispatch_semaphore_t done_ = dispatch_semaphore_create(0);
 };
 
@@ -91,7 +97,7 @@ public:
     }
     ~XpcChannel() override { [connection_ invalidate]; }
 
-    Reply call(const MethodDescription& method, std::vector<Argument> args) override {
+    Reply call(const MethodDescription& method, std::vector<Argument> args, ReplyDeadline replyDeadline) override {
         if (args.size() != method.arguments.size()) {
             return Error{ipc::kIpcErrorDomain, ipc::kBadArguments, "wrong number of arguments"};
         }
@@ -102,7 +108,7 @@ public:
             }
         }
         // Calls take turns, as on every transport.
-        const std::lock_guard turn(turn_);
+        MutexLock turn(turn_);
         auto pending = std::make_shared<PendingCall>();
         @autoreleasepool {
             const std::string service = service_;
@@ -114,7 +120,7 @@ public:
                              "no such method: " + std::string(method.selector)};
             }
         }
-        return pending->wait();
+        return pending->wait(replyDeadline);
     }
 
 private:
@@ -158,7 +164,7 @@ private:
 
     std::string service_;
     NSXPCConnection* connection_;
-    std::mutex turn_;
+    Mutex turn_;
 };
 
 }  // namespace

@@ -14,8 +14,11 @@ inline constexpr const char* kDefaultRuntimeDirectory = "/run/netvane-admin";
 std::string appServiceSocketPath(const std::string& runtimeDirectory);
 std::string controlServiceSocketPath(const std::string& runtimeDirectory);
 
-// kUnreachable in ipc::kIpcErrorDomain when nobody listens.
-Result<AdminAppClient> connectAppClient(const std::string& runtimeDirectory = kDefaultRuntimeDirectory);
-Result<AdminControlClient> connectControlClient(const std::string& runtimeDirectory = kDefaultRuntimeDirectory);
+// kUnreachable in ipc::kIpcErrorDomain when nobody listens; kTimedOut when
+// the daemon takes no connection within `deadline`.
+Result<AdminAppClient> connectAppClient(const std::string& runtimeDirectory = kDefaultRuntimeDirectory,
+                                        ReplyDeadline deadline = std::nullopt);
+Result<AdminControlClient> connectControlClient(const std::string& runtimeDirectory = kDefaultRuntimeDirectory,
+                                                ReplyDeadline deadline = std::nullopt);
 
 }  // namespace netvane

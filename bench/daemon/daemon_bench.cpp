@@ -43,17 +43,20 @@ struct DaemonUnderTest {
         AdminDaemon::Backends backends;
         backends.authorizer = std::make_shared<GrantEverything>();
         backends.log = [](std::string_view) {};
-        daemon = std::make_shared<AdminDaemon>(PairingStore::load(directory.path() + "/state"), "0.1.0", backends);
+        auto store = PairingStore::load(directory.path() + "/state");
+        if (!store) {
+            failure = store.error().message;
+            return;
+        }
+        daemon = std::make_shared<AdminDaemon>(std::move(*store), "0.1.0", backends);
         auto socket = ipc::listenOnPath(appServiceSocketPath(directory.path()));
         if (!socket) {
             failure = socket.error().message;
             return;
         }
-        // Every benchmark client is this process's uid: let one uid hold them
-        // all, as only root may in the daemon; every other limit stays.
-        ipc::ServerLimits limits;
-        limits.maxConnectionsPerUid = limits.maxConnections;
-        listener = makeAppListener(std::move(*socket), "", daemon, limits);
+        // Every benchmark client is this process's uid, which may hold every
+        // slot while nobody else asks for one; the daemon's limits stand.
+        listener = makeAppListener(std::move(*socket), "", daemon);
         pairOnce();
     }
     ~DaemonUnderTest() {

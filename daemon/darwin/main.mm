@@ -12,11 +12,14 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 
 #include "admin_protocol/admin_constants.h"
 #include "admin_protocol/darwin/admin_xpc_protocols.h"
 #include "daemon/admin_daemon.h"
+#include "daemon/daemon_options.h"
 #include "daemon/darwin/authorization_services_authorizer.h"
 #include "daemon/darwin/xpc_sessions.h"
 #include "daemon/netcore_tunnel_owners.h"
@@ -40,11 +43,6 @@ constexpr const char* kUsage =
     "launchd starts the daemon as root; its Mach services are named after the\n"
     "team in the embedded Info.plist.\n";
 
-struct Options {
-    std::string stateDirectory = PairingStore::kDefaultDirectory;
-    bool foreground = false;
-};
-
 // Kept for the life of the process: the listeners stop answering when they go.
 Listener* gAppListener;
 Listener* gControlListener;
@@ -63,20 +61,16 @@ PeerIdentity peerOf(NSXPCConnection* connection) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        if (arg == "--help" || arg == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        } else if (arg == "--foreground") {
-            options.foreground = true;
-        } else if (arg == "--state-dir" && i + 1 < argc) {
-            options.stateDirectory = argv[++i];
-        } else {
-            std::fprintf(stderr, "netvane-admind: unknown option or missing value: %s\n%s", argv[i], kUsage);
-            return 2;
-        }
+    auto parsed = parseDaemonOptions(std::span<const char* const>(argv + 1, static_cast<std::size_t>(argc - 1)),
+                                     {PairingStore::kDefaultDirectory, ""});
+    if (!parsed) {
+        std::fprintf(stderr, "netvane-admind: %s\n%s", parsed.error().message.c_str(), kUsage);
+        return 2;
+    }
+    const DaemonOptions options = std::move(*parsed);
+    if (options.help) {
+        std::fputs(kUsage, stdout);
+        return 0;
     }
     Logger::mirrorToStderr(options.foreground);
     const Logger log(std::string(AdminConstants::daemonIdentifier), "daemon");
@@ -87,7 +81,11 @@ int main(int argc, char** argv) {
     // what we write, or read, for something of theirs.
     if (auto made = createDirectories(options.stateDirectory, 0700); !made.ok()) return fail(log, made.error());
     if (auto trusted = checkTrustedDirectory(options.stateDirectory); !trusted) return fail(log, trusted.error());
-    PairingStore store = PairingStore::load(options.stateDirectory);
+    std::optional<PairingStore::Unreadable> unreadable;
+    auto loaded = PairingStore::load(options.stateDirectory, &unreadable);
+    if (!loaded) return fail(log, loaded.error());
+    PairingStore store = std::move(*loaded);
+    if (unreadable) log.error(unreadable->describe());
     if (auto cleared = store.removeLeftovers(); !cleared) log.error(cleared.error().message);
 
     @autoreleasepool {

@@ -17,20 +17,12 @@ namespace {
 
 NSError* _Nullable errorOrNil(const std::optional<Error>& error) { return error ? toNSError(*error) : nil; }
 
-// A refused call (too many of them) gets no answer: the connection it came
-// on is invalidated. Replies are made while that call is current.
 netvane::ErrorReply errorReply(void (^reply)(NSError* _Nullable)) {
-    NSXPCConnection* connection = [NSXPCConnection currentConnection];
-    return [reply, connection](std::optional<Error> error) {
-        if (error && netvane::isRefusal(*error)) return [connection invalidate];
-        reply(errorOrNil(error));
-    };
+    return [reply](std::optional<Error> error) { reply(errorOrNil(error)); };
 }
 
 netvane::PairingReply pairingReply(void (^reply)(NSString* _Nullable, NSError* _Nullable)) {
-    NSXPCConnection* connection = [NSXPCConnection currentConnection];
-    return [reply, connection](std::optional<std::string> value, std::optional<Error> error) {
-        if (error && netvane::isRefusal(*error)) return [connection invalidate];
+    return [reply](std::optional<std::string> value, std::optional<Error> error) {
         reply(value ? toNSString(*value) : nil, errorOrNil(error));
     };
 }
@@ -81,11 +73,7 @@ netvane::PairingReply pairingReply(void (^reply)(NSString* _Nullable, NSError* _
 }
 
 - (void)tunnelOwnersWithReply:(void (^)(NSArray<NSDictionary<NSString*, id>*>*))reply {
-    NSXPCConnection* connection = [NSXPCConnection currentConnection];
-    _session->tunnelOwners([reply, connection](netvane::Result<netvane::plist::Array> owners) {
-        if (!owners) return [connection invalidate];
-        reply(toFoundation(*owners));
-    });
+    _session->tunnelOwners([reply](netvane::plist::Array owners) { reply(toFoundation(owners)); });
 }
 
 @end

@@ -15,17 +15,12 @@ ReplySlot errorSlot(const std::optional<Error>& error) {
     return std::monostate{};
 }
 
-// A refused call (too many of them) gets no answer: its connection closes.
 ErrorReply errorReply(const ReplySender& reply) {
-    return [reply](std::optional<Error> error) {
-        if (error && isRefusal(*error)) return reply.closeConnection();
-        reply.send({errorSlot(error)});
-    };
+    return [reply](std::optional<Error> error) { reply.send({errorSlot(error)}); };
 }
 
 PairingReply pairingReply(const ReplySender& reply) {
     return [reply](std::optional<std::string> value, std::optional<Error> error) {
-        if (error && isRefusal(*error)) return reply.closeConnection();
         ReplySlot first = std::monostate{};
         if (value) first = plist::Value(std::move(*value));
         reply.send({std::move(first), errorSlot(error)});
@@ -35,14 +30,6 @@ PairingReply pairingReply(const ReplySender& reply) {
 template <class Container>
 std::function<void(Container)> valueReply(const ReplySender& reply) {
     return [reply](Container value) { reply.send({plist::Value(std::move(value))}); };
-}
-
-template <class Container>
-std::function<void(Result<Container>)> refusableValueReply(const ReplySender& reply) {
-    return [reply](Result<Container> value) {
-        if (!value) return reply.closeConnection();
-        reply.send({plist::Value(std::move(*value))});
-    };
 }
 
 std::string text(Argument& argument) { return std::move(*argument->get<std::string>()); }
@@ -72,11 +59,12 @@ public:
         } else if (selector == "unpairWithToken:reply:") {
             session_.unpair(text(args[0]), errorReply(reply));
         } else if (selector == "tunnelOwnersWithReply:") {
-            session_.tunnelOwners(refusableValueReply<plist::Array>(reply));
+            session_.tunnelOwners(valueReply<plist::Array>(reply));
         }
     }
 
     void invalidated() override { session_.ended(); }
+    bool pinned() override { return session_.hasPendingRequest(); }
 
 private:
     AppSession session_;
@@ -110,9 +98,10 @@ template <class Connection>
 std::unique_ptr<ipc::Server> makeListener(UniqueFd listener, const ProtocolDescription& protocol,
                                           std::string requirement, std::shared_ptr<AdminDaemon> daemon,
                                           ipc::ServerLimits limits) {
-    ipc::ServiceDefinition service{&protocol, std::move(requirement), [daemon](const ipc::PeerCredentials& peer) {
-                                       return std::make_shared<Connection>(daemon, peer);
-                                   }};
+    ipc::ServiceDefinition service{
+        &protocol, std::move(requirement),
+        [daemon](const ipc::PeerCredentials& peer) { return std::make_shared<Connection>(daemon, peer); },
+        [daemon](std::uint32_t uid, const std::string& line) { daemon->log(uid, line); }};
     auto server = std::make_unique<ipc::Server>(std::move(listener), std::move(service), limits);
     server->start();
     return server;

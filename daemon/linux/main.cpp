@@ -9,14 +9,17 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <optional>
+#include <span>
 #include <string>
 
 #include "admin_protocol/admin_constants.h"
 #include "admin_protocol/linux/socket_channel.h"
 #include "daemon/admin_daemon.h"
+#include "daemon/daemon_options.h"
 #include "daemon/linux/listener.h"
+#include "daemon/linux/owner_view_tunnel_owners.h"
 #include "daemon/linux/polkit_authorizer.h"
-#include "daemon/netcore_tunnel_owners.h"
 #include "netcore/sysconfig/network_preferences.h"
 #include "support/bundle_info.h"
 #include "support/files.h"
@@ -26,12 +29,6 @@
 using namespace netvane;
 
 namespace {
-
-struct Options {
-    std::string stateDirectory = PairingStore::kDefaultDirectory;
-    std::string runtimeDirectory = kDefaultRuntimeDirectory;
-    bool foreground = false;
-};
 
 constexpr const char* kUsage =
     "usage: netvane-admind [--state-dir DIR] [--runtime-dir DIR] [--foreground]\n"
@@ -55,7 +52,7 @@ int usage(const char* problem) {
 }
 
 // A socket the service manager handed us under the service's name, else a new one.
-UniqueFd listenerFor(const std::string& service, const Options& options,
+UniqueFd listenerFor(const std::string& service, const DaemonOptions& options,
                      std::vector<std::pair<std::string, UniqueFd>>& inherited, const Logger& log) {
     for (auto& [name, fd] : inherited) {
         if (name != service || !fd) continue;
@@ -73,19 +70,13 @@ UniqueFd listenerFor(const std::string& service, const Options& options,
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        if (arg == "--help" || arg == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        } else if (arg == "--foreground") {
-            options.foreground = true;
-        } else if ((arg == "--state-dir" || arg == "--runtime-dir") && i + 1 < argc) {
-            (arg == "--state-dir" ? options.stateDirectory : options.runtimeDirectory) = argv[++i];
-        } else {
-            return usage(("unknown option or missing value: " + std::string(arg)).c_str());
-        }
+    auto parsed = parseDaemonOptions(std::span<const char* const>(argv + 1, static_cast<std::size_t>(argc - 1)),
+                                     {PairingStore::kDefaultDirectory, kDefaultRuntimeDirectory});
+    if (!parsed) return usage(parsed.error().message.c_str());
+    DaemonOptions options = std::move(*parsed);
+    if (options.help) {
+        std::fputs(kUsage, stdout);
+        return 0;
     }
     // Daemonizing moves us to "/": relative paths must be resolved before.
     std::error_code ignored;
@@ -108,12 +99,16 @@ int main(int argc, char** argv) {
     for (const std::string& directory : {options.stateDirectory, options.runtimeDirectory}) {
         if (auto trusted = checkTrustedDirectory(directory); !trusted) fail(log, trusted.error().message);
     }
-    PairingStore store = PairingStore::load(options.stateDirectory);
+    std::optional<PairingStore::Unreadable> unreadable;
+    auto loaded = PairingStore::load(options.stateDirectory, &unreadable);
+    if (!loaded) fail(log, loaded.error().message);
+    PairingStore store = std::move(*loaded);
+    if (unreadable) log.error(unreadable->describe());
     if (auto cleared = store.removeLeftovers(); !cleared) log.error(cleared.error().message);
 
     AdminDaemon::Backends backends;
     backends.authorizer = std::make_shared<PolkitAuthorizer>();
-    backends.tunnelOwners = std::make_shared<NetcoreTunnelOwners>();
+    backends.tunnelOwners = std::make_shared<OwnerViewTunnelOwners>();
     // Reached afresh for every change, so a NetworkManager that starts after us is found.
     backends.preferences = systemNetworkPreferences();
     auto daemon = std::make_shared<AdminDaemon>(std::move(store), version, backends);

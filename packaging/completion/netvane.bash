@@ -29,7 +29,7 @@ declare -gA _netvane_operands=(
 
 # The options of each command, wherever they stand after its name.
 declare -gA _netvane_options=(
-    [admin]="--runtime-dir --token --json"
+    [admin]="--runtime-dir --timeout --token --token-file --json"
     [history]="--period --now --interface -o --json"
     [plist]="--xml --json --to -o"
     [public-ip]="--provider --url --json-key-path --json"
@@ -53,8 +53,10 @@ declare -gA _netvane_values=(
     [--provider]="echoPrimary|echoSecondary"
     [--runtime-dir]="dir"
     [--state-dir]="dir"
+    [--timeout]="-"
     [--to]="binary|xml"
     [--token]="-"
+    [--token-file]="file"
     [--url]="-"
     [-o]="file"
 )

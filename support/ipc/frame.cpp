@@ -64,6 +64,7 @@ Result<std::vector<std::uint8_t>> encodeCall(const Call& call) {
 }
 
 Result<std::vector<std::uint8_t>> encodeReply(const Reply& reply) {
+    if (reply.dropped) return frame(plist::Dictionary{{"seq", reply.seq}, {"dropped", true}});
     plist::Array values;
     values.reserve(reply.values.size());
     for (const ReplySlot& slot : reply.values) values.push_back(slotOf(slot));
@@ -106,6 +107,11 @@ Result<Reply> decodeReply(std::span<const std::uint8_t> body) {
     auto seq = sequenceOf(*root);
     if (!seq) return seq.error();
     reply.seq = *seq;
+    if (const plist::Value* dropped = root->find("dropped")) {
+        if (!dropped->boolean() || !*dropped->boolean() || root->find("reply")) return badFrame("bad dropped reply");
+        reply.dropped = true;
+        return reply;
+    }
     const plist::Array* values = slotsOf(*root, "reply");
     if (!values) return badFrame("missing reply values");
     for (const plist::Value& slot : *values) {

@@ -4,6 +4,7 @@
 // binary property list whose root is a dictionary:
 //   call:  {"call": selector, "seq": n, "args": [slot...]}
 //   reply: {"seq": n, "reply": [slot...]}
+//   or, for a call its session dropped unanswered, {"seq": n, "dropped": true}
 // A slot is {} for nil, {"value": v} for a value, and (replies only)
 // {"error": {"domain": s, "code": i, "description": s}} for an error, so nil
 // stays distinct from every value, the empty string included.
@@ -49,6 +50,7 @@ struct Call {
 struct Reply {
     std::uint64_t seq = 0;
     std::vector<ReplySlot> values;
+    bool dropped = false;  // no answer will come; values are empty
 
     bool operator==(const Reply&) const = default;
 };

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 #include "support/ipc/stream.h"
 
@@ -18,14 +19,17 @@ class Connection {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
-    Connection(UniqueFd fd, PeerCredentials peer, std::chrono::milliseconds replyDeadline)
-        : fd_(std::move(fd)), peer_(std::move(peer)), replyDeadline_(replyDeadline) {}
+    Connection(UniqueFd fd, PeerCredentials peer, std::chrono::milliseconds replyDeadline,
+               std::shared_ptr<Session> session)
+        : fd_(std::move(fd)), peer_(std::move(peer)), replyDeadline_(replyDeadline), session_(std::move(session)) {}
 
     int fd() const { return fd_.get(); }
     const PeerCredentials& peer() const { return peer_; }
+    const std::shared_ptr<Session>& session() const { return session_; }
+    std::atomic<bool>& midFrame() { return midFrame_; }
 
     bool write(const std::vector<std::uint8_t>& frame) {
-        std::lock_guard lock(writeMutex_);
+        MutexLock lock(writeMutex_);
         if (closed_) return false;
         const auto deadline = std::chrono::steady_clock::now() + replyDeadline_;
         if (!writeFully(fd_.get(), frame.data(), frame.size(), deadline).ok()) {
@@ -36,30 +40,69 @@ public:
     }
 
     void close() {
-        std::lock_guard lock(writeMutex_);
-        closeLocked();
+        {
+            MutexLock lock(writeMutex_);
+            closeLocked();
+        }
+        // A reader waiting for room must see it.
+        MutexLock lock(callsMutex_);
+        closing_ = true;
+        roomChanged_.notify_all();
     }
 
     // Calls handed to the session whose reply has been neither sent nor
     // dropped; while there are any, the connection is not idle.
     void callStarted() {
-        std::lock_guard lock(idleMutex_);
+        MutexLock lock(callsMutex_);
         ++outstanding_;
     }
     void callEnded() {
-        std::lock_guard lock(idleMutex_);
+        MutexLock lock(callsMutex_);
         if (--outstanding_ == 0) idleSince_ = std::chrono::steady_clock::now();
+        roomChanged_.notify_all();
     }
+    // Blocks while `limit` calls are outstanding; false once the connection closes.
+    bool waitForRoom(std::size_t limit) {
+        MutexLock lock(callsMutex_);
+        while (outstanding_ >= limit && !closing_) lock.wait(roomChanged_);
+        return !closing_;
+    }
+
     std::optional<TimePoint> idleSince() {
-        std::lock_guard lock(idleMutex_);
+        if (session_->pinned()) return std::nullopt;
+        MutexLock lock(callsMutex_);
         if (outstanding_ > 0) return std::nullopt;
         return idleSince_;
+    }
+    HoldState hold() {
+        if (session_->pinned()) return HoldState{HoldState::pinned};
+        MutexLock lock(callsMutex_);
+        if (outstanding_ > 0 || midFrame_.load(std::memory_order_relaxed)) return HoldState{HoldState::busy};
+        return HoldState{HoldState::idle, idleSince_};
+    }
+
+    // Displaced: calls already sent are still read and answered, none after
+    // them (the peer's next write fails), and the connection goes once
+    // every call in hand is answered.
+    void drain() {
+        draining_.store(true, std::memory_order_relaxed);
+        ::shutdown(fd_.get(), SHUT_RD);
+    }
+    bool draining() const { return draining_.load(std::memory_order_relaxed); }
+    // False when `limit` passed first.
+    bool waitForAnswers(std::chrono::milliseconds limit) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        MutexLock lock(callsMutex_);
+        while (outstanding_ > 0 && !closing_) {
+            if (!lock.waitUntil(roomChanged_, deadline)) return outstanding_ == 0;
+        }
+        return true;
     }
 
 private:
     // shutdown wakes the reader; the descriptor itself is closed only when the
     // last holder lets go, so a late reply can never write to a reused fd.
-    void closeLocked() {
+    void closeLocked() NV_REQUIRES(writeMutex_) {
         if (!closed_) ::shutdown(fd_.get(), SHUT_RDWR);
         closed_ = true;
     }
@@ -67,11 +110,16 @@ private:
     UniqueFd fd_;
     PeerCredentials peer_;
     const std::chrono::milliseconds replyDeadline_;
-    std::mutex writeMutex_;
-    bool closed_ = false;
-    std::mutex idleMutex_;
-    std::size_t outstanding_ = 0;
-    TimePoint idleSince_ = std::chrono::steady_clock::now();
+    const std::shared_ptr<Session> session_;
+    std::atomic<bool> midFrame_{false};
+    std::atomic<bool> draining_{false};
+    Mutex writeMutex_;
+    bool closed_ NV_GUARDED_BY(writeMutex_) = false;
+    Mutex callsMutex_;
+    std::condition_variable roomChanged_;
+    std::size_t outstanding_ NV_GUARDED_BY(callsMutex_) = 0;
+    bool closing_ NV_GUARDED_BY(callsMutex_) = false;
+    TimePoint idleSince_ NV_GUARDED_BY(callsMutex_) = std::chrono::steady_clock::now();
 };
 
 // One per call: its end, sent or dropped uncalled, ends the call.
@@ -79,7 +127,14 @@ struct ReplySender::State {
     State(std::shared_ptr<Connection> c, std::uint64_t s) : connection(std::move(c)), seq(s) {
         connection->callStarted();
     }
-    ~State() { connection->callEnded(); }
+    ~State() {
+        if (!sent.load()) {
+            // Dropped unanswered (a waiter whose request went): say so, rather
+            // than leave the peer waiting for a reply that will never come.
+            if (auto frame = encodeReply(Reply{seq, {}, true})) connection->write(*frame);
+        }
+        connection->callEnded();
+    }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
@@ -100,11 +155,6 @@ void ReplySender::send(std::vector<ReplySlot> values) const {
         return;
     }
     state_->connection->write(*frame);
-}
-
-void ReplySender::closeConnection() const {
-    if (state_->sent.exchange(true)) return;
-    state_->connection->close();
 }
 
 namespace {
@@ -147,8 +197,12 @@ Result<UniqueFd> listenOnPath(const std::string& path) {
 }
 
 Server::Server(UniqueFd listener, ServiceDefinition service, ServerLimits limits)
-    : listener_(std::move(listener)), service_(std::move(service)), limits_(std::move(limits)) {
+    : listener_(std::move(listener)),
+      service_(std::move(service)),
+      limits_(std::move(limits)),
+      table_(TableLimits{limits_.maxConnections, limits_.reservedForRoot, limits_.drainingAllowance}) {
     if (!limits_.readBudget) limits_.readBudget = processReadBudget();
+    if (limits_.maxOutstandingCalls == 0) limits_.maxOutstandingCalls = 1;
 }
 
 Server::~Server() { stop(); }
@@ -156,31 +210,58 @@ Server::~Server() { stop(); }
 void Server::start() { acceptThread_ = std::thread([this] { acceptLoop(); }); }
 
 void Server::stop() {
-    std::unique_lock lock(mutex_);
-    if (stopping_) return;
-    stopping_ = true;
-    ::shutdown(listener_.get(), SHUT_RDWR);  // wakes accept()
-    for (auto& weak : connections_) {
-        if (auto connection = weak.lock()) connection->close();
+    std::vector<std::thread> threads;
+    {
+        MutexLock lock(mutex_);
+        if (stopping_) return;
+        stopping_ = true;
+        ::shutdown(listener_.get(), SHUT_RDWR);  // wakes accept()
+        for (auto& [id, served] : served_) {
+            if (served.connection) served.connection->close();
+        }
     }
-    lock.unlock();
     if (acceptThread_.joinable()) acceptThread_.join();
-    lock.lock();
-    drained_.wait(lock, [this] { return active_ == 0; });
+    {
+        // No thread is started once stopping_ is set and the accept thread is gone.
+        MutexLock lock(mutex_);
+        for (auto& [id, served] : served_) threads.push_back(std::move(served.thread));
+    }
+    for (std::thread& thread : threads) thread.join();
 }
 
 std::size_t Server::connectionCount() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return active_;
+}
+
+void Server::log(std::uint32_t uid, const std::string& line) const {
+    if (service_.log) service_.log(uid, line);
+}
+
+void Server::joinFinished() {
+    std::vector<std::thread> finished;
+    {
+        MutexLock lock(mutex_);
+        for (auto it = served_.begin(); it != served_.end();) {
+            if (!it->second.finished) {
+                ++it;
+                continue;
+            }
+            finished.push_back(std::move(it->second.thread));
+            it = served_.erase(it);
+        }
+    }
+    for (std::thread& thread : finished) thread.join();  // each is past its last use of the server
 }
 
 void Server::acceptLoop() {
     for (;;) {
+        joinFinished();
         UniqueFd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!fd) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
             {
-                std::lock_guard lock(mutex_);
+                MutexLock lock(mutex_);
                 if (stopping_) return;
             }
             // Out of resources or a transient failure: back off rather than
@@ -192,44 +273,58 @@ void Server::acceptLoop() {
         // refusing it here keeps every session's identity whole.
         auto peer = peerCredentials(fd.get());
         if (!peer) continue;
-
-        std::lock_guard lock(mutex_);
-        if (stopping_) return;
-        if (!admits(peer->uid)) continue;  // closes fd
-        const uid_t uid = peer->uid;
-        auto connection = std::make_shared<Connection>(std::move(fd), std::move(*peer), limits_.replyDeadline);
-        std::erase_if(connections_, [](const std::weak_ptr<Connection>& weak) { return weak.expired(); });
-        try {
-            std::thread([this, connection] { serve(connection); }).detach();
-        } catch (const std::system_error&) {
-            continue;  // no thread to be had: this peer is closed, the next may fare better
+        {
+            MutexLock lock(mutex_);
+            if (stopping_) return;
         }
-        connections_.push_back(connection);
-        ++active_;
-        ++perUid_[uid];
+        admit(std::move(fd), std::move(*peer));
     }
 }
 
-bool Server::admits(uid_t uid) const {
-    if (active_ >= limits_.maxConnections) return false;
-    if (uid == 0) return true;
-    const auto it = perUid_.find(uid);
-    if (it != perUid_.end() && it->second >= limits_.maxConnectionsPerUid) return false;
-    std::size_t others = active_;
-    if (const auto root = perUid_.find(0); root != perUid_.end()) others -= root->second;
-    return others + limits_.reservedForRoot < limits_.maxConnections;
+void Server::admit(UniqueFd fd, PeerCredentials peer) {
+    const auto uid = static_cast<std::uint32_t>(peer.uid);
+    std::shared_ptr<Session> session = service_.makeSession(peer);
+    auto connection =
+        std::make_shared<Connection>(std::move(fd), std::move(peer), limits_.replyDeadline, std::move(session));
+    std::shared_ptr<Connection> displaced;
+    ConnectionTable::Admission admission;
+    {
+        MutexLock lock(mutex_);
+        if (stopping_) return;
+        const ConnectionTable::Id id = nextId_++;
+        admission = table_.admit(id, uid, [connection] { return connection->hold(); });
+        if (!admission.admitted) {
+            lock.unlock();
+            log(uid, "refused a connection of uid " + std::to_string(uid) + ": " + admission.reason);
+            return;  // closes it
+        }
+        if (admission.displaced) displaced = served_.at(*admission.displaced).connection;
+        try {
+            served_[id] = Served{connection, std::thread([this, id, connection] { serve(id, connection); })};
+        } catch (const std::system_error&) {
+            // No thread to be had: this peer is closed, the next may fare better.
+            served_.erase(id);
+            table_.remove(id);
+            return;
+        }
+        ++active_;
+    }
+    if (!displaced) return;
+    displaced->drain();
+    log(uid, "uid " + std::to_string(uid) + " " + admission.reason + " (uid " +
+                 std::to_string(displaced->peer().uid) + ")");
 }
 
-void Server::serve(std::shared_ptr<Connection> connection) {
-    std::shared_ptr<Session> session = service_.makeSession(connection->peer());
+void Server::serve(ConnectionTable::Id id, const std::shared_ptr<Connection>& connection) {
+    const std::shared_ptr<Session>& session = connection->session();
     {
         // The reader gives its share of the read budget back when it goes,
         // which must happen before this connection stops counting: once the
         // count drains, stop() returns and the budget may be gone.
-        FrameReader reader(connection->fd(), limits_.readBudget.get());
+        FrameReader reader(connection->fd(), limits_.readBudget.get(), &connection->midFrame());
         const ReadDeadlines deadlines{limits_.idleDeadline, limits_.frameDeadline,
                                       [&connection] { return connection->idleSince(); }};
-        while (session) {
+        while (connection->waitForRoom(limits_.maxOutstandingCalls)) {
             auto body = reader.next(deadlines);
             if (!body) break;
             auto call = decodeCall(*body);
@@ -245,14 +340,19 @@ void Server::serve(std::shared_ptr<Connection> connection) {
             session->handle(*method, std::move(call->args), ReplySender(connection, call->seq));
         }
     }
+    if (connection->draining()) connection->waitForAnswers(limits_.idleDeadline);
     connection->close();
-    if (session) session->invalidated();
-    session.reset();
+    session->invalidated();
 
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
+    table_.remove(id);
     --active_;
-    if (auto it = perUid_.find(connection->peer().uid); it != perUid_.end() && --it->second == 0) perUid_.erase(it);
-    drained_.notify_all();
+    if (auto it = served_.find(id); it != served_.end()) {
+        // Only the thread is left to join; the connection and its descriptor
+        // go with this thread's last reference.
+        it->second.connection.reset();
+        it->second.finished = true;
+    }
 }
 
 }  // namespace netvane::ipc

@@ -132,6 +132,7 @@ Status FrameReader::fill(std::size_t needed, const std::optional<ReadDeadlines>&
         if (n < 0) return posixError(errno, "read");
         if (n == 0) return posixError(ECONNRESET, "read");
         end_ += static_cast<std::size_t>(n);
+        publishMidFrame();
         if (!deadlines) continue;
         // Bytes that trickle in buy no time: the frame's deadline stands.
         if (!frameEnd) frameEnd = std::chrono::steady_clock::now() + deadlines->frame;
@@ -155,6 +156,7 @@ Result<std::span<const std::uint8_t>> FrameReader::next(const std::optional<Read
     const std::span<const std::uint8_t> body(buffer_.data() + start_ + kFrameHeaderBytes, *length);
     start_ += kFrameHeaderBytes + *length;
     lastFrameEnd_ = std::chrono::steady_clock::now();
+    publishMidFrame();
     return body;
 }
 

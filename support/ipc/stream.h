@@ -52,10 +52,13 @@ struct ReadDeadlines {
 // returned body stays valid until the next call. Errors: end of stream, a
 // read error, a header announcing an oversize or empty frame, a deadline
 // (ETIMEDOUT) or an exhausted budget (ENOBUFS). A reader given deadlines sets
-// the (blocking) socket's receive timeout to wake up and look at them.
+// the (blocking) socket's receive timeout to wake up and look at them. When
+// given `midFrame`, it says there whether part of a frame has arrived, for
+// other threads to read.
 class FrameReader {
 public:
-    explicit FrameReader(int fd, ReadBudget* budget = nullptr) : fd_(fd), budget_(budget) {}
+    explicit FrameReader(int fd, ReadBudget* budget = nullptr, std::atomic<bool>* midFrame = nullptr)
+        : fd_(fd), budget_(budget), midFrame_(midFrame) {}
     ~FrameReader();
     FrameReader(const FrameReader&) = delete;
     FrameReader& operator=(const FrameReader&) = delete;
@@ -71,8 +74,13 @@ private:
     Status armTick(const ReadDeadlines& deadlines);
     bool resize(std::size_t size);
 
+    void publishMidFrame() const {
+        if (midFrame_) midFrame_->store(end_ > start_, std::memory_order_relaxed);
+    }
+
     int fd_;
     ReadBudget* budget_;
+    std::atomic<bool>* midFrame_;
     std::vector<std::uint8_t> buffer_;
     std::size_t charged_ = 0;             // what buffer_ holds of the budget
     std::size_t start_ = 0, end_ = 0;    // unread bytes are [start_, end_)

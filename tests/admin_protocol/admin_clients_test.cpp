@@ -28,7 +28,8 @@ public:
     ScriptedChannel(std::vector<Sent>& sent, std::deque<Result<std::vector<ReplySlot>>> replies)
         : sent_(sent), replies_(std::move(replies)) {}
 
-    Result<std::vector<ReplySlot>> call(const MethodDescription& method, std::vector<Argument> args) override {
+    Result<std::vector<ReplySlot>> call(const MethodDescription& method, std::vector<Argument> args,
+                                        ReplyDeadline) override {
         sent_.push_back(Sent{std::string(method.selector), std::move(args)});
         auto reply = std::move(replies_.front());
         replies_.pop_front();

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <fstream>
@@ -96,7 +97,7 @@ TEST_F(PairingWorkflow, ApprovalAnswersTheLatestWaiterWithAPersistedToken) {
     EXPECT_EQ(latest->token->size(), 44u);
     EXPECT_TRUE(daemon_->isPaired(*latest->token, kUser));
     EXPECT_FALSE(daemon_->isPaired(*latest->token, kOtherUser));
-    EXPECT_TRUE(PairingStore::load(dir_).isPaired(*latest->token, kUser));
+    EXPECT_TRUE(PairingStore::load(dir_).value().isPaired(*latest->token, kUser));
     EXPECT_TRUE(daemon_->pendingPairings(kUser).empty());
     EXPECT_EQ(logLines().back(), "pairing " + id + " approved for uid 501");
 
@@ -113,7 +114,7 @@ TEST_F(PairingWorkflow, ApprovalAnswersTheLatestWaiterWithAPersistedToken) {
 TEST_F(PairingWorkflow, ApprovalBeforeAwaitPairsButTheLaterAwaitHasExpired) {
     const std::string id = *daemon_->beginPairing(kUser, 1);
     ASSERT_TRUE(daemon_->approvePairing(id, kGrantedAuthorization, kApprover).ok());
-    EXPECT_EQ(PairingStore::load(dir_).pairings.size(), 1u);
+    EXPECT_EQ(PairingStore::load(dir_).value().pairings.size(), 1u);
     auto outcome = std::make_shared<PairingOutcome>();
     daemon_->awaitPairing(id, 1, recordInto(outcome));
     EXPECT_EQ(codeOf(outcome->error), AdminError::unknownRequest);
@@ -128,7 +129,7 @@ TEST_F(PairingWorkflow, ApprovalByAnotherUserLeavesTheRequestPending) {
     EXPECT_EQ(codeOf(daemon_->denyPairing(id, kOtherUser)), AdminError::wrongUser);
     EXPECT_EQ(outcome->count(), 0);
     EXPECT_EQ(idsOf(daemon_->pendingPairings(kUser)), std::vector<std::string>{id});
-    EXPECT_TRUE(PairingStore::load(dir_).pairings.empty());
+    EXPECT_TRUE(PairingStore::load(dir_).value().pairings.empty());
 
     ASSERT_TRUE(daemon_->approvePairing(id, kGrantedAuthorization, kApprover).ok());
     EXPECT_TRUE(outcome->token);
@@ -157,7 +158,7 @@ TEST_F(PairingWorkflow, BadAuthorizationFailsBeforeAnyLookup) {
 }
 
 TEST_F(PairingWorkflow, WithoutAnAuthorityEveryRightIsRefused) {
-    auto daemon = std::make_shared<AdminDaemon>(PairingStore(dir_), "1", AdminDaemon::Backends{});
+    auto daemon = std::make_shared<AdminDaemon>(PairingStore::open(dir_).value(), "1", AdminDaemon::Backends{});
     const std::string id = *daemon->beginPairing(kUser, 1);
     EXPECT_EQ(codeOf(daemon->approvePairing(id, kGrantedAuthorization, kApprover)), AdminError::authorizationFailed);
     EXPECT_EQ(codeOf(daemon->unpairAll(kGrantedAuthorization, kApprover)), AdminError::authorizationFailed);
@@ -194,10 +195,9 @@ TEST_F(PairingWorkflow, EndedSessionDropsOnlyItsRequestsWithoutReplying) {
     EXPECT_EQ(idsOf(daemon_->pendingPairings(kOtherUser)), std::vector<std::string>{theirs});
 }
 
-TEST_F(PairingWorkflow, FailedSaveOnApprovalPassesThroughAndDropsTheWaiter) {
-    // The state directory's parent is a regular file, so it cannot be created.
-    std::ofstream(root_ + "/blocker") << "x";
-    daemon_ = makeDaemon(PairingStore(root_ + "/blocker/state"));
+TEST_F(PairingWorkflow, FailedSaveOnApprovalNamesTheFileLogsItAndDropsTheWaiter) {
+    // The state directory goes after start: nothing may be written anywhere else.
+    ASSERT_EQ(::rmdir(dir_.c_str()), 0);
     const std::string id = *daemon_->beginPairing(kUser, 1);
     auto outcome = std::make_shared<PairingOutcome>();
     daemon_->awaitPairing(id, 1, recordInto(outcome));
@@ -205,24 +205,36 @@ TEST_F(PairingWorkflow, FailedSaveOnApprovalPassesThroughAndDropsTheWaiter) {
     const Status approved = daemon_->approvePairing(id, kGrantedAuthorization, kApprover);
     ASSERT_FALSE(approved.ok());
     EXPECT_EQ(approved.error().domain, kPosixErrorDomain);
-    EXPECT_EQ(approved.error().code, ENOTDIR);
+    EXPECT_EQ(approved.error().code, ENOENT);
+    EXPECT_NE(approved.error().message.find(dir_ + "/pairings.plist"), std::string::npos) << approved.error().message;
     EXPECT_EQ(outcome->count(), 0);
     EXPECT_EQ(outcome.use_count(), 1) << "the waiter was dropped, not kept";
     EXPECT_TRUE(daemon_->pendingPairings(kUser).empty());
-    EXPECT_EQ(logLines().size(), 1u) << "no approval is logged";
+    EXPECT_FALSE(std::filesystem::exists(dir_)) << "the directory was not made again behind the daemon's back";
+    EXPECT_EQ(logLines().back(), "uid 501's approval of " + id + " was not saved: " + approved.error().message);
+}
+
+// The directory is trusted once, at start, and then held: one put in its
+// place afterwards never receives the pairing file.
+TEST_F(PairingWorkflow, AReplacedStateDirectoryNeverReceivesTheFile) {
+    std::filesystem::rename(dir_, dir_ + ".held");
+    std::filesystem::create_directory(dir_);
+    const std::string token = pairThroughWorkflow(kUser, 1);
+    EXPECT_FALSE(std::filesystem::exists(dir_ + "/pairings.plist"));
+    EXPECT_TRUE(PairingStore::load(dir_ + ".held").value().isPaired(token, kUser));
 }
 
 class UnpairTest : public DaemonTest {
 protected:
     void SetUp() override {
         DaemonTest::SetUp();
-        PairingStore store(dir_);
+        PairingStore store = PairingStore::open(dir_).value();
         first_ = *store.pair(kUser);
         second_ = *store.pair(kUser);
         others_ = *store.pair(kOtherUser);
         daemon_ = makeDaemon(std::move(store));
     }
-    std::vector<PairingStore::Pairing> onDisk() { return PairingStore::load(dir_).pairings; }
+    std::vector<PairingStore::Pairing> onDisk() { return PairingStore::load(dir_).value().pairings; }
 
     std::string first_, second_, others_;
 };
@@ -315,7 +327,7 @@ TEST_F(ServiceSwitchTest, RefusalsPassThroughAndOnlyTheStoresReasonIsLogged) {
 }
 
 TEST_F(ServiceSwitchTest, NoPreferencesBackendIsAConfigurationFailure) {
-    PairingStore store(dir_);
+    PairingStore store = PairingStore::open(dir_).value();
     const std::string token = *store.pair(kUser);
     auto daemon = std::make_shared<AdminDaemon>(std::move(store), "1", AdminDaemon::Backends{});
     EXPECT_EQ(codeOf(daemon->setServiceEnabled("ABC", true, token, kUser)), AdminError::configurationFailed);

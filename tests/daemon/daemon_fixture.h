@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <future>
@@ -49,7 +50,7 @@ protected:
         char pattern[] = "/tmp/netvane-daemon-XXXXXX";
         root_ = mkdtemp(pattern);
         dir_ = root_ + "/state";
-        daemon_ = makeDaemon(PairingStore(dir_));
+        daemon_ = makeDaemon(PairingStore::open(dir_).value());
     }
     void TearDown() override {
         probes_.clear();  // joins any probe still waiting for the lock
@@ -66,7 +67,19 @@ protected:
             log_.emplace_back(line);
         };
         backends.clock = [this] { return now_; };
+        // A paced call's wait passes at once, and the clock with it.
+        backends.waitUntil = [this](std::chrono::steady_clock::time_point until) {
+            const std::lock_guard guard(waitMutex_);
+            waits_.push_back(until - now_);
+            now_ = std::max(now_, until);
+        };
         return std::make_shared<AdminDaemon>(std::move(store), "1.2.3", std::move(backends), limits_);
+    }
+
+    // How long each paced call waited, in order.
+    std::vector<std::chrono::steady_clock::duration> waits() {
+        const std::lock_guard guard(waitMutex_);
+        return waits_;
     }
 
     std::vector<std::string> logLines() {
@@ -103,6 +116,8 @@ protected:
     AdminDaemon::Limits limits_ = AdminDaemon::defaultLimits();
 
 private:
+    std::mutex waitMutex_;
+    std::vector<std::chrono::steady_clock::duration> waits_;
     std::mutex logMutex_;
     std::vector<std::string> log_;
     std::vector<std::future<void>> probes_;

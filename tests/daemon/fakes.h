@@ -2,6 +2,7 @@
 // the network preferences' fake is the library's.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -25,9 +26,22 @@ public:
 
     Status checkRight(const PeerIdentity& peer, std::span<const std::uint8_t> externalForm,
                       std::string_view right) override {
+        std::function<void()> hook;
+        Status answer;
+        {
+            const std::lock_guard guard(mutex_);
+            calls_.push_back(Call{peer, {externalForm.begin(), externalForm.end()}, std::string(right)});
+            hook = onCheck_;
+            answer = answer_;
+        }
+        if (hook) hook();
+        return answer;
+    }
+
+    // Runs while the authority "decides", before it answers.
+    void onCheck(std::function<void()> hook) {
         const std::lock_guard guard(mutex_);
-        calls_.push_back(Call{peer, {externalForm.begin(), externalForm.end()}, std::string(right)});
-        return answer_;
+        onCheck_ = std::move(hook);
     }
 
     void answer(Status status) {
@@ -42,6 +56,7 @@ public:
 private:
     mutable std::mutex mutex_;
     Status answer_;
+    std::function<void()> onCheck_;
     std::vector<Call> calls_;
 };
 

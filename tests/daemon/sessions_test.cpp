@@ -26,15 +26,6 @@ struct Captured {
             value = std::move(v);
         };
     }
-    // For replies that may also carry a refusal, counted apart.
-    std::function<void(Result<Value>)> refusableReply() {
-        return [this](Result<Value> v) {
-            if (!v) return ++refusals, void();
-            ++calls;
-            value = std::move(*v);
-        };
-    }
-    int refusals = 0;
 };
 
 plist::Dictionary statusOf(AppSession& session, std::optional<std::string> token) {
@@ -158,10 +149,10 @@ TEST_F(Sessions, TunnelOwnersInScanOrderWithoutPairing) {
         {"tun0", -1, "", ""},
         {"tap1", 77, "qemu", "/usr/bin/qemu"},
     });
-    daemon_ = makeDaemon(PairingStore(dir_));
+    daemon_ = makeDaemon(PairingStore::open(dir_).value());
     AppSession app(daemon_, kApp);
     Captured<plist::Array> owners;
-    app.tunnelOwners(owners.refusableReply());
+    app.tunnelOwners(owners.reply());
     ASSERT_EQ(owners.calls, 1);
     ASSERT_EQ(owners.value.size(), 3u);
     EXPECT_EQ(owners.value[0], plist::Value(plist::Dictionary{
@@ -174,15 +165,15 @@ TEST_F(Sessions, TunnelOwnersInScanOrderWithoutPairing) {
 TEST_F(Sessions, NoTunnelsOrNoScanGiveAnEmptyList) {
     AppSession app(daemon_, kApp);
     Captured<plist::Array> owners;
-    app.tunnelOwners(owners.refusableReply());
+    app.tunnelOwners(owners.reply());
     EXPECT_EQ(owners.calls, 1);
     EXPECT_TRUE(owners.value.empty());
 
     tunnels_.reset();
-    daemon_ = makeDaemon(PairingStore(dir_));
+    daemon_ = makeDaemon(PairingStore::open(dir_).value());
     AppSession withoutScan(daemon_, kApp);
     Captured<plist::Array> none;
-    withoutScan.tunnelOwners(none.refusableReply());
+    withoutScan.tunnelOwners(none.reply());
     EXPECT_EQ(none.calls, 1);
     EXPECT_TRUE(none.value.empty());
 }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <mutex>
 
 #include "tests/temporary_directory.h"
 #include <thread>
@@ -27,6 +28,30 @@ constexpr MethodDescription kMethods[] = {
     {"echo:reply:", kOptString, kStringAndError},
     {"later:reply:", kOptString, kStringAndError},
     {"size:reply:", kDataArg, kDict},
+    {"drop:reply:", kOptString, kStringAndError},  // the session lets the reply go unanswered
+    {"hold:reply:", kOptString, kStringAndError},  // answered when the test says so
+};
+
+// Replies the sessions hold for the test, and whether they pin their connections.
+struct Held {
+    std::mutex mutex;
+    std::vector<ReplySender> replies;
+    int handled = 0;
+    std::atomic<bool> pinned{false};
+
+    std::size_t count() {
+        std::lock_guard lock(mutex);
+        return replies.size();
+    }
+    std::size_t answerAll() {
+        std::vector<ReplySender> answering;
+        {
+            std::lock_guard lock(mutex);
+            answering.swap(replies);
+        }
+        for (const ReplySender& reply : answering) reply.send({plist::Value("held"), std::monostate{}});
+        return answering.size();
+    }
 };
 constexpr ProtocolDescription kTestProtocol{"TestProtocol", kMethods};
 
@@ -34,9 +59,16 @@ constexpr ProtocolDescription kTestProtocol{"TestProtocol", kMethods};
 // "fail" as argument answers with an error.
 class EchoSession : public Session {
 public:
-    EchoSession(PeerCredentials peer, std::atomic<int>& ended) : peer_(peer), ended_(ended) {}
+    EchoSession(PeerCredentials peer, std::atomic<int>& ended, Held& held) : peer_(peer), ended_(ended), held_(held) {}
 
     void handle(const MethodDescription& method, std::vector<Argument> args, ReplySender reply) override {
+        if (method.selector == "drop:reply:") return;
+        if (method.selector == "hold:reply:") {
+            std::lock_guard lock(held_.mutex);
+            ++held_.handled;
+            held_.replies.push_back(std::move(reply));
+            return;
+        }
         if (method.selector == "size:reply:") {
             reply.send({plist::Value(plist::Dictionary{{"size", args[0]->data()->size()}, {"uid", peer_.uid}})});
             return;
@@ -56,10 +88,12 @@ public:
         reply.send({value, error});
     }
     void invalidated() override { ++ended_; }
+    bool pinned() override { return held_.pinned; }
 
 private:
     PeerCredentials peer_;
     std::atomic<int>& ended_;
+    Held& held_;
 };
 
 class IpcTest : public ::testing::Test {
@@ -72,8 +106,9 @@ protected:
         ServiceDefinition service{&kTestProtocol, "", [this](const PeerCredentials& peer) {
                                       std::lock_guard lock(peerMutex_);
                                       peerSeen_ = peer;
-                                      return std::make_shared<EchoSession>(peer, ended_);
-                                  }};
+                                      return std::make_shared<EchoSession>(peer, ended_, held_);
+                                  },
+                                  {}};
         server_ = std::make_unique<Server>(std::move(*listener), service, limits);
         server_->start();
     }
@@ -112,6 +147,7 @@ protected:
     const std::string dir_ = temp_.path();
     const std::string path_ = dir_ + "/test.sock";
     std::atomic<int> ended_{0};
+    Held held_;
     std::mutex peerMutex_;
     PeerCredentials peerSeen_;  // the last connection's, written before its first call is served
     std::unique_ptr<Server> server_;
@@ -265,6 +301,69 @@ TEST_F(IpcTest, ConcurrentClientsEachGetTheirOwnReplies) {
     EXPECT_EQ(mismatches.load(), 0);
     server_->stop();
     EXPECT_EQ(ended_.load(), kClients);
+}
+
+// A call its session drops unanswered is reported as dropped at once, rather
+// than left open until the connection ends; the connection goes on.
+TEST_F(IpcTest, DroppedCallsAreSaidToBeDroppedAndTheConnectionGoesOn) {
+    startServer();
+    Client client = connect();
+    auto dropped = client.call(kMethods[3], {plist::Value("x")}, std::chrono::seconds(5));
+    ASSERT_FALSE(dropped.ok());
+    EXPECT_EQ(dropped.error().code, kDropped) << dropped.error().message;
+    auto after = client.call(kMethods[0], {plist::Value("after")});
+    ASSERT_TRUE(after.ok()) << after.error().message;
+    EXPECT_EQ((*after)[0], ReplySlot(plist::Value("after")));
+    EXPECT_EQ(ended_.load(), 0);
+}
+
+// However many calls a peer sends at once, the server holds only a few of
+// them unanswered; the rest wait in the socket, unread, until answers go out.
+TEST_F(IpcTest, AConnectionWithCallsOutstandingIsNotReadFurther) {
+    ServerLimits limits;
+    limits.maxOutstandingCalls = 3;
+    startServer(limits);
+    Client client = connect();
+    std::vector<std::uint8_t> calls;
+    for (std::uint64_t seq = 1; seq <= 10; ++seq) {
+        const auto call = *encodeCall(Call{"hold:reply:", seq, {plist::Value("x")}});
+        calls.insert(calls.end(), call.begin(), call.end());
+    }
+    ASSERT_TRUE(writeFully(client.fd(), calls.data(), calls.size()).ok());
+    for (int i = 0; i < 500 && held_.count() < 3; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(held_.count(), 3u) << "only as many calls as may be outstanding were read";
+    // Each answer lets the server read one call more, until all are answered.
+    std::size_t answered = 0, received = 0;
+    FrameReader reader(client.fd());
+    while (received < 10) {
+        if (answered == received) {
+            for (int i = 0; i < 1000 && held_.count() == 0; ++i) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+            answered += held_.answerAll();
+            ASSERT_GT(answered, received) << "the server stopped reading";
+        }
+        ASSERT_TRUE(reader.next().ok());
+        ++received;
+    }
+    std::lock_guard lock(held_.mutex);
+    EXPECT_EQ(held_.handled, 10);
+}
+
+// A session with a reason to stay (a pending request) keeps its connection
+// past the idle deadline; once it has none, the connection is idle again.
+TEST_F(IpcTest, APinnedConnectionIsNotIdle) {
+    ServerLimits limits;
+    limits.idleDeadline = std::chrono::milliseconds(200);
+    held_.pinned = true;
+    startServer(limits);
+    Client client = connect();
+    ASSERT_TRUE(client.call(kMethods[0], {std::nullopt}).ok());
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    EXPECT_EQ(ended_.load(), 0) << "closed as idle while pinned";
+    held_.pinned = false;
+    waitForEnded(1);
 }
 
 TEST_F(IpcTest, StopEndsOpenConnections) {

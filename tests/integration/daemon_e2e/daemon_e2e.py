@@ -14,24 +14,25 @@ private polkitd grants the pair right to the first of them only. Exits 77
 import json
 import os
 import plistlib
+import random
+import re
 import signal
 import socket
 import struct
 import subprocess
 import sys
+import threading
 import time
 import traceback
 
-from environment import SKIP, Environment, Skip, reexec_in_private_mount_namespace, require_machine, wait_until
+from environment import (SKIP, Environment, Skip, User, reexec_in_private_mount_namespace, require_machine,
+                         wait_until)
 
 # The whole run must end well inside CTest's limit, whatever hangs.
 DEADLINE_SECONDS = 100
 # A sanitized daemon runs several times slower (its bad-frame storm alone takes a minute).
 SANITIZED_DEADLINE_SECONDS = 220
 CLIENT_TIMEOUT = 20
-# `app pair` sends its await right after the request shows up as pending;
-# approving before the await arrives would (correctly) expire it.
-AWAIT_SETTLE_SECONDS = 0.5
 BAD_FRAMES = 10_000
 RSS_GROWTH_LIMIT_KB = 16 * 1024
 # One user's idle or half-sent connections; more than the daemon serves in all.
@@ -40,15 +41,23 @@ FLOOD_RSS_GROWTH_LIMIT_KB = 32 * 1024
 # Frames that each decode to about 64 MB if shared objects were expanded freely.
 BOMBS = 8
 BOMB_PEAK_GROWTH_LIMIT_KB = 96 * 1024
-# Calls of one user past its share: begins and unpairs, pipelined on one connection.
-FLOOD_CALLS = 200
-# What the daemon's per-uid limits let through at once (its burst sizes).
+# Calls of one user past its share, pipelined on one connection: a few more
+# than the daemon's bursts, each of which then waits its turn (1 s and 2 s).
+FLOOD_CALLS = 7
 BEGIN_BURST, UNPAIR_BURST, LOG_LINE_BURST = 5, 5, 20
+TUNNEL_SCAN_CALLS = 100
+# Users of one person, each holding idle connections: together every slot
+# that users may hold (256 less root's 16).
+MANY_UIDS, CONNECTIONS_PER_UID, FIRST_SPARE_UID = 8, 30, 61100
+# Kill -9 during pairings: rounds, and how long pairings run before the kill.
+KILL_ROUNDS, KILL_AFTER_SECONDS = 4, (0.2, 0.6)
 # Left by "an interrupted save" before the daemon starts; see Environment.
 LEFTOVER, NOT_A_LEFTOVER = "pairings.plist.Ab3dE9", "pairings.plist.bak"
 
 NOT_PAIRED, UNKNOWN_SERVICE, UNKNOWN_REQUEST, AUTHORIZATION_FAILED, WRONG_USER, CONFIGURATION_FAILED = 1, 2, 3, 4, 5, 6
 ADMIN_DOMAIN = "com.tarnwick.Netvane.admin"
+IPC_DOMAIN, DROPPED = "netvane.ipc", 7
+LEFTOVER_PATTERN = re.compile(r"^pairings\.plist\.[A-Za-z0-9]{6}$")
 
 
 class Outcome:
@@ -61,9 +70,9 @@ class Outcome:
         return f"exit {self.rc}, output {self.data!r}, stderr {self.stderr!r}"
 
 
-def finish(process):
+def finish(process, stdin=None):
     try:
-        stdout, stderr = process.communicate(timeout=CLIENT_TIMEOUT)
+        stdout, stderr = process.communicate(input=stdin, timeout=CLIENT_TIMEOUT)
     except Exception:
         process.kill()
         process.communicate()
@@ -87,49 +96,61 @@ def expect_error(outcome, code, what):
            f"{what} should fail with code {code}", outcome)
 
 
+def expect_dropped(outcome, what):
+    error = (outcome.data or {}).get("error", {})
+    expect(outcome.rc == 1 and error.get("domain") == IPC_DOMAIN and error.get("code") == DROPPED,
+           f"{what} should be told its call was dropped", outcome)
+
+
 class Test:
     def __init__(self, env, sanitized):
         self.env, self.sanitized = env, sanitized
         self.a, self.b = env.users  # only `a` holds the pair right
 
-    def run(self, user, *args):
-        return finish(self.env.start_client(user, *args))
+    def run(self, user, *args, runtime=None, stdin=None):
+        return finish(self.env.start_client(user, *args, runtime=runtime, stdin=stdin), stdin)
 
-    def pending(self, user):
-        listed = expect_ok(self.run(user, "control", "pending"), f"control pending as {user}")
+    def pending(self, user, runtime=None):
+        listed = expect_ok(self.run(user, "control", "pending", runtime=runtime), f"control pending as {user}")
         return [entry["id"] for entry in listed]
 
-    def wait_for_pending(self, user, predicate, what):
+    def wait_for_pending(self, user, predicate, what, runtime=None):
         """Polls `user`'s pending request ids until `predicate` holds for them; returns them."""
         seen = []
 
         def check():
-            seen[:] = self.pending(user)
+            seen[:] = self.pending(user, runtime)
             return predicate(seen)
         wait_until(what, check)
         return seen
 
-    def start_pairing(self, user):
-        """Starts `app pair` as `user`; returns the waiting client and its request id."""
-        before = set(self.pending(user))
-        app = self.env.start_client(user, "app", "pair")
-        ids = self.wait_for_pending(user, lambda ids: set(ids) - before, f"{user}'s pairing request")
+    def start_pairing(self, user, runtime=None, log=None):
+        """Starts `app pair` as `user`; returns the waiting client and its
+        request id once the daemon says the request is awaited (an approval
+        before that would, correctly, expire it)."""
+        before = set(self.pending(user, runtime))
+        app = self.env.start_client(user, "app", "pair", runtime=runtime)
+        ids = self.wait_for_pending(user, lambda ids: set(ids) - before, f"{user}'s pairing request", runtime)
         (request,) = set(ids) - before
-        time.sleep(AWAIT_SETTLE_SECONDS)
+        wait_until(f"the daemon to hold {user}'s await",
+                   lambda: self.env.log_lines_with(f"pairing {request} awaited by uid {user.uid}", log))
         return app, request
 
-    def approve(self, user, app, request):
+    def approve(self, user, app, request, runtime=None):
         """Approves `request` as `user`; returns the token its waiting `app` prints."""
-        expect_ok(self.run(user, "control", "approve", request), f"approval by {user}")
+        expect_ok(self.run(user, "control", "approve", request, runtime=runtime), f"approval by {user}")
         paired = expect_ok(finish(app), "the waiting app")
         expect(paired.get("id") == request and len(paired.get("token", "")) > 0, f"pair output: {paired}")
         return paired["token"]
 
-    def pair(self, user):
-        return self.approve(user, *self.start_pairing(user))
+    def pair(self, user, runtime=None, log=None):
+        app, request = self.start_pairing(user, runtime, log)
+        return self.approve(user, app, request, runtime)
 
-    def is_paired(self, user, token):
-        status = expect_ok(self.run(user, "app", "status", "--token", token), "app status with a token")
+    def is_paired(self, user, token, runtime=None):
+        # The token travels on standard input, where no other user can read it.
+        status = expect_ok(self.run(user, "app", "status", "--token-file", "-", runtime=runtime,
+                                    stdin=token.encode() + b"\n"), "app status with a token")
         return status["paired"]
 
     # -- scenarios ----------------------------------------------------------
@@ -291,17 +312,59 @@ class Test:
         expect_ok(self.run(self.a, "app", "status"), "status after the bombs")
 
     def call_flood(self):
-        """Calls that cost the daemon work, sent as fast as one user can: past a
-        few, that user's connection is closed, and the log keeps its share."""
+        """Calls that cost the daemon work, sent as fast as one user can: past
+        a few, each waits its turn and is answered, on a connection that stays
+        open; another user is not kept waiting, and the log keeps its share."""
         app_socket, _ = self.env.socket_paths()
-        lines_before = self.env.log_lines_with(f"pairing requested by uid {self.b.uid} ")
-        for selector, args, burst in (("beginPairingWithReply:", [], BEGIN_BURST),
-                                      ("unpairWithToken:reply:", [{"value": "not-a-token"}], UNPAIR_BURST)):
-            answered = as_user(self.b, lambda: pipelined_calls(app_socket, selector, args, FLOOD_CALLS))
-            expect(answered <= burst, f"{answered} of {FLOOD_CALLS} {selector} calls were answered")
-            expect_ok(self.run(self.a, "app", "status"), f"another user's status after a {selector} flood")
-        logged = self.env.log_lines_with(f"pairing requested by uid {self.b.uid} ") - lines_before
+        # A uid of its own, whose share of the log no other scenario has used.
+        flooder = User("flooder", FIRST_SPARE_UID + MANY_UIDS)
+        lines_before = self.env.log_lines_with(f"pairing requested by uid {flooder.uid} ")
+        for selector, args in (("beginPairingWithReply:", []), ("unpairWithToken:reply:", [{"value": "not-a-token"}])):
+            calls = call(selector, args) * FLOOD_CALLS + call("statusWithToken:reply:", [{}])
+            flood = Crowd(app_socket, flooder, 1, calls, replies=FLOOD_CALLS + 1)
+            try:
+                started = time.monotonic()
+                expect_ok(self.run(self.a, "app", "status"), f"another user's status during a {selector} flood")
+                waited = time.monotonic() - started
+                expect(waited < 2, f"another user waited {waited:.1f} s behind a {selector} flood")
+                answered = flood.wait_for_replies()
+            finally:
+                flood.close()
+            expect(answered == FLOOD_CALLS + 1, f"{answered} of {FLOOD_CALLS} {selector} calls and a status "
+                   "were answered on the flooding connection")
+        logged = self.env.log_lines_with(f"pairing requested by uid {flooder.uid} ") - lines_before
         expect(logged <= LOG_LINE_BURST, f"{logged} log lines for one user's begin flood")
+        expect(self.env.log_lines_with(f"uid {flooder.uid}'s pairing request waits "),
+               "the log says that the flooding user's calls waited their turn")
+
+    def tunnel_scan_flood(self):
+        """Every tunnel-owner call is answered with an array, however many come
+        at once: scans are shared, never refused."""
+        app_socket, _ = self.env.socket_paths()
+        crowd = Crowd(app_socket, self.b, 4, call("tunnelOwnersWithReply:", []) * (TUNNEL_SCAN_CALLS // 4),
+                      replies=TUNNEL_SCAN_CALLS // 4)
+        try:
+            answered = crowd.wait_for_replies()
+        finally:
+            crowd.close()
+        expect(answered == TUNNEL_SCAN_CALLS, f"{answered} of {TUNNEL_SCAN_CALLS} tunnel-owner calls were answered")
+
+    def many_uids_hold_every_slot(self):
+        """Uids of one person holding every slot users may hold leave room for
+        a fresh uid (and root): the oldest idle connection of the heaviest
+        makes way."""
+        app_socket, _ = self.env.socket_paths()
+        crowds = []
+        try:
+            for i in range(MANY_UIDS):
+                spare = User(f"spare{i}", FIRST_SPARE_UID + i)
+                crowds.append(Crowd(app_socket, spare, CONNECTIONS_PER_UID, b""))
+            time.sleep(0.3)  # for the daemon to take them all in
+            expect_ok(self.run(self.a, "app", "status"), "a fresh uid's status while others hold every slot")
+            expect_ok(self.run(self.b, "app", "status"), "a second fresh uid's status")
+        finally:
+            for crowd in reversed(crowds):
+                crowd.close()
 
     def refuses_unsafe_setup(self):
         """A second daemon, set up so that another user could swap its files or
@@ -348,11 +411,113 @@ class Test:
             expect(plistlib.load(f) == [], "the pairing file is empty after unpair-all")
 
 
+    # -- faults, each on a daemon of its own ------------------------------
+
+    def _second_daemon(self, name, tmpfs_size=None):
+        """A daemon on state and runtime directories of its own; the state on
+        a tmpfs of `tmpfs_size` when given."""
+        env = self.env
+        state, runtime = env._dir(f"{name}-state", 0o700), env._dir(f"{name}-run", 0o755)
+        if tmpfs_size:
+            env._mount("-t", "tmpfs", "-o", f"size={tmpfs_size},mode=0700", "tmpfs", state)
+        log = os.path.join(env.root, f"{name}.log")
+        daemon, _ = env.start_daemon(state, runtime, log)
+        return daemon, state, runtime, log
+
+    def _failed_approval(self, runtime, log, path, reason, what):
+        """An approval whose save fails: the approver hears which file and why,
+        the waiting app that it was dropped, and nothing changes on disk."""
+        before = open(path, "rb").read()
+        app, request = self.start_pairing(self.a, runtime, log)
+        refused = self.run(self.a, "control", "approve", request, runtime=runtime)
+        message = (refused.data or {}).get("error", {}).get("message", "")
+        expect(refused.rc == 1 and path in message and reason in message,
+               f"the approver is told which file and why ({what})", refused)
+        expect_dropped(finish(app), f"the waiting app ({what})")
+        expect(open(path, "rb").read() == before, f"the pairing file is byte-identical ({what})")
+        leftovers = [n for n in os.listdir(os.path.dirname(path)) if LEFTOVER_PATTERN.match(n)]
+        expect(leftovers == [], f"no temporary file is left ({what}): {leftovers}")
+        expect(self.env.log_lines_with(f"uid {self.a.uid}'s approval of {request} was not saved: ", log),
+               f"the log says the approval was not saved ({what})")
+
+    def disk_full_and_read_only(self):
+        daemon, state, runtime, log = self._second_daemon("full", tmpfs_size="256k")
+        path = os.path.join(state, "pairings.plist")
+        token = self.pair(self.a, runtime, log)
+        filler = os.open(os.path.join(state, "filler"), os.O_WRONLY | os.O_CREAT, 0o600)
+        try:
+            while True:
+                os.write(filler, b"\0" * 65536)
+        except OSError:
+            pass
+        finally:
+            os.close(filler)
+        self._failed_approval(runtime, log, path, "No space left on device", "disk full")
+        os.remove(os.path.join(state, "filler"))
+        subprocess.run(["mount", "-o", "remount,ro", state], check=True, timeout=10)
+        try:
+            self._failed_approval(runtime, log, path, "Read-only file system", "read-only")
+        finally:
+            subprocess.run(["mount", "-o", "remount,rw", state], check=True, timeout=10)
+        expect(self.is_paired(self.a, token, runtime), "the earlier pairing survived both")
+        self.pair(self.a, runtime, log)
+
+        # A file the daemon cannot read is kept aside at start, never overwritten.
+        daemon.kill()
+        daemon.wait()
+        with open(path, "wb") as f:
+            f.write(b"bplist00 not what it was")
+        daemon, _ = self.env.start_daemon(state, runtime, log)
+        kept = [n for n in os.listdir(state) if n.startswith("pairings.plist.unreadable-")]
+        expect(len(kept) == 1, f"the unreadable file was kept aside: {os.listdir(state)}")
+        expect(self.env.log_lines_with(f"kept aside as {kept[0]}, starting with no pairings", log),
+               "the log says the file was unreadable and where it went")
+        kept_path = os.path.join(state, kept[0])
+        expect(os.stat(kept_path).st_mode & 0o777 == 0o600, "the kept file is private")
+        self.pair(self.a, runtime, log)
+        expect(open(kept_path, "rb").read() == b"bplist00 not what it was", "the next save left the kept file alone")
+        daemon.kill()
+        daemon.wait()
+
+    def kill_during_pairings(self):
+        """Pairings while the daemon is killed with signal 9 now and then: every
+        token an app was handed is still paired after the restart, and no
+        temporary file survives a start."""
+        daemon, state, runtime, log = self._second_daemon("killed")
+        tokens, random_delay = [], random.Random(23)
+        for _ in range(KILL_ROUNDS):
+            stop = threading.Event()
+
+            def pairings():
+                while not stop.is_set():
+                    try:
+                        tokens.append(self.pair(self.a, runtime, log))
+                    except Exception:  # the daemon went in the middle: expected
+                        return
+            worker = threading.Thread(target=pairings)
+            worker.start()
+            time.sleep(random_delay.uniform(*KILL_AFTER_SECONDS))
+            daemon.send_signal(signal.SIGKILL)
+            daemon.wait()
+            stop.set()
+            worker.join()
+            daemon, _ = self.env.start_daemon(state, runtime, log)
+            leftovers = [n for n in os.listdir(state) if LEFTOVER_PATTERN.match(n)]
+            expect(leftovers == [], f"temporary files survived a start: {leftovers}")
+        expect(len(tokens) > 0, "no pairing completed between the kills; the loop proves little")
+        for token in tokens:
+            expect(self.is_paired(self.a, token, runtime), f"a token handed out before a kill -9 was lost")
+        print(f"     {len(tokens)} tokens over {KILL_ROUNDS} kills, all still paired")
+        daemon.kill()
+        daemon.wait()
+
+
 SCENARIOS = ["status_without_token", "save_leftovers_removed", "pair_approved_by_same_user",
              "approval_by_another_user", "approval_refused_by_authority", "deny", "supersede",
              "connection_closed_while_pending", "set_service", "bad_input", "refuses_unsafe_setup", "unpair",
              "unpair_all",
-             "connection_flood", "expansion_bombs", "call_flood"]
+             "connection_flood", "expansion_bombs", "call_flood", "tunnel_scan_flood", "many_uids_hold_every_slot",
+             "disk_full_and_read_only", "kill_during_pairings"]
 
 
 # -- malformed input ------------------------------------------------------
@@ -421,9 +586,10 @@ def shared_data_plist(data_bytes, references):
 
 class Crowd:
     """`count` connections to `path` held by a child process running as `user`,
-    each sent `payload` once, until close()."""
+    each sent `payload` once, until close(). With `replies`, the child then
+    reads that many replies on each connection (wait_for_replies())."""
 
-    def __init__(self, path, user, count, payload):
+    def __init__(self, path, user, count, payload, replies=0):
         ready_r, ready_w = os.pipe()
         release_r, release_w = os.pipe()
         self.pid = os.fork()
@@ -442,7 +608,11 @@ class Crowd:
                         pass  # refused: closed at once
                     held.append(s)
                 os.write(ready_w, b"R")
-                if os.read(release_r, 1) == b"W":  # wait for the daemon to hang up on each
+                if replies:
+                    answered = sum(read_replies(s, replies) for s in held)
+                    os.write(ready_w, b"D" + struct.pack(">I", answered))
+                    os.read(release_r, 1)
+                elif os.read(release_r, 1) == b"W":  # wait for the daemon to hang up on each
                     for s in held:
                         s.settimeout(CLIENT_TIMEOUT)
                         try:
@@ -463,63 +633,40 @@ class Crowd:
         os.write(self.release, b"W")
         expect(os.read(self.ready, 1) == b"D", "the daemon hung up on every connection")
 
+    def wait_for_replies(self):
+        """The replies the crowd's connections received in all."""
+        done = os.read(self.ready, 5)
+        expect(len(done) == 5 and done[:1] == b"D", "the crowd read its replies")
+        return struct.unpack(">I", done[1:])[0]
+
     def close(self):
         os.close(self.release)
         os.waitpid(self.pid, 0)
         os.close(self.ready)
 
 
+def read_replies(s, count):
+    """Reads up to `count` reply frames from `s`; returns how many came."""
+    s.settimeout(CLIENT_TIMEOUT)
+    received, replies = b"", 0
+    try:
+        while replies < count:
+            chunk = s.recv(65536)
+            if not chunk:
+                break
+            received += chunk
+            while len(received) >= 4 and len(received) >= 4 + struct.unpack(">I", received[:4])[0]:
+                received = received[4 + struct.unpack(">I", received[:4])[0]:]
+                replies += 1
+    except OSError:
+        pass
+    return replies
+
+
 def become(user):
     os.setgroups([])
     os.setgid(user.gid)
     os.setuid(user.uid)
-
-
-def as_user(user, work):
-    """work() in a child process running as `user`; returns its small integer result."""
-    read_end, write_end = os.pipe()
-    pid = os.fork()
-    if pid == 0:
-        code = 255
-        try:
-            os.close(read_end)
-            become(user)
-            os.write(write_end, struct.pack(">I", work()))
-            code = 0
-        finally:
-            os._exit(code)
-    os.close(write_end)
-    result = os.read(read_end, 4)
-    os.close(read_end)
-    os.waitpid(pid, 0)
-    expect(len(result) == 4, "the user's work ended with a result")
-    return struct.unpack(">I", result)[0]
-
-
-def pipelined_calls(path, selector, args, count):
-    """Sends `count` calls at once on one connection; returns how many replies came."""
-    s = connect(path)
-    try:
-        try:
-            s.sendall(call(selector, args) * count)
-        except OSError:
-            pass  # hung up on before everything was written
-        received = b""
-        try:
-            while chunk := s.recv(65536):
-                received += chunk
-        except OSError:
-            pass
-    finally:
-        s.close()
-    replies = 0
-    while len(received) >= 4:
-        length = struct.unpack(">I", received[:4])[0]
-        if len(received) < 4 + length:
-            break
-        received = received[4 + length:]
-        replies += 1
-    return replies
 
 
 def send_bad_frames(app_socket, control_socket, frames, count):

@@ -210,20 +210,27 @@ class Environment:
             with open(os.path.join(self.state_dir, name), "wb") as f:
                 f.write(b"bplist00 partial")
         self.daemon_log = os.path.join(self.root, "admind.log")
-        with open(self.daemon_log, "w") as log:
-            self.daemon = self._spawn([self.admind, "--state-dir", self.state_dir, "--runtime-dir",
-                                       self.runtime_dir, "--foreground"], stdout=log, stderr=log)
-        self.version = wait_until("the daemon's start line", self._started_version)
+        self.daemon, self.version = self.start_daemon(self.state_dir, self.runtime_dir, self.daemon_log)
 
-    def _started_version(self):
-        if self.daemon.poll() is not None:
-            raise RuntimeError(f"netvane-admind exited with {self.daemon.returncode}: {self.log_tail()}")
-        with open(self.daemon_log) as f:
-            for line in f:
-                words = line.split()
-                if "listening" in words and "daemon" in words:
-                    return words[words.index("daemon") + 1]
-        return None
+    def start_daemon(self, state_dir, runtime_dir, log_path):
+        """Another netvane-admind (or this one again) on these directories,
+        logging to the end of `log_path`; returns it and its version once it
+        listens."""
+        lines_before = self.log_lines_with("listening", log_path)
+        with open(log_path, "a") as log:
+            daemon = self._spawn([self.admind, "--state-dir", state_dir, "--runtime-dir", runtime_dir,
+                                  "--foreground"], stdout=log, stderr=log)
+
+        def started():
+            if daemon.poll() is not None:
+                raise RuntimeError(f"netvane-admind exited with {daemon.returncode}: {self.log_tail(path=log_path)}")
+            with open(log_path, errors="replace") as f:
+                starts = [line.split() for line in f if "listening" in line.split() and "daemon" in line.split()]
+            if len(starts) > lines_before:
+                words = starts[-1]
+                return words[words.index("daemon") + 1]
+            return None
+        return daemon, wait_until("the daemon's start line", started)
 
     def _start_network_manager(self):
         if not os.access(NETWORK_MANAGER, os.X_OK) or shutil.which("nmcli") is None:
@@ -272,10 +279,11 @@ class Environment:
                 env[name] = value
         return env
 
-    def start_client(self, user, *args):
+    def start_client(self, user, *args, runtime=None, stdin=None):
         """`netvane admin --runtime-dir R ARGS --json` as `user` (fork, setuid), not waited for."""
-        return self._spawn([self.netvane, "admin", "--runtime-dir", self.runtime_dir, *args, "--json"],
+        return self._spawn([self.netvane, "admin", "--runtime-dir", runtime or self.runtime_dir, *args, "--json"],
                            user=user.uid, group=user.gid, extra_groups=[],
+                           stdin=subprocess.PIPE if stdin is not None else None,
                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
     def socket_paths(self):
@@ -300,13 +308,16 @@ class Environment:
         with open(f"/proc/{self.daemon.pid}/clear_refs", "w") as f:
             f.write("5")
 
-    def log_lines_with(self, text):
-        with open(self.daemon_log, errors="replace") as f:
-            return sum(1 for line in f if text in line)
-
-    def log_tail(self, lines=20):
+    def log_lines_with(self, text, path=None):
         try:
-            with open(self.daemon_log) as f:
+            with open(path or self.daemon_log, errors="replace") as f:
+                return sum(1 for line in f if text in line)
+        except FileNotFoundError:
+            return 0
+
+    def log_tail(self, lines=20, path=None):
+        try:
+            with open(path or self.daemon_log, errors="replace") as f:
                 return "".join(f.readlines()[-lines:])
         except OSError:
             return ""

@@ -21,9 +21,11 @@ extern const std::string_view optionsSynopsis;
 extern const std::string_view whereNote;
 
 // Where the daemon is, as set by the transport's options; empty means the
-// platform's usual place.
+// platform's usual place. A transport that connects at once gives up after
+// `deadline`, when there is one.
 struct Endpoint {
     std::string location;
+    ReplyDeadline deadline;
 };
 
 // Takes the transport option at args[i] with its value, moving i to the

@@ -27,11 +27,13 @@ bool takeOption(const Args& args, std::size_t& i, Endpoint& endpoint) {
 }
 
 Result<AdminAppClient> connectApp(const Endpoint& endpoint) {
-    return connectAppClient(endpoint.location.empty() ? kDefaultRuntimeDirectory : endpoint.location);
+    return connectAppClient(endpoint.location.empty() ? kDefaultRuntimeDirectory : endpoint.location,
+                            endpoint.deadline);
 }
 
 Result<AdminControlClient> connectControl(const Endpoint& endpoint) {
-    return connectControlClient(endpoint.location.empty() ? kDefaultRuntimeDirectory : endpoint.location);
+    return connectControlClient(endpoint.location.empty() ? kDefaultRuntimeDirectory : endpoint.location,
+                                endpoint.deadline);
 }
 
 namespace {
