@@ -42,8 +42,10 @@ Civil civilFromDays(std::int64_t z) {
 std::string format(Date date, bool withMillis) {
     double seconds = date.secondsSinceReference;
     if (!std::isfinite(seconds)) return "invalid-date";
-    // Clamp to the years we can print with four digits.
-    seconds = std::fmax(std::fmin(seconds, 2.5e11), -3.5e11);
+    // Clamp to the years we can print with four digits, -9999 to 9999.
+    static const double earliest = static_cast<double>((daysFromCivil(-9999, 1, 1) - kReferenceDays) * kSecondsPerDay);
+    static const double latest = static_cast<double>((daysFromCivil(10000, 1, 1) - kReferenceDays) * kSecondsPerDay);
+    seconds = std::fmax(std::fmin(seconds, std::nextafter(latest, 0.0)), earliest);
     const double wholeSeconds = std::floor(seconds);
     auto millis = static_cast<int>(std::floor((seconds - wholeSeconds) * 1000.0));
     if (millis > 999) millis = 999;

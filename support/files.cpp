@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string_view>
 
 #include "support/crypto.h"
@@ -55,8 +56,50 @@ bool isTemporarySuffix(std::string_view suffix) {
     return true;
 }
 
-Status writeAtomically(const std::string& path, const std::function<Status(const ByteSink&)>& produce, mode_t mode,
+// The file a write of `path` replaces (for a symbolic link, the file it
+// names), and what stands there now.
+struct WriteTarget {
+    std::string path;
+    std::optional<struct stat> existing;
+};
+
+Result<WriteTarget> writeTarget(const std::string& path, bool followSymlink) {
+    WriteTarget target{path, std::nullopt};
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0) {
+        if (errno == ENOENT) return target;
+        return posixError(errno, "stat " + path);
+    }
+    if (S_ISLNK(info.st_mode)) {
+        if (!followSymlink) return posixError(ELOOP, path + " is a symbolic link");
+        std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
+        if (!resolved && errno == ENOENT) {
+            return Error{kPosixErrorDomain, ENOENT, path + " is a symbolic link to a missing file"};
+        }
+        if (!resolved) return posixError(errno, "resolve " + path);
+        target.path = resolved.get();
+        if (::stat(target.path.c_str(), &info) != 0) return posixError(errno, "stat " + target.path);
+    }
+    if (S_ISDIR(info.st_mode)) return posixError(EISDIR, "write " + target.path);
+    if (!S_ISREG(info.st_mode)) return posixError(EINVAL, target.path + " is not a regular file");
+    target.existing = info;
+    return target;
+}
+
+Status writeAtomically(const std::string& requested, const std::function<Status(const ByteSink&)>& produce, mode_t mode,
                        std::size_t expectedSize, const FileOwner* owner) {
+    // A caller that names the owner wants exactly that owner and mode, and
+    // is a privileged writer that follows no link; any other write keeps
+    // what the file it replaces had.
+    auto target = writeTarget(requested, owner == nullptr);
+    if (!target) return target.error();
+    FileOwner kept;
+    if (owner == nullptr && target->existing) {
+        kept = FileOwner{target->existing->st_uid, target->existing->st_gid};
+        owner = &kept;
+        mode = target->existing->st_mode & 07777;
+    }
+    const std::string& path = target->path;
     std::string temporary = path + ".XXXXXX";
     UniqueFd fd(::mkostemp(temporary.data(), O_CLOEXEC));
     if (!fd) return posixError(errno, "create temporary file for " + path);
@@ -72,7 +115,9 @@ Status writeAtomically(const std::string& path, const std::function<Status(const
         struct stat info {};
         if (::fstat(fd.get(), &info) != 0) return fail(posixError(errno, "stat " + temporary));
         const bool owned = info.st_uid == owner->uid && info.st_gid == owner->gid;
-        if (!owned && ::fchown(fd.get(), owner->uid, owner->gid) != 0) return fail(posixError(errno, "chown " + temporary));
+        if (!owned && ::fchown(fd.get(), owner->uid, owner->gid) != 0) {
+            return fail(posixError(errno, "give the new " + path + " its owner"));
+        }
     }
     if (::fchmod(fd.get(), mode) != 0) return fail(posixError(errno, "chmod " + temporary));
     if (expectedSize > 0) reserveFileSpace(fd.get(), expectedSize);

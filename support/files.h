@@ -4,6 +4,17 @@
 // temporary file in the same directory, which is flushed to disk and renamed
 // over the target; on any failure the temporary is removed and the old file
 // stays as it was. System failures come back as posixError values.
+//
+// What stands at the path decides what a write does:
+// - nothing: a new file with the `mode` asked for;
+// - a regular file: replaced whole, keeping its mode, owner and group (when
+//   its owner cannot be given to the new file, EPERM and nothing changes);
+// - a symbolic link: the file it names is replaced as above and the link
+//   stays; a link to nothing is refused (ENOENT);
+// - a directory (EISDIR), a FIFO, a device or a socket (EINVAL): refused
+//   before anything is written, so that no write ever replaces one.
+// The variant that names a `FileOwner` is for privileged writers: it follows
+// no link (ELOOP) and gives the file exactly that owner and `mode`.
 #pragma once
 
 #include <sys/types.h>
@@ -32,7 +43,7 @@ Result<Bytes> readFile(const std::string& path, std::size_t maxBytes = std::size
 // more than maxBytes is EFBIG; reading past timeLimit is ETIMEDOUT.
 Result<Bytes> readUntrustedFile(const std::string& path, std::size_t maxBytes, std::chrono::milliseconds timeLimit);
 
-// Writes through "<path>.XXXXXX" + fsync + rename; the new file gets `mode`.
+// Writes through "<path>.XXXXXX" + fsync + rename; a new file gets `mode`.
 Status writeFileAtomically(const std::string& path, std::span<const std::uint8_t> bytes, mode_t mode = 0644);
 Status writeFileAtomically(const std::string& path, std::string_view text, mode_t mode = 0644);
 // The file's bytes are whatever `produce` hands to its sink, in order; an

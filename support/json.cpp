@@ -4,30 +4,43 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "support/base64.h"
+#include "support/unicode.h"
 
 namespace netvane {
 
 namespace {
 
-// Which bytes a JSON string cannot carry as they are.
+// Which bytes a JSON string cannot carry as they are, and those that are
+// escaped anyway because a terminal would act on them: DEL, and 0xC2, which
+// leads the two-byte form of the C1 controls (U+0080 to U+009F).
 constexpr std::array<bool, 256> kNeedsEscape = [] {
     std::array<bool, 256> table{};
     for (int c = 0; c < 0x20; ++c) table[c] = true;
-    table['"'] = table['\\'] = true;
+    table['"'] = table['\\'] = table[0x7f] = table[0xc2] = true;
     return table;
 }();
 
-// A JSON string literal, with its quotes, for UTF-8 text.
-void appendJsonQuoted(std::string& out, std::string_view text) {
+void appendValidJsonQuoted(std::string& out, std::string_view text) {
     out.push_back('"');
     std::size_t plain = 0;  // start of the run of characters that need no escape
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (!kNeedsEscape[static_cast<unsigned char>(c)]) continue;
+        // Valid UTF-8 here, so 0xC2 has a continuation byte after it.
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+        if (static_cast<unsigned char>(c) == 0xc2 && next > 0x9f) continue;
         out.append(text.substr(plain, i - plain));
         plain = i + 1;
+        if (static_cast<unsigned char>(c) == 0xc2) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(next));
+            out.append(escape);
+            plain = ++i + 1;
+            continue;
+        }
         switch (c) {
         case '"': out.append("\\\""); break;
         case '\\': out.append("\\\\"); break;
@@ -36,13 +49,24 @@ void appendJsonQuoted(std::string& out, std::string_view text) {
         case '\t': out.append("\\t"); break;
         default: {
             char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
             out.append(escape);
         }
         }
     }
     out.append(text.substr(plain));
     out.push_back('"');
+}
+
+// A JSON string literal, with its quotes. JSON text is UTF-8 and nothing
+// else, so text that is not (a name from the kernel or from a file) is
+// repaired first: each ill-formed piece becomes U+FFFD.
+void appendJsonQuoted(std::string& out, std::string_view text) {
+    if (isAscii(text) || isValidUtf8(text)) {
+        appendValidJsonQuoted(out, text);
+    } else {
+        appendValidJsonQuoted(out, repairUtf8(text));
+    }
 }
 
 }  // namespace
@@ -163,6 +187,8 @@ bool JsonWriter::flushTo(std::FILE* stream) {
     out_.clear();
     return written;
 }
+
+std::string JsonWriter::takePiece() { return std::exchange(out_, std::string()); }
 
 std::string JsonWriter::take() {
     if (pretty_) out_.push_back('\n');

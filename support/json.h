@@ -39,6 +39,8 @@ public:
     // document needs no more memory than a piece of it; false when the
     // stream refused.
     bool flushTo(std::FILE* stream);
+    // The text so far, which the writer forgets and goes on from.
+    std::string takePiece();
     std::size_t pending() const { return out_.size(); }
 
 private:

@@ -86,11 +86,16 @@ _netvane() {
     fi
 
     # Follow the words typed so far: known words extend the command path,
-    # the rest are operands; options and their values are skipped.
-    local path="" word i operands=0
+    # the rest are operands; options and their values are skipped. After
+    # "--" every word is an operand, as the commands read them.
+    local path="" word i operands=0 ended=""
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
-        if [[ $word == -* ]]; then
+        if [[ -z $ended && $word == -- ]]; then
+            ended=1
+            continue
+        fi
+        if [[ -z $ended && $word == -?* ]]; then
             [[ -n ${_netvane_values[$word]+set} ]] && ((i++))
             continue
         fi
@@ -102,7 +107,7 @@ _netvane() {
     done
 
     local command=${path%% *}
-    if [[ $cur == -* ]]; then
+    if [[ -z $ended && $cur == -* ]]; then
         if [[ -n $command ]]; then
             mapfile -t COMPREPLY < <(compgen -W "${_netvane_options[$command]-} --help" -- "$cur")
         else

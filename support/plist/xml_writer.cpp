@@ -35,18 +35,25 @@ private:
     }
 
     // XML 1.0 cannot carry most control characters at all, even as references.
+    // DEL and the C1 controls it can, and they go out as references so that
+    // a document shown on a terminal cannot drive it.
     Status appendEscaped(std::string_view text) {
         if (!isValidUtf8(text)) return unencodable("string is not valid UTF-8");
-        for (char c : text) {
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            const char c = text[i];
+            const auto byte = static_cast<unsigned char>(c);
+            if (byte == 0x7f || (byte == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0)) {
+                const unsigned codePoint = byte == 0x7f ? byte : static_cast<unsigned char>(text[++i]);
+                out_.append("&#").append(std::to_string(codePoint)).append(";");
+                continue;
+            }
             switch (c) {
             case '&': out_.append("&amp;"); break;
             case '<': out_.append("&lt;"); break;
             case '>': out_.append("&gt;"); break;
             case '\r': out_.append("&#13;"); break;
             default:
-                if (static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n') {
-                    return unencodable("control character in string");
-                }
+                if (byte < 0x20 && c != '\t' && c != '\n') return unencodable("control character in string");
                 out_.push_back(c);
             }
         }

@@ -27,14 +27,25 @@ def netvane_help(*args):
 
 
 def commands():
+    """The first word of each command `netvane --help` lists ("history" for
+    "history show" and "history chart"), once each."""
     listing = netvane_help().split("commands:", 1)[1]
-    return [line.split()[0] for line in listing.splitlines() if line.strip()]
+    return sorted({line.split()[0] for line in listing.splitlines() if re.match(r"  \S", line)})
+
+
+def usage_block(text):
+    """The synopsis lines of a help text, continuation lines included."""
+    block = text.split("usage:\n", 1)[1].split("\n\n", 1)[0] if "usage:\n" in text else text
+    return [line for line in block.splitlines() if line.strip().startswith("netvane ") or line.startswith("    ")]
+
+
+def options_in(lines):
+    return sorted({option for line in lines for option in re.findall(r"(?<![\w-])(--?[a-z][\w-]*)", line)})
 
 
 def options_of(command):
     """The options named in the command's synopsis lines."""
-    lines = [line for line in netvane_help(command).splitlines() if line.strip().startswith("netvane ")]
-    return sorted({option for line in lines for option in re.findall(r"(?<![\w-])(--?[a-z][\w-]*)", line)})
+    return options_in(usage_block(netvane_help(command)))
 
 
 def complete(line, cwd=None):
@@ -87,6 +98,20 @@ class Documentation(unittest.TestCase):
                 self.assertNotIn("@", page.read_text(), "an unsubstituted template variable")
 
 
+class Help(unittest.TestCase):
+    def test_every_option_in_a_synopsis_is_described_and_no_other(self):
+        listing = netvane_help().split("commands:", 1)[1]
+        names = [line.strip().split("  ")[0] for line in listing.splitlines() if re.match(r"  \S", line)]
+        for name in names:
+            text = netvane_help(*name.split())
+            if name == "admin" or "\noptions:\n" not in text:
+                continue  # reads its own arguments
+            with self.subTest(command=name):
+                described = text.split("\noptions:\n", 1)[1]
+                listed = sorted({match for match in re.findall(r"^  (--?[a-z][\w-]*)", described, re.M)} - {"-h"})
+                self.assertEqual(options_in(usage_block(text)), listed)
+
+
 class Completion(unittest.TestCase):
     def test_subcommands_follow_the_command_path(self):
         cases = {
@@ -108,17 +133,22 @@ class Completion(unittest.TestCase):
     def test_option_values_and_operands_by_kind(self):
         with tempfile.TemporaryDirectory() as directory:
             Path(directory, "history.plist").touch()
+            Path(directory, "-x.plist").touch()
             Path(directory, "sub").mkdir()
             cases = {
                 "netvane plist convert x --to ": ["binary", "xml"],
                 "netvane public-ip --provider echoS": ["echoSecondary"],
                 "netvane watch --history h": ["history.plist"],
-                "netvane plist show ": ["history.plist", "sub"],
+                "netvane plist show ": ["-x.plist", "history.plist", "sub"],
                 "netvane plist show history.plist ": [],
                 "netvane watch --interval ": [],
                 "netvane admin --runtime-dir ": ["sub"],
                 "netvane-admind --state-dir ": ["sub"],
                 "netvane-admind --f": ["--foreground"],
+                # After "--" a word that starts with a dash is a file, and
+                # "-" (standard input) is an operand like any other.
+                "netvane plist show -- -": ["-x.plist"],
+                "netvane plist convert - --to ": ["binary", "xml"],
             }
             for line, expected in cases.items():
                 with self.subTest(line=line):

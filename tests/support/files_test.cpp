@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <vector>
@@ -22,17 +24,95 @@ protected:
     const std::string dir_ = temp_.path();
 };
 
-TEST_F(FilesTest, AtomicWriteReplacesContentAndSetsMode) {
+std::string contents(const std::string& path) {
+    auto bytes = readFile(path);
+    return bytes ? std::string(bytes->begin(), bytes->end()) : "(unreadable: " + bytes.error().message + ")";
+}
+
+// A new file gets the mode asked for; a file that is replaced keeps its own
+// mode, owner and group, whatever mode the writer asks for.
+TEST_F(FilesTest, AtomicWriteGivesANewFileItsModeAndAReplacedOneKeepsItsOwn) {
     const std::string path = dir_ + "/f";
     ASSERT_TRUE(writeFileAtomically(path, std::string_view("first"), 0600).ok());
-    ASSERT_TRUE(writeFileAtomically(path, std::string_view("second"), 0640).ok());
-    auto bytes = readFile(path);
-    ASSERT_TRUE(bytes.ok());
-    EXPECT_EQ(std::string(bytes->begin(), bytes->end()), "second");
     struct stat info {};
     ASSERT_EQ(stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+
+    ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(chown(path.c_str(), 4321, 8765), 0);
+    }
+    ASSERT_TRUE(writeFileAtomically(path, std::string_view("second"), 0644).ok());
+    EXPECT_EQ(contents(path), "second");
+    ASSERT_EQ(stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0640u);
+    if (root) {
+        EXPECT_EQ(info.st_uid, 4321u);
+        EXPECT_EQ(info.st_gid, 8765u);
+    }
     EXPECT_EQ(entries(), 1u) << "no temporary file may remain";
+}
+
+// Only root can give a file to another user; anyone else is refused before
+// the old file changes, rather than left with a file of the wrong owner.
+TEST_F(FilesTest, AtomicWriteRefusesWhenTheOwnerCannotBeKept) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to make a file of another owner";
+    const std::string path = dir_ + "/theirs";
+    ASSERT_TRUE(writeFileAtomically(path, std::string_view("theirs"), 0666).ok());
+    ASSERT_EQ(chown(path.c_str(), 4321, 4321), 0);
+    ASSERT_EQ(chmod(dir_.c_str(), 0777), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const bool dropped = setgid(5555) == 0 && setuid(5555) == 0;
+        const Status written = writeFileAtomically(path, std::string_view("mine"), 0644);
+        _exit(dropped && !written.ok() && written.error().code == EPERM ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the write was not refused with EPERM";
+    EXPECT_EQ(contents(path), "theirs");
+    EXPECT_EQ(entries(), 1u);
+}
+
+// A link is written through: the file it names is replaced (keeping its
+// mode) and the link stays a link; a link to nothing is refused.
+TEST_F(FilesTest, AtomicWriteFollowsALinkAndRefusesOneToNothing) {
+    fs::create_directory(dir_ + "/real");
+    const std::string target = dir_ + "/real/data";
+    ASSERT_TRUE(writeFileAtomically(target, std::string_view("old"), 0600).ok());
+    ASSERT_EQ(symlink("real/data", (dir_ + "/link").c_str()), 0);
+    ASSERT_TRUE(writeFileAtomically(dir_ + "/link", std::string_view("new"), 0644).ok());
+    EXPECT_TRUE(fs::is_symlink(dir_ + "/link"));
+    EXPECT_EQ(contents(target), "new");
+    struct stat info {};
+    ASSERT_EQ(stat(target.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_ + "/real"), {}), 1) << "no temporary file may remain";
+
+    ASSERT_EQ(symlink("nowhere", (dir_ + "/dangling").c_str()), 0);
+    const Status dangling = writeFileAtomically(dir_ + "/dangling", std::string_view("x"));
+    ASSERT_FALSE(dangling.ok());
+    EXPECT_EQ(dangling.error().code, ENOENT);
+    EXPECT_FALSE(fs::exists(dir_ + "/nowhere"));
+
+    const Status privileged = writeFileAtomically(dir_ + "/link", std::span<const std::uint8_t>(), 0600, FileOwner{
+        geteuid(), getegid()});
+    ASSERT_FALSE(privileged.ok()) << "a writer that names the owner follows no link";
+    EXPECT_EQ(privileged.error().code, ELOOP);
+    EXPECT_EQ(contents(target), "new");
+}
+
+// What is not a regular file is never replaced: refused before anything is
+// written.
+TEST_F(FilesTest, AtomicWriteRefusesWhatIsNotARegularFile) {
+    const std::string fifo = dir_ + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const Status toFifo = writeFileAtomically(fifo, std::string_view("x"));
+    ASSERT_FALSE(toFifo.ok());
+    EXPECT_EQ(toFifo.error().code, EINVAL);
+    EXPECT_TRUE(fs::is_fifo(fifo));
+    EXPECT_EQ(entries(), 1u);
 }
 
 // A large file goes out in stretches sent on to the disk as they fill; pieces
@@ -65,14 +145,23 @@ TEST_F(FilesTest, LargeWriteFromManyPiecesLandsWhole) {
 }
 
 TEST_F(FilesTest, FailedWriteLeavesNothingBehind) {
-    // The target is a directory, so the final rename fails after the data was written.
     const std::string path = dir_ + "/d";
     fs::create_directory(path);
     fs::create_directory(path + "/keep");
     auto status = writeFileAtomically(path, std::string_view("data"));
     ASSERT_FALSE(status.ok());
     EXPECT_EQ(status.error().domain, kPosixErrorDomain);
+    EXPECT_EQ(status.error().code, EISDIR);
     EXPECT_TRUE(fs::is_directory(path + "/keep"));
+    EXPECT_EQ(entries(), 1u);
+
+    // The producer fails after some bytes went out: the temporary goes too.
+    const Status failed = writeFileAtomically(dir_ + "/f", [](const ByteSink& sink) -> Status {
+        if (auto written = sink(std::vector<std::uint8_t>(100, 'x')); !written.ok()) return written;
+        return Error{kPosixErrorDomain, EIO, "producer failed"};
+    });
+    ASSERT_FALSE(failed.ok());
+    EXPECT_EQ(failed.error().code, EIO);
     EXPECT_EQ(entries(), 1u);
 
     auto missing = writeFileAtomically(dir_ + "/no/such/dir/f", std::string_view("x"));

@@ -93,6 +93,15 @@ TEST(PlistXml, CarriageReturnSurvivesARoundTrip) {
     EXPECT_EQ(*parse(text.c_str()), Value("line\r\nnext\r"));
 }
 
+// DEL and the C1 controls go out as references, so a document shown on a
+// terminal cannot drive it, and come back as they were.
+TEST(PlistXml, DeleteAndC1ControlsAreWrittenAsReferences) {
+    const std::string text = "esc\xC2\x9B" "2J del\x7F nbsp\xC2\xA0 next\xC2\x85";
+    auto xml = *encodeXml(Value(text));
+    EXPECT_NE(xml.find("esc&#155;2J del&#127; nbsp\xC2\xA0 next&#133;"), std::string::npos) << xml;
+    EXPECT_EQ(*parse(xml.c_str()), Value(text));
+}
+
 TEST(PlistXml, DuplicateKeysLookUpTheLastEntry) {
     auto value = parse("<dict><key>a</key><integer>1</integer><key>a</key><integer>2</integer></dict>");
     ASSERT_TRUE(value.ok());

@@ -40,6 +40,11 @@ TEST(Date, FormatsAndParsesAcrossEpochs) {
     EXPECT_EQ(parseISO8601("1970-01-01T00:00:00Z"), Date::fromUnix(0));
     EXPECT_EQ(parseISO8601("2000-02-29T12:00:00.5Z"), Date{-86400 * 306 - 43200 + 0.5});
     EXPECT_EQ(parseISO8601("2024Z"), parseISO8601("2024-01-01T00:00:00Z"));
+    // Every time that parses prints back as it was, to the last second of 9999.
+    for (const char* text : {"9999-12-31T23:59:59Z", "0000-01-01T00:00:00Z", "9923-01-01T00:00:00Z"}) {
+        EXPECT_EQ(formatISO8601(*parseISO8601(text)), text);
+    }
+    EXPECT_EQ(formatISO8601Fraction(Date{1e300}), "9999-12-31T23:59:59.999Z");
     for (const char* bad : {"", "2001-01-01", "2001-01-01T00:00:00", "2001-00-01Z", "2001-01-01T24:00:00Z", "01-01-01Z"}) {
         EXPECT_FALSE(parseISO8601(bad)) << bad;
     }
@@ -113,6 +118,21 @@ TEST(Json, EscapesAndConvertsEveryType) {
               "{\"text\":\"quote\\\" back\\\\ nl\\n ctl\\u0001 \xC3\xA9\",\"big\":18446744073709551615,\"neg\":-3,"
               "\"real\":0.5,\"inf\":null,\"data\":\"AQID\",\"date\":\"2001-01-01T00:00:00.500Z\","
               "\"list\":[true,[],{}],\"uid\":{\"CF$UID\":7}}");
+}
+
+// JSON text is UTF-8: bytes that are not come out as U+FFFD, keys too, and
+// the controls a terminal would act on (DEL, C1) are escaped, while other
+// text passes as it is.
+TEST(Json, OutputIsValidUtf8WithEveryControlEscaped) {
+    const plist::Value value(plist::Dictionary{
+        {"eth\xFF" "0", "cut \xE2\x82 short"},
+        {"c1", "csi\xC2\x9B" "2J del\x7F nbsp\xC2\xA0 \xC3\xA9"},
+    });
+    const std::string text = toJSON(value, false);
+    EXPECT_TRUE(isValidUtf8(text)) << text;
+    EXPECT_EQ(text,
+              "{\"eth\xEF\xBF\xBD" "0\":\"cut \xEF\xBF\xBD short\","
+              "\"c1\":\"csi\\u009b2J del\\u007f nbsp\xC2\xA0 \xC3\xA9\"}");
 }
 
 // Pretty output indents two spaces a level, however deep.

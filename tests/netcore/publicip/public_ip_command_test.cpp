@@ -68,16 +68,17 @@ TEST(PublicIPCommand, BothFamiliesFailingExitsOneWithTheText) {
     const CommandRun json = netvane("--url http://127.0.0.1:" + port(server) + "/ip --json");
     EXPECT_EQ(json.status, 1);
     EXPECT_NE(json.out.find("\"error\": \"The server answered HTTP 503\""), std::string::npos) << json.out;
-    const CommandRun bad = netvane("--url ftp://127.0.0.1/ip");
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_EQ(bad.out, "netvane: The lookup URL isn't valid\n");
 }
 
 TEST(PublicIPCommand, UsageErrorsExitTwo) {
     for (const char* arguments : {"--provider custom", "--provider EchoPrimary", "--provider", "--json-key-path ip",
-                                  "--provider echoPrimary --url http://x/", "extra"}) {
+                                  "--provider echoPrimary --url http://x/", "extra", "--json --json"}) {
         EXPECT_EQ(netvane(arguments).status, 2) << arguments;
     }
+    // A URL the lookup cannot ask is refused before any attempt, with the reason.
+    const CommandRun bad = netvane("--url ftp://127.0.0.1/ip");
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.out.find("the URL 'ftp://127.0.0.1/ip' can only be http or https"), std::string::npos) << bad.out;
     const CommandRun help = netvane("--help");
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("echoSecondary"), std::string::npos);

@@ -35,6 +35,7 @@ namespace {
 
 // Beside the statuses every command shares (command.h).
 constexpr int kExitNoReply = 4;
+constexpr double kMaximumTimeout = 86400;
 // The daemon answers every call at once or after its turn comes; far longer
 // than that means it is stuck, and a script must not be.
 constexpr double kDefaultTimeoutSeconds = 30;
@@ -308,8 +309,10 @@ int run(const Args& args) {
             (arg == "--token" ? options.token : options.tokenFile) = std::string(args[++i]);
         } else if (arg == "--timeout" && hasValue) {
             if (options.timeout) return usageError(command, "--timeout is given twice");
-            options.timeout = parsePositiveSeconds(args[++i]);
-            if (!options.timeout) return usageError(command, "--timeout needs a number of seconds greater than 0");
+            options.timeout = parseDecimal(args[++i]);
+            if (!options.timeout || !(*options.timeout > 0 && *options.timeout <= kMaximumTimeout)) {
+                return usageError(command, "--timeout needs a number of seconds greater than 0 and at most 86400");
+            }
         } else if (AdminTransport::takeOption(args, i, options.endpoint)) {
             continue;
         } else if (!arg.empty() && arg[0] == '-') {

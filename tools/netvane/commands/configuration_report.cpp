@@ -1,6 +1,8 @@
 #include "configuration_report.h"
 
 #include "interface_report.h"
+#include "io.h"
+#include "support/unicode.h"
 
 namespace netvane::cli {
 namespace {
@@ -19,7 +21,9 @@ void writeService(JsonWriter& json, const NetworkService& service) {
     json.endObject();
 }
 
-const char* orDash(const std::optional<std::string>& value) { return value ? value->c_str() : "-"; }
+// Text from the configuration store, which profiles' owners name, made safe
+// for a terminal; "-" when absent.
+std::string shown(const std::optional<std::string>& value) { return value ? terminalText(*value) : "-"; }
 
 }  // namespace
 
@@ -51,30 +55,30 @@ void writeMetadata(JsonWriter& json, const NetworkMetadata& metadata) {
     json.endObject();
 }
 
-void printServices(std::FILE* out, const NetworkMetadata& metadata) {
-    std::fprintf(out, "network services, in order:\n");
-    if (metadata.services.empty()) std::fprintf(out, "  (none)\n");
+void printServices(const NetworkMetadata& metadata) {
+    print("network services, in order:\n");
+    if (metadata.services.empty()) print("  (none)\n");
     std::size_t rank = 0;
     for (const NetworkService& service : metadata.services) {
         std::string notes = service.enabled ? "on" : "off";
         if (service.hidden) notes += ", hidden";
-        std::fprintf(out, "  %2zu. %-28s %-12s %-12s %s\n", ++rank, service.name.c_str(), orDash(service.bsdName),
-                     notes.c_str(), service.id.c_str());
+        printFormatted("  %2zu. %-28s %-12s %-12s %s\n", ++rank, terminalText(service.name).c_str(),
+                       shown(service.bsdName).c_str(), notes.c_str(), terminalText(service.id).c_str());
     }
 }
 
-void printInterfaces(std::FILE* out, const NetworkMetadata& metadata) {
-    std::fprintf(out, "configurable interfaces:\n");
-    if (metadata.interfaces.empty()) std::fprintf(out, "  (none)\n");
+void printInterfaces(const NetworkMetadata& metadata) {
+    print("configurable interfaces:\n");
+    if (metadata.interfaces.empty()) print("  (none)\n");
     for (const auto& [name, interface] : metadata.interfaces) {
-        std::fprintf(out, "  %-16s %-20s %-10s %s\n", name.c_str(), orDash(interface.displayName),
-                     orDash(interface.interfaceType), orDash(interface.hardwareAddress));
+        printFormatted("  %-16s %-20s %-10s %s\n", terminalText(name).c_str(), shown(interface.displayName).c_str(),
+                       shown(interface.interfaceType).c_str(), shown(interface.hardwareAddress).c_str());
     }
 }
 
-void printPrimaries(std::FILE* out, const NetworkMetadata& metadata) {
-    std::fprintf(out, "primary interfaces: IPv4 %s, IPv6 %s\n", orDash(metadata.primaryIPv4Interface),
-                 orDash(metadata.primaryIPv6Interface));
+void printPrimaries(const NetworkMetadata& metadata) {
+    printFormatted("primary interfaces: IPv4 %s, IPv6 %s\n", shown(metadata.primaryIPv4Interface).c_str(),
+                   shown(metadata.primaryIPv6Interface).c_str());
 }
 
 }  // namespace netvane::cli

@@ -3,7 +3,6 @@
 // optionals left out), and as text for people.
 #pragma once
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -17,8 +16,9 @@ void writeMetadata(JsonWriter& json, const NetworkMetadata& metadata);
 // Only "services" and the two primaries, for readings that list interfaces already.
 void writeServicesAndPrimaries(JsonWriter& json, const NetworkMetadata& metadata);
 
-void printServices(std::FILE* out, const NetworkMetadata& metadata);
-void printInterfaces(std::FILE* out, const NetworkMetadata& metadata);
-void printPrimaries(std::FILE* out, const NetworkMetadata& metadata);
+// As text on standard output, with control characters escaped.
+void printServices(const NetworkMetadata& metadata);
+void printInterfaces(const NetworkMetadata& metadata);
+void printPrimaries(const NetworkMetadata& metadata);
 
 }  // namespace netvane::cli

@@ -2,6 +2,7 @@
 // over the period ending now, read the way the application reads it (an
 // unreadable file is an empty history, with a note saying why).
 // netvane history chart: the same histories drawn as an SVG document.
+// Both count only what was measured before the period's end.
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -10,10 +11,13 @@
 #include <string>
 
 #include "command.h"
+#include "history_recording.h"
+#include "io.h"
 #include "netcore/history/history_store.h"
 #include "support/date.h"
-#include "support/files.h"
 #include "support/json.h"
+#include "support/unicode.h"
+#include "views/chart_series.h"
 #include "views/history_chart.h"
 
 namespace netvane::cli {
@@ -23,73 +27,63 @@ constexpr double kDefaultPeriod = 3600;
 // A chart of an hour shows little; a day is what people look back on.
 constexpr double kDefaultChartPeriod = 86400;
 // Far beyond any history's retention, and within what a calendar labels.
-constexpr double kLongestChartPeriod = 100 * 365.25 * 86400;
+constexpr double kLongestPeriod = 100 * 365.25 * 86400;
+// --now: from the Unix epoch to the last second a four-digit year prints.
+constexpr double kEarliestNow = -978307200;     // 1970-01-01T00:00:00Z
+constexpr double kLatestNow = 252423993599;     // 9999-12-31T23:59:59Z
 
-// What either subcommand was asked; each takes only its own options.
-struct HistoryOptions {
-    bool chart = false;
-    std::string file;
-    double period = kDefaultPeriod;
-    std::optional<Date> now;
-    bool json = false;                     // show
-    std::optional<std::string> interface;  // chart
-    std::string output;                    // chart
+constexpr Operand kFileOperand{"FILE", ValueKind::inputFile, "a rate-history file"};
+
+constexpr Option periodOption(double fallback) {
+    return Option::ranged("--period", ValueKind::seconds, "SECONDS", "how far back from the period's end to look", 1,
+                          kLongestPeriod, fallback);
+}
+
+constexpr Option kNowOption = Option::ranged(
+    "--now", ValueKind::time, "TIME",
+    "the period's end instead of now, in ISO 8601 UTC: 2026-11-23T14:00:00Z, or shorter (2026-11-23Z)", kEarliestNow,
+    kLatestNow);
+
+constexpr std::string_view kReading =
+    "A missing or unreadable FILE reads as an empty history, with a note on standard error. Only what was "
+    "measured before the period's end counts; a slot of a coarser tier that spans the end counts whole.";
+
+int show(const Arguments& arguments);
+int chart(const Arguments& arguments);
+
+const Command showCommand{
+    "history show",
+    "netvane history show FILE [--period SECONDS] [--now TIME] [--json]",
+    "traffic per interface in a rate-history file",
+    {kFileOperand},
+    {periodOption(kDefaultPeriod), kNowOption, kJsonOption},
+    "For each interface in FILE: the seconds covered over the period, bytes in and out, the average, least "
+    "and greatest rates each way, and how many buckets each tier holds.\n" +
+        std::string(kReading) +
+        "\nExit status 0, also for an unreadable FILE; 1 when the output fails; 2 for a usage error.",
+    show,
 };
 
-int run(const Args& args);
-
-const Command command("history",
-                      "netvane history show FILE [--period SECONDS] [--now TIME] [--json]\n"
-                      "netvane history chart FILE [--period SECONDS] [--interface NAME] [--now TIME] -o OUT.svg",
-                      "traffic per interface in a rate-history file over the last SECONDS, as text "
-                      "(default 3600) or as an SVG chart (default 86400)",
-                      run);
-
-// Fills options or returns the usage problem.
-std::optional<std::string> parse(const Args& args, HistoryOptions& options) {
-    if (args.empty() || (args[0] != "show" && args[0] != "chart")) return "expected the subcommand 'show' or 'chart'";
-    options.chart = args[0] == "chart";
-    if (options.chart) options.period = kDefaultChartPeriod;
-    bool haveFile = false;
-    for (std::size_t i = 1; i < args.size(); ++i) {
-        std::string_view arg = args[i];
-        auto next = [&]() -> std::optional<std::string_view> {
-            if (i + 1 == args.size()) return std::nullopt;
-            return args[++i];
-        };
-        if (arg == "--period") {
-            auto text = next();
-            auto period = text ? parsePositiveSeconds(*text) : std::nullopt;
-            if (!period) return "--period needs a positive number of seconds";
-            options.period = *period;
-        } else if (arg == "--now") {
-            auto text = next();
-            options.now = text ? parseISO8601(*text) : std::nullopt;
-            if (!options.now) return "--now needs a time such as 2026-11-23T14:00:00Z";
-        } else if (arg == "--json" && !options.chart) {
-            options.json = true;
-        } else if (arg == "--interface" && options.chart) {
-            auto text = next();
-            if (!text || text->empty()) return "--interface needs an interface name";
-            options.interface = std::string(*text);
-        } else if (arg == "-o" && options.chart) {
-            auto text = next();
-            if (!text || text->empty()) return "-o needs a file to write the chart to (- for standard output)";
-            options.output = std::string(*text);
-        } else if (arg.starts_with("-") && arg != "-") {
-            return "unknown option '" + std::string(arg) + "'";
-        } else if (haveFile) {
-            return "only one FILE may be given";
-        } else {
-            options.file = std::string(arg);
-            haveFile = true;
-        }
-    }
-    if (!haveFile) return "missing FILE";
-    if (options.chart && options.output.empty()) return "missing -o OUT.svg (- for standard output)";
-    if (options.chart && options.period > kLongestChartPeriod) return "a chart's --period is at most 100 years";
-    return std::nullopt;
-}
+const Command chartCommand{
+    "history chart",
+    "netvane history chart FILE -o OUT.svg [--period SECONDS]\n"
+    "    [--interface NAME] [--now TIME]",
+    "the traffic in a rate-history file as an SVG chart",
+    {kFileOperand},
+    {periodOption(kDefaultChartPeriod),
+     Option::valued("--interface", ValueKind::text, "NAME", "only this interface's panel"),
+     kNowOption,
+     Option::valued("-o", ValueKind::outputFile, "OUT.svg", "where the chart goes (required)")},
+    "One panel per interface with bytes in and out per second over the period, against local time, from the "
+    "finest tier the history holds for each stretch, counted as history show counts them. The same FILE, "
+    "--now and time zone give the same bytes.\n" +
+        std::string(kReading) +
+        "\nOUT.svg is replaced whole or not at all, keeping its mode and owner; a link is followed; a named "
+        "pipe or a device such as /dev/null is written into; a directory is refused.\n"
+        "Exit status 0; 1 when the chart cannot be written or --interface names no interface in FILE; 2 for a "
+        "usage error.",
+    chart,
+};
 
 // Non-finite values print as "-": an empty aggregate has no minimum rate.
 std::string number(double value, const char* format = "%.1f") {
@@ -103,12 +97,29 @@ std::string tierName(const Tier& tier) {
     return tier.isRaw() ? std::string("raw") : number(tier.granularity, "%g") + " s";
 }
 
-plist::Value jsonReport(const HistoryOptions& options, Date now, const HistorySet& histories) {
+// What each interface's history holds up to `now`, with its tiers as the
+// file has them.
+struct Shown {
+    const RateHistory* stored;
+    RateAggregate aggregate;
+};
+
+std::vector<std::pair<std::string, Shown>> aggregates(HistorySet& histories, double period, Date now) {
+    std::vector<std::pair<std::string, Shown>> shown;
+    for (auto& [name, history] : histories) {
+        RateHistory before = history;
+        views::keepBefore(before, now);
+        shown.emplace_back(name, Shown{&history, before.aggregate(period, now)});
+    }
+    return shown;
+}
+
+plist::Value jsonReport(const std::string& file, double period, Date now, HistorySet& histories) {
     plist::Dictionary interfaces;
-    for (const auto& [name, history] : histories) {
-        RateAggregate a = history.aggregate(options.period, now);
+    for (const auto& [name, shown] : aggregates(histories, period, now)) {
+        const RateAggregate& a = shown.aggregate;
         plist::Array tiers;
-        for (const Tier& tier : history.tiers) {
+        for (const Tier& tier : shown.stored->tiers) {
             tiers.push_back(plist::Dictionary{{"granularity", tier.granularity},
                                               {"retention", tier.retention},
                                               {"buckets", static_cast<std::uint64_t>(tier.buckets.size())}});
@@ -124,52 +135,52 @@ plist::Value jsonReport(const HistoryOptions& options, Date now, const HistorySe
                                                   {"maxOut", a.maxOut},
                                                   {"tiers", std::move(tiers)}});
     }
-    return plist::Dictionary{{"file", options.file},
-                             {"now", now},
-                             {"period", options.period},
-                             {"interfaces", std::move(interfaces)}};
+    return plist::Dictionary{{"file", file}, {"now", now}, {"period", period}, {"interfaces", std::move(interfaces)}};
 }
 
-void printText(const HistoryOptions& options, Date now, const HistorySet& histories) {
-    std::printf("%s: %s s up to %s\n", options.file.c_str(), number(options.period, "%g").c_str(),
-                formatISO8601(now).c_str());
-    if (histories.empty()) std::printf("no interface histories\n");
-    for (const auto& [name, history] : histories) {
-        RateAggregate a = history.aggregate(options.period, now);
-        std::printf("%s\n", name.c_str());
-        std::printf("  covered   %s s\n", number(a.seconds).c_str());
-        std::printf("  bytes     in %llu  out %llu\n", static_cast<unsigned long long>(a.bytesIn),
-                    static_cast<unsigned long long>(a.bytesOut));
-        std::printf("  rate in   average %s  min %s  max %s B/s\n", number(a.averageIn()).c_str(),
-                    number(a.minIn).c_str(), number(a.maxIn).c_str());
-        std::printf("  rate out  average %s  min %s  max %s B/s\n", number(a.averageOut()).c_str(),
-                    number(a.minOut).c_str(), number(a.maxOut).c_str());
+void printText(const std::string& file, double period, Date now, HistorySet& histories) {
+    printFormatted("%s: %s s up to %s\n", terminalText(inputName(file)).c_str(), number(period, "%g").c_str(),
+                   formatISO8601(now).c_str());
+    if (histories.empty()) print("no interface histories\n");
+    for (const auto& [name, shown] : aggregates(histories, period, now)) {
+        const RateAggregate& a = shown.aggregate;
+        printFormatted("%s\n", terminalText(name).c_str());
+        printFormatted("  covered   %s s\n", number(a.seconds).c_str());
+        printFormatted("  bytes     in %llu  out %llu\n", static_cast<unsigned long long>(a.bytesIn),
+                       static_cast<unsigned long long>(a.bytesOut));
+        printFormatted("  rate in   average %s  min %s  max %s B/s\n", number(a.averageIn()).c_str(),
+                       number(a.minIn).c_str(), number(a.maxIn).c_str());
+        printFormatted("  rate out  average %s  min %s  max %s B/s\n", number(a.averageOut()).c_str(),
+                       number(a.minOut).c_str(), number(a.maxOut).c_str());
         std::string tiers;
-        for (const Tier& tier : history.tiers) {
+        for (const Tier& tier : shown.stored->tiers) {
             if (!tiers.empty()) tiers += ", ";
             tiers += tierName(tier) + " " + std::to_string(tier.buckets.size()) + " (keeps " +
                      number(tier.retention, "%g") + " s)";
         }
-        std::printf("  buckets   %s\n", tiers.empty() ? "no tiers" : tiers.c_str());
+        printFormatted("  buckets   %s\n", tiers.empty() ? "no tiers" : tiers.c_str());
     }
 }
 
 HistorySet loadForReading(const std::string& file) {
-    auto loaded = HistoryStore(file).loadReportingErrors();
+    auto loaded = readHistoryFile(file);
     if (loaded) return std::move(*loaded);
-    std::fprintf(stderr, "netvane: note: %s is unreadable, so its history is empty: %s\n", file.c_str(),
-                 loaded.error().message.c_str());
+    note(inputName(file) + " is unreadable, so its history is empty: " + loaded.error().message);
     return {};
 }
 
-int chart(const HistoryOptions& options) {
-    HistorySet histories = loadForReading(options.file);
-    if (options.interface) {
-        auto found = histories.find(*options.interface);
+int chart(const Arguments& arguments) {
+    const std::optional<std::string> output = arguments.text("-o");
+    if (!output) return usageError(chartCommand, "missing -o OUT.svg (- for standard output)");
+    const std::string file = arguments.operands()[0];
+    const std::optional<std::string> interface = arguments.text("--interface");
+    HistorySet histories = loadForReading(file);
+    if (interface) {
+        auto found = histories.find(*interface);
         if (found == histories.end()) {
             std::string names;
             for (const auto& [name, history] : histories) names += (names.empty() ? "" : ", ") + name;
-            return failure("no history of interface '" + *options.interface + "' in " + options.file +
+            return failure("no history of interface '" + *interface + "' in " + inputName(file) +
                            (names.empty() ? "" : " (it holds " + names + ")"));
         }
         HistorySet one;
@@ -177,31 +188,26 @@ int chart(const HistoryOptions& options) {
         histories = std::move(one);
     }
     views::ChartRequest request;
-    request.source = options.file;
-    request.period = options.period;
-    request.now = options.now.value_or(Date::now());
+    request.source = inputName(file);
+    request.period = *arguments.seconds("--period");
+    request.now = arguments.time("--now").value_or(Date::now());
+    for (auto& [name, history] : histories) views::keepBefore(history, request.now);
     const std::string document = views::renderHistoryChart(histories, request);
-    if (options.output == "-") {
-        std::fwrite(document.data(), 1, document.size(), stdout);
-        return std::fflush(stdout) == 0 ? kExitOK : failure("cannot write the chart to standard output");
+    if (Status written = writeOutput(*output, document); !written) {
+        return failure("cannot write the chart to " + *output + ": " + written.error().message);
     }
-    // Atomically, so an existing chart is either replaced whole or kept.
-    Status written = writeFileAtomically(options.output, std::string_view(document), 0644);
-    if (!written) return failure("cannot write the chart to " + options.output + ": " + written.error().message);
     return kExitOK;
 }
 
-int run(const Args& args) {
-    HistoryOptions options;
-    if (auto problem = parse(args, options)) return usageError(command, *problem);
-    if (options.chart) return chart(options);
-
-    const HistorySet histories = loadForReading(options.file);
-    const Date now = options.now.value_or(Date::now());
-    if (options.json) {
-        std::printf("%s\n", toJSON(jsonReport(options, now, histories)).c_str());
+int show(const Arguments& arguments) {
+    const std::string file = arguments.operands()[0];
+    const double period = *arguments.seconds("--period");
+    HistorySet histories = loadForReading(file);
+    const Date now = arguments.time("--now").value_or(Date::now());
+    if (arguments.flag("--json")) {
+        print(toJSON(jsonReport(inputName(file), period, now, histories)));
     } else {
-        printText(options, now, histories);
+        printText(file, period, now, histories);
     }
     return kExitOK;
 }

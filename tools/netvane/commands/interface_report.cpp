@@ -3,7 +3,9 @@
 #include <cinttypes>
 #include <string_view>
 
+#include "io.h"
 #include "netcore/interfaces/bit_names.h"
+#include "support/unicode.h"
 
 namespace netvane::cli {
 namespace {
@@ -168,66 +170,60 @@ plist::Value tunnelOwnersValue(const TunnelOwnerMap& owners) {
     return d;
 }
 
-void printSnapshot(std::FILE* out, const InterfaceSnapshot& s) {
-    std::fprintf(out, "%s: flags=%s index %u mtu %u\n", s.name.c_str(), BitNames::interfaceFlags().format(s.flags).c_str(),
-                 s.index, s.mtu);
-    std::fprintf(out, "\ttype %u  functional type %s  baudrate %" PRIu64 "\n", static_cast<unsigned>(s.ifType),
-                 functionalTypeName(s.functionalType).c_str(), s.baudrate);
+void printSnapshot(const InterfaceSnapshot& s) {
+    printFormatted("%s: flags=%s index %u mtu %u\n", terminalText(s.name).c_str(),
+                   BitNames::interfaceFlags().format(s.flags).c_str(), s.index, s.mtu);
+    printFormatted("\ttype %u  functional type %s  baudrate %" PRIu64 "\n", static_cast<unsigned>(s.ifType),
+                   functionalTypeName(s.functionalType).c_str(), s.baudrate);
     if (s.linkAddress) {
-        std::fprintf(out, "\tlink %s (type %u)\n", s.linkAddress->description().c_str(),
-                     static_cast<unsigned>(s.linkAddress->type));
+        printFormatted("\tlink %s (type %u)\n", s.linkAddress->description().c_str(),
+                       static_cast<unsigned>(s.linkAddress->type));
     }
     for (const IPv4Address& a : s.ipv4) {
-        std::fprintf(out, "\tinet %s", a.address.c_str());
-        if (a.destination) std::fprintf(out, " --> %s", a.destination->c_str());
-        if (a.netmask) std::fprintf(out, " netmask %s", a.netmask->c_str());
-        if (a.prefixLength) std::fprintf(out, " prefixlen %d", *a.prefixLength);
-        if (a.broadcast) std::fprintf(out, " broadcast %s", a.broadcast->c_str());
-        std::fprintf(out, "\n");
+        printFormatted("\tinet %s", a.address.c_str());
+        if (a.destination) printFormatted(" --> %s", a.destination->c_str());
+        if (a.netmask) printFormatted(" netmask %s", a.netmask->c_str());
+        if (a.prefixLength) printFormatted(" prefixlen %d", *a.prefixLength);
+        if (a.broadcast) printFormatted(" broadcast %s", a.broadcast->c_str());
+        print("\n");
     }
     for (const IPv6Address& a : s.ipv6) {
-        std::fprintf(out, "\tinet6 %s", a.address.c_str());
-        if (a.prefixLength) std::fprintf(out, " prefixlen %d", *a.prefixLength);
-        if (a.scopeID != 0) std::fprintf(out, " scopeid 0x%x", a.scopeID);
+        printFormatted("\tinet6 %s", a.address.c_str());
+        if (a.prefixLength) printFormatted(" prefixlen %d", *a.prefixLength);
+        if (a.scopeID != 0) printFormatted(" scopeid 0x%x", a.scopeID);
         std::vector<std::string> names = a.flagNames();
-        if (!names.empty()) std::fprintf(out, " <%s>", joined(names).c_str());
-        std::fprintf(out, "\n");
+        if (!names.empty()) printFormatted(" <%s>", joined(names).c_str());
+        print("\n");
     }
     if (s.media) {
-        std::fprintf(out, "\tmedia: %s  status: %s\n", s.media->description().c_str(), mediaStatusName(s.media->status));
+        printFormatted("\tmedia: %s  status: %s\n", s.media->description().c_str(), mediaStatusName(s.media->status));
     }
-    if (s.capabilities) std::fprintf(out, "\toptions=%s\n", BitNames::capabilities().format(*s.capabilities).c_str());
-    if (s.nd6Flags) std::fprintf(out, "\tnd6 options=%s\n", BitNames::nd6Flags().format(*s.nd6Flags).c_str());
+    if (s.capabilities) printFormatted("\toptions=%s\n", BitNames::capabilities().format(*s.capabilities).c_str());
+    if (s.nd6Flags) printFormatted("\tnd6 options=%s\n", BitNames::nd6Flags().format(*s.nd6Flags).c_str());
     const InterfaceCounters& c = s.counters;
-    std::fprintf(out, "\tin  %" PRIu64 " bytes  %" PRIu64 " packets  %" PRIu64 " errors  %" PRIu64 " multicast  %" PRIu64
-                      " drops\n",
-                 c.bytesIn, c.packetsIn, c.errorsIn, c.multicastIn, c.dropsIn);
-    std::fprintf(out, "\tout %" PRIu64 " bytes  %" PRIu64 " packets  %" PRIu64 " errors  %" PRIu64 " multicast  %" PRIu64
-                      " collisions\n",
-                 c.bytesOut, c.packetsOut, c.errorsOut, c.multicastOut, c.collisions);
+    printFormatted("\tin  %" PRIu64 " bytes  %" PRIu64 " packets  %" PRIu64 " errors  %" PRIu64 " multicast  %" PRIu64
+                   " drops\n",
+                   c.bytesIn, c.packetsIn, c.errorsIn, c.multicastIn, c.dropsIn);
+    printFormatted("\tout %" PRIu64 " bytes  %" PRIu64 " packets  %" PRIu64 " errors  %" PRIu64 " multicast  %" PRIu64
+                   " collisions\n",
+                   c.bytesOut, c.packetsOut, c.errorsOut, c.multicastOut, c.collisions);
 }
 
-void printTunnelOwners(std::FILE* out, const TunnelOwnerMap& owners) {
+void printTunnelOwners(const TunnelOwnerMap& owners) {
     if (owners.empty()) {
-        std::fprintf(out, "no tunnel owners found\n");
+        print("no tunnel owners found\n");
         return;
     }
     for (const auto& [interface, owner] : owners) {
-        std::fprintf(out, "%s: pid %d  %s  %s\n", interface.c_str(), owner.pid,
-                     owner.name.empty() ? "-" : owner.name.c_str(), owner.path.empty() ? "-" : owner.path.c_str());
+        printFormatted("%s: pid %d  %s  %s\n", terminalText(interface).c_str(), owner.pid,
+                       owner.name.empty() ? "-" : terminalText(owner.name).c_str(),
+                       owner.path.empty() ? "-" : terminalText(owner.path).c_str());
     }
 }
 
-bool parseJsonFlag(const std::vector<std::string_view>& args, bool& json, std::string& problem) {
-    for (std::string_view arg : args) {
-        if (arg == "--json") {
-            json = true;
-        } else {
-            problem = "unknown argument '" + std::string(arg) + "'";
-            return false;
-        }
-    }
-    return true;
+std::string tunnelVisibilityNote() {
+    return "as a user other than root the list is empty: only root can ask a tunnel which network namespace it "
+           "lives in; run as root, or ask the daemon with 'netvane admin app tunnels'";
 }
 
 }  // namespace netvane::cli

@@ -3,7 +3,6 @@
 // a value tree first it cost more than the reading itself).
 #pragma once
 
-#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,10 +21,11 @@ void writeSnapshot(JsonWriter& json, const InterfaceSnapshot& snapshot);
 void writeIfPresent(JsonWriter& json, const char* key, const std::optional<std::string>& value);
 plist::Value tunnelOwnersValue(const TunnelOwnerMap& owners);
 
-void printSnapshot(std::FILE* out, const InterfaceSnapshot& snapshot);
-void printTunnelOwners(std::FILE* out, const TunnelOwnerMap& owners);
-
-// Options that are only a flag: --json.
-bool parseJsonFlag(const std::vector<std::string_view>& args, bool& json, std::string& problem);
+// As text for people, on standard output; names and paths from outside
+// with their control characters escaped.
+void printSnapshot(const InterfaceSnapshot& snapshot);
+void printTunnelOwners(const TunnelOwnerMap& owners);
+// Why a user other than root sees no tunnel owners.
+std::string tunnelVisibilityNote();
 
 }  // namespace netvane::cli

@@ -5,68 +5,69 @@
 #include <string>
 
 #include "command.h"
+#include "io.h"
+#include "netcore/publicip/http_exchange.h"
 #include "netcore/publicip/public_ip.h"
 #include "support/json.h"
+#include "support/unicode.h"
 
 namespace netvane::cli {
 namespace {
 
-int run(const Args& args);
+int run(const Arguments& arguments);
 
 std::string providerLine(PublicIPProvider provider, std::string_view note) {
-    std::string line = "        " + std::string(PublicIPProviders::rawValue(provider));
-    line.resize(23, ' ');
+    std::string line = "  " + std::string(PublicIPProviders::rawValue(provider));
+    line.resize(17, ' ');
     return line + *PublicIPProviders::url(provider) + std::string(note) + "\n";
 }
 
-const std::string kSynopsis =
-    "  netvane public-ip [--provider echoPrimary|echoSecondary] [--json]\n"
-    "  netvane public-ip --url URL [--json-key-path PATH] [--json]\n"
-    "      Ask an echo service for the public addresses, over IPv4 and IPv6 at\n"
-    "      the same time:\n" +
-    providerLine(PublicIPProvider::echoPrimary, " (the default)") + providerLine(PublicIPProvider::echoSecondary, "") +
-    "        --url URL      any http or https service answering with the address\n"
-    "                       as plain text, or in a JSON object under PATH (dotted,\n"
-    "                       e.g. data.ip) or under one of the usual keys.\n"
-    "      Exit status 0 when at least one family answered. --json prints\n"
-    "      {\"ipv4\", \"ipv6\"} or {\"error\"}, leaving out what is absent.";
-
-const Command command{"public-ip", kSynopsis, "look up the public IPv4 and IPv6 addresses", run};
-
-struct Options {
-    std::optional<PublicIPProvider> provider;
-    std::optional<std::string> url;
-    std::optional<std::string> jsonKeyPath;
-    bool json = false;
+const Command command{
+    "public-ip",
+    "netvane public-ip [--provider echoPrimary|echoSecondary] [--json]\n"
+    "netvane public-ip --url URL [--json-key-path PATH] [--json]",
+    "look up the public IPv4 and IPv6 addresses",
+    {},
+    {Option::choice("--provider", "NAME", "a built-in echo service (default echoPrimary)", "echoPrimary|echoSecondary"),
+     Option::valued("--url", ValueKind::text, "URL",
+                    "any http or https service (port 1 to 65535) that answers with the address as plain text or "
+                    "in JSON"),
+     Option::valued("--json-key-path", ValueKind::text, "PATH",
+                    "where the address is in a JSON answer, dotted (data.ip); without it, one of the usual keys"),
+     Option::flag("--json", "{\"ipv4\", \"ipv6\"} or {\"error\"}, leaving out what is absent")},
+    "Asks an echo service for the public addresses, over IPv4 and IPv6 at the same time. The built-in "
+    "services:\n" +
+        providerLine(PublicIPProvider::echoPrimary, " (the default)") +
+        providerLine(PublicIPProvider::echoSecondary, "") +
+        "Exit status 0 when at least one family answered; 1 when neither did; 2 for a usage error, a URL that "
+        "cannot be asked among them.",
+    run,
 };
 
-// Fills options or returns the usage problem.
-std::optional<std::string> parse(const Args& args, Options& options) {
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string_view arg = args[i];
-        if (arg == "--json") {
-            options.json = true;
-            continue;
-        }
-        if (arg != "--provider" && arg != "--url" && arg != "--json-key-path") {
-            return "unknown argument '" + std::string(arg) + "'";
-        }
-        if (++i == args.size()) return std::string(arg) + " needs a value";
-        const std::string value(args[i]);
-        if (arg == "--provider") {
-            const auto provider = PublicIPProviders::fromRawValue(value);
-            if (!provider || !PublicIPProviders::url(*provider)) {
-                return "unknown provider '" + value + "' (echoPrimary or echoSecondary; --url for any other)";
-            }
-            options.provider = provider;
-        } else if (arg == "--url") {
-            options.url = value;
-        } else {
-            options.jsonKeyPath = value;
+// What is wrong with a URL the lookup could not use, for the usage message;
+// nothing when it is fine.
+std::optional<std::string> urlProblem(const std::string& url) {
+    const std::size_t scheme = url.find("://");
+    if (scheme == std::string::npos) return "needs http:// or https:// in front";
+    if (url.compare(0, scheme, "http") != 0 && url.compare(0, scheme, "https") != 0) {
+        return "can only be http or https, in lower case";
+    }
+    std::string_view authority = std::string_view(url).substr(scheme + 3);
+    authority = authority.substr(0, authority.find_first_of("/?#"));
+    if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
+    const std::size_t close = authority.starts_with('[') ? authority.find(']') : 0;
+    if (close == std::string_view::npos) return "has an IPv6 address without its closing ]";
+    const std::size_t colon = authority.find(':', close);
+    if (authority.substr(0, colon).empty() || authority.substr(0, colon) == "[]") return "has no host";
+    if (colon != std::string_view::npos) {
+        const std::string_view port = authority.substr(colon + 1);
+        const bool digits = !port.empty() && port.size() <= 5 &&
+                            port.find_first_not_of("0123456789") == std::string_view::npos;
+        if (!digits || std::stoul(std::string(port)) == 0 || std::stoul(std::string(port)) > 65535) {
+            return "needs a port from 1 to 65535 after the colon";
         }
     }
-    if (options.provider && options.url) return "--provider and --url exclude each other";
-    if (options.jsonKeyPath && !options.url) return "--json-key-path needs --url";
+    if (!PublicIPService::parseLookupURL(url)) return "holds a character that must be percent-encoded, or a malformed host";
     return std::nullopt;
 }
 
@@ -78,21 +79,28 @@ plist::Value jsonReport(const PublicIPResult& result) {
     return report;
 }
 
-int run(const Args& args) {
-    Options options;
-    if (auto problem = parse(args, options)) return usageError(command, *problem);
-    const std::string url =
-        options.url ? *options.url : *PublicIPProviders::url(options.provider.value_or(PublicIPProvider::echoPrimary));
+int run(const Arguments& arguments) {
+    const std::optional<std::string> provider = arguments.text("--provider");
+    const std::optional<std::string> url = arguments.text("--url");
+    const std::optional<std::string> keyPath = arguments.text("--json-key-path");
+    if (provider && url) return usageError(command, "--provider and --url exclude each other");
+    if (keyPath && !url) return usageError(command, "--json-key-path needs --url");
+    if (url) {
+        if (auto problem = urlProblem(*url)) return usageError(command, "the URL '" + *url + "' " + *problem);
+    }
+    const std::string lookup =
+        url ? *url
+            : *PublicIPProviders::url(PublicIPProviders::fromRawValue(provider.value_or("echoPrimary")).value());
 
-    const PublicIPResult result = PublicIPService::lookup(url, options.jsonKeyPath);
+    const PublicIPResult result = PublicIPService::lookup(lookup, keyPath);
     const bool answered = result.ipv4 || result.ipv6;
-    if (options.json) {
-        std::printf("%s\n", toJSON(jsonReport(result)).c_str());
+    if (arguments.flag("--json")) {
+        print(toJSON(jsonReport(result)));
         return answered ? kExitOK : kExitFailure;
     }
     if (!answered) return failure(result.error.value_or("no address"));
-    std::printf("IPv4: %s\nIPv6: %s\n", result.ipv4.value_or("unavailable").c_str(),
-                result.ipv6.value_or("unavailable").c_str());
+    print("IPv4: " + terminalText(result.ipv4.value_or("unavailable")) + "\nIPv6: " +
+          terminalText(result.ipv6.value_or("unavailable")) + "\n");
     return kExitOK;
 }
 

@@ -1,38 +1,44 @@
 // netvane services: the system's network configuration as the status display
 // labels interfaces with it: services in the user's order, configurable
 // interfaces, and the primary IPv4 and IPv6 interfaces.
-#include <cstdio>
 #include <string>
 
 #include "command.h"
 #include "configuration_report.h"
 #include "interface_report.h"
+#include "io.h"
 
 namespace netvane::cli {
 namespace {
 
-int run(const Args& args);
+int run(const Arguments& arguments);
 
-const Command command("services", "netvane services [--json]",
-                      "network services in order, configurable interfaces and the primary interfaces", run);
+const Command command{
+    "services",
+    "netvane services [--json]",
+    "network services, configurable interfaces and the primaries",
+    {},
+    {kJsonOption},
+    "The services in the user's order (id, name, enabled, interface, hidden), the configurable interfaces "
+    "(name, display name, type, hardware address), and the primary IPv4 and IPv6 interfaces, those the "
+    "kernel's route choice sends the world's traffic through. Without NetworkManager there are no services.\n"
+    "Exit status 0; 1 when the output fails.",
+    run,
+};
 
-int run(const Args& args) {
-    bool json = false;
-    std::string problem;
-    if (!parseJsonFlag(args, json, problem)) return usageError(command, problem);
+int run(const Arguments& arguments) {
     const NetworkMetadata metadata = SystemConfigurationReader::read();
-    if (json) {
+    if (arguments.flag("--json")) {
         JsonWriter out;
         writeMetadata(out, metadata);
-        const std::string text = out.take();
-        std::fwrite(text.data(), 1, text.size(), stdout);
+        print(out.take());
         return kExitOK;
     }
-    printServices(stdout, metadata);
-    std::printf("\n");
-    printInterfaces(stdout, metadata);
-    std::printf("\n");
-    printPrimaries(stdout, metadata);
+    printServices(metadata);
+    print("\n");
+    printInterfaces(metadata);
+    print("\n");
+    printPrimaries(metadata);
     return kExitOK;
 }
 

@@ -3,34 +3,39 @@
 // them, as the status display shows them.
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
 
 #include "command.h"
 #include "configuration_report.h"
 #include "interface_report.h"
+#include "io.h"
 #include "netcore/interfaces/interface_reader.h"
 #include "support/json.h"
 
 namespace netvane::cli {
 namespace {
 
-int run(const Args& args);
+int run(const Arguments& arguments);
 
-const Command command("status", "netvane status [--json]",
-                      "every interface with its addresses, media, flags and counters, the tunnel owners, the "
-                      "services and the primary interfaces",
-                      run);
+const Command command{
+    "status",
+    "netvane status [--json]",
+    "every interface, the tunnel owners, the services and primaries",
+    {},
+    {kJsonOption},
+    "Every interface with its flags, capabilities, media, addresses, IPv6 address flags, neighbour discovery "
+    "options and 64-bit counters; the processes that own tunnel interfaces (root only: see netvane tunnels); "
+    "the network services and the primary interfaces. Names from outside are shown with their control "
+    "characters escaped.\n"
+    "Exit status 0; 1 when the output fails.",
+    run,
+};
 
-int run(const Args& args) {
-    bool json = false;
-    std::string problem;
-    if (!parseJsonFlag(args, json, problem)) return usageError(command, problem);
-
+int run(const Arguments& arguments) {
     const std::vector<InterfaceSnapshot> snapshots = InterfaceReader().snapshot();
     const TunnelOwnerMap owners = TunnelOwners::scan();
     const NetworkMetadata configuration = SystemConfigurationReader::readServicesAndPrimaries();
-    if (json) {
+    if (arguments.flag("--json")) {
         // Written out piece by piece: a reading of many interfaces makes
         // megabytes of text.
         constexpr std::size_t kPiece = 64 * 1024;
@@ -40,24 +45,24 @@ int run(const Args& args) {
         out.beginArray();
         for (const InterfaceSnapshot& snapshot : snapshots) {
             writeSnapshot(out, snapshot);
-            if (out.pending() >= kPiece) out.flushTo(stdout);
+            if (out.pending() >= kPiece) print(out.takePiece());
         }
         out.endArray();
         out.key("tunnelOwners");
         out.value(tunnelOwnersValue(owners));
         writeServicesAndPrimaries(out, configuration);
         out.endObject();
-        const std::string rest = out.take();
-        std::fwrite(rest.data(), 1, rest.size(), stdout);
+        print(out.take());
         return kExitOK;
     }
-    if (snapshots.empty()) std::printf("no interfaces\n");
-    for (const InterfaceSnapshot& snapshot : snapshots) printSnapshot(stdout, snapshot);
-    std::printf("\ntunnel owners%s:\n", ::geteuid() == 0 ? "" : " (only your own processes; run as root for all)");
-    printTunnelOwners(stdout, owners);
-    std::printf("\n");
-    printServices(stdout, configuration);
-    printPrimaries(stdout, configuration);
+    if (snapshots.empty()) print("no interfaces\n");
+    for (const InterfaceSnapshot& snapshot : snapshots) printSnapshot(snapshot);
+    print("\ntunnel owners:\n");
+    if (::geteuid() != 0) print("  (" + tunnelVisibilityNote() + ")\n");
+    printTunnelOwners(owners);
+    print("\n");
+    printServices(configuration);
+    printPrimaries(configuration);
     return kExitOK;
 }
 

@@ -16,70 +16,55 @@
 #include "command.h"
 #include "configuration_report.h"
 #include "history_recording.h"
+#include "io.h"
 #include "netcore/history/history_store.h"
 #include "netcore/sysconfig/system_configuration_reader.h"
 #include "support/date.h"
 #include "support/json.h"
+#include "support/unicode.h"
 
 namespace netvane::cli {
 namespace {
 
-constexpr double kDefaultInterval = 1;
 // Below this, readings would mostly measure the reading itself.
 constexpr double kMinimumInterval = 0.05;
+constexpr double kMaximumCount = 1e9;
 
-struct WatchOptions {
-    double interval = kDefaultInterval;
-    std::optional<std::uint64_t> count;
-    std::string historyFile;
-    bool json = false;
+int run(const Arguments& arguments);
+
+const Command command{
+    "watch",
+    "netvane watch [--interval SECONDS] [--count N] [--history FILE] [--json]",
+    "live per-interface rates, recorded into the rate history",
+    {},
+    {intervalOption(kMinimumInterval, "the time between readings"),
+     Option::ranged("--count", ValueKind::count, "N", "stop after N readings; without it, watch runs until it is stopped",
+                    1, kMaximumCount),
+     kHistoryOption, Option::flag("--json", "each reading as one line of JSON")},
+    "A reading every interval: the rates of each interface since the previous reading, with the service it "
+    "runs, and the network configuration whenever it changed. Each rate also goes into that interface's "
+    "history in FILE, saved when watch starts, every 60 seconds and whenever it ends: after N readings, on "
+    "Ctrl-C, SIGTERM, SIGHUP (a closed terminal), SIGQUIT, SIGALRM or SIGUSR1/2, or when the reader of its "
+    "output goes away (then quietly).\n"
+    "A FILE that exists must be a readable history, which watch continues; anything else there is refused and "
+    "left as it is. A missing FILE starts a new history. One program records a history file at a time: while "
+    "one holds FILE.lock, another is refused. A link is followed, and the file it names keeps its mode and "
+    "owner.\n"
+    "Exit status 0; 1 when FILE is refused, the history cannot be saved or the output fails; 2 for a usage "
+    "error.",
+    run,
 };
-
-int run(const Args& args);
-
-const Command command("watch", "netvane watch [--interval SECONDS] [--count N] [--history FILE] [--json]",
-                      "live per-interface rates, recorded into the rate history (Ctrl-C stops)", run);
-
-std::optional<std::string> parse(const Args& args, WatchOptions& options) {
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        std::string_view arg = args[i];
-        auto next = [&]() -> std::optional<std::string_view> {
-            if (i + 1 == args.size()) return std::nullopt;
-            return args[++i];
-        };
-        if (arg == "--json") {
-            options.json = true;
-        } else if (arg == "--interval") {
-            auto text = next();
-            auto value = text ? parsePositiveSeconds(*text) : std::nullopt;
-            if (!value || *value < kMinimumInterval) return "--interval needs a number of seconds of at least 0.05";
-            options.interval = *value;
-        } else if (arg == "--count") {
-            auto text = next();
-            auto value = text ? parsePositiveCount(*text) : std::nullopt;
-            if (!value) return "--count needs a positive whole number of readings";
-            options.count = *value;
-        } else if (arg == "--history") {
-            auto text = next();
-            if (!text || text->empty()) return "--history needs a file";
-            options.historyFile = std::string(*text);
-        } else {
-            return "unknown argument '" + std::string(arg) + "'";
-        }
-    }
-    return chooseHistoryFile(options.historyFile);
-}
 
 // The service an interface runs, for people: " (Office)", or nothing.
 std::string serviceSuffix(const NetworkMetadata& configuration, const std::string& name) {
     const auto service = configuration.service(name);
-    return service ? " (" + service->name + ")" : "";
+    return service ? " (" + terminalText(service->name) + ")" : "";
 }
 
 // `configuration` is shown in full only when it was just read again.
-void printReading(const WatchOptions& options, Date now, const std::vector<std::pair<std::string, RateSample>>& rates,
+void printReading(bool json, Date now, const std::vector<std::pair<std::string, RateSample>>& rates,
                   std::size_t interfaces, const NetworkMetadata& configuration, bool configurationRead) {
-    if (options.json) {
+    if (json) {
         JsonWriter out(false);
         out.beginObject();
         out.key("time");
@@ -114,26 +99,20 @@ void printReading(const WatchOptions& options, Date now, const std::vector<std::
             out.endObject();
         }
         out.endObject();
-        std::printf("%s\n", out.take().c_str());
+        print(out.take() + "\n");
     } else {
-        std::printf("%s  %zu interfaces\n", formatISO8601(now).c_str(), interfaces);
+        printFormatted("%s  %zu interfaces\n", formatISO8601(now).c_str(), interfaces);
         if (configurationRead) {
-            std::printf("  configuration: %zu services; ", configuration.services.size());
-            printPrimaries(stdout, configuration);
+            printFormatted("  configuration: %zu services; ", configuration.services.size());
+            printPrimaries(configuration);
         }
-        if (rates.empty()) std::printf("  (first reading; rates follow)\n");
+        if (rates.empty()) print("  (first reading; rates follow)\n");
         for (const auto& [name, s] : rates) {
-            const std::string label = name + serviceSuffix(configuration, name);
-            std::printf("  %-28s in %12.1f B/s  out %12.1f B/s\n", label.c_str(), s.rateIn(), s.rateOut());
+            const std::string label = terminalText(name) + serviceSuffix(configuration, name);
+            printFormatted("  %-28s in %12.1f B/s  out %12.1f B/s\n", label.c_str(), s.rateIn(), s.rateOut());
         }
     }
-    std::fflush(stdout);
-}
-
-bool save(const HistoryStore& store, const HistorySet& histories) {
-    Status saved = store.save(histories);
-    if (!saved) std::fprintf(stderr, "netvane: cannot save the history to %s: %s\n", store.url.c_str(), saved.error().message.c_str());
-    return saved.ok();
+    flushOutput();
 }
 
 // Relative sleeps towards an absolute point, so that drift does not add up
@@ -149,34 +128,34 @@ void sleepUntil(double deadline) {
     }
 }
 
-int run(const Args& args) {
-    WatchOptions options;
-    if (auto problem = parse(args, options)) return usageError(command, *problem);
+int run(const Arguments& arguments) {
+    const double interval = *arguments.seconds("--interval");
+    const std::optional<std::uint64_t> count = arguments.count("--count");
+    const bool json = arguments.flag("--json");
+    auto recording = Recording::open(arguments.text("--history").value_or(""));
+    if (!recording) return failure(recording.error().message);
+    stopOnEndingSignals();
 
-    const HistoryStore store(options.historyFile);
-    stopOnInterrupt();
-
-    RateRecorder recorder(loadRecording(store), options.interval);
+    RateRecorder recorder(recording->takeHistories(), interval);
     ConfigurationChanges configurationChanges("watch");
     NetworkMetadata configuration;
     const double start = monotonicSeconds();
-    double lastSave = Date::now().secondsSinceReference;
-    bool saved = true;
-    for (std::uint64_t reading = 0; !interrupted() && (!options.count || reading < *options.count); ++reading) {
-        if (reading > 0) sleepUntil(start + options.interval * static_cast<double>(reading));
+    for (std::uint64_t reading = 0; !interrupted() && outputOpen() && (!count || reading < *count); ++reading) {
+        if (reading > 0) sleepUntil(start + interval * static_cast<double>(reading));
         if (interrupted()) break;
         const Date now = Date::now();
         const RateRecorder::Reading taken = recorder.record(now);
         const bool configurationRead = configurationChanges.take();
         if (configurationRead) configuration = SystemConfigurationReader::readServicesAndPrimaries();
-        printReading(options, now, taken.rates, taken.snapshots.size(), configuration, configurationRead);
-        if (now.secondsSinceReference - lastSave >= kRecordingSaveEvery) {
-            saved = save(store, recorder.histories());
-            lastSave = now.secondsSinceReference;
+        printReading(json, now, taken.rates, taken.snapshots.size(), configuration, configurationRead);
+        if (Status saved = recording->saveIfDue(now, recorder.histories()); !saved) {
+            note("cannot save the history to " + recording->file() + " (watch tries again): " + saved.error().message);
         }
     }
-    saved = save(store, recorder.histories());
-    return saved ? kExitOK : kExitFailure;
+    if (Status saved = recording->save(recorder.histories()); !saved) {
+        return failure("cannot save the history to " + recording->file() + ": " + saved.error().message);
+    }
+    return kExitOK;
 }
 
 }  // namespace

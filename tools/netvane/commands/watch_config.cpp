@@ -1,26 +1,37 @@
 // netvane watch-config: every batch of changed configuration keys as the
 // change watcher delivers it, one line each, until N batches or Ctrl-C.
-#include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "command.h"
+#include "io.h"
 #include "netcore/sysconfig/network_change_watcher.h"
 #include "support/json.h"
+#include "support/unicode.h"
 
 namespace netvane::cli {
 namespace {
 
-int run(const Args& args);
+int run(const Arguments& arguments);
 
-const Command command("watch-config", "netvane watch-config [--count N] [--json]",
-                      "each batch of changed network configuration keys, as it happens (Ctrl-C stops)", run);
+const Command command{
+    "watch-config",
+    "netvane watch-config [--count N] [--json]",
+    "each batch of changed network configuration keys, as it happens",
+    {},
+    {Option::ranged("--count", ValueKind::count, "N", "stop after N batches; without it, until stopped", 1, 1e9),
+     Option::flag("--json", "each batch as a JSON array of strings on a line")},
+    "Keys name what changed: State:/Network/Interface (the interface list), "
+    "State:/Network/Interface/NAME/Link|IPv4|IPv6, State:/Network/Global/IPv4|IPv6 (a primary moved), "
+    "State:/Network/Service/UUID/IPv4|IPv6 (a connection came or went) and Setup:/Network/Service/UUID "
+    "(a profile changed). It ends after N batches, on Ctrl-C, SIGTERM, SIGHUP and the other ending signals, "
+    "or quietly when the reader of its output goes away.\n"
+    "Exit status 0; 1 when the configuration cannot be watched or the output fails.",
+    run,
+};
 
 std::string line(const std::vector<std::string>& keys, bool json) {
     if (json) {
@@ -28,43 +39,37 @@ std::string line(const std::vector<std::string>& keys, bool json) {
         return toJSON(plist::Value(std::move(list)), false);
     }
     std::string text;
-    for (const std::string& key : keys) text += (text.empty() ? "" : " ") + key;
+    for (const std::string& key : keys) {
+        if (!text.empty()) text += ' ';
+        text += terminalText(key);
+    }
     return text;
 }
 
-int run(const Args& args) {
-    bool json = false;
-    std::optional<std::uint64_t> count;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--json") {
-            json = true;
-        } else if (args[i] == "--count") {
-            count = i + 1 < args.size() ? parsePositiveCount(args[++i]) : std::nullopt;
-            if (!count) return usageError(command, "--count needs a positive whole number of batches");
-        } else {
-            return usageError(command, "unknown argument '" + std::string(args[i]) + "'");
-        }
-    }
+int run(const Arguments& arguments) {
+    const bool json = arguments.flag("--json");
+    const std::optional<std::uint64_t> count = arguments.count("--count");
+    stopOnEndingSignals();
 
-    stopOnInterrupt();
-
+    // The watcher's queue prints; the main thread only waits. Output is
+    // touched under the lock alone.
     std::mutex mutex;
     std::condition_variable printed;
     std::uint64_t batches = 0;
+    bool outputEnded = false;
     auto queue = std::make_shared<SerialQueue>("watch-config");
     NetworkChangeWatcher watcher(queue, [&](const std::vector<std::string>& keys) {
         const std::lock_guard guard(mutex);
-        if (count && batches >= *count) return;
-        const std::string text = line(keys, json);
-        std::fprintf(stdout, "%s\n", text.c_str());
-        std::fflush(stdout);
+        if (outputEnded || (count && batches >= *count)) return;
+        print(line(keys, json) + "\n");
+        outputEnded = !flushOutput();
         ++batches;
         printed.notify_all();
     });
     if (!watcher.watching()) return failure("cannot watch the network configuration");
     std::unique_lock guard(mutex);
     // Woken by each batch; the signal flag is looked at a few times a second.
-    while (!interrupted() && !(count && batches >= *count)) {
+    while (!interrupted() && !outputEnded && !(count && batches >= *count)) {
         printed.wait_for(guard, std::chrono::milliseconds(200));
     }
     return kExitOK;

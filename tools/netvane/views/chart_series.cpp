@@ -34,6 +34,14 @@ bool inPeriod(const Tier& tier, const Bucket& bucket, double cutoff) {
 
 }  // namespace
 
+void keepBefore(RateHistory& history, Date now) {
+    for (Tier& tier : history.tiers) {
+        std::erase_if(tier.buckets, [&](const Bucket& bucket) {
+            return !(stepOf(tier, bucket).from < now.secondsSinceReference);
+        });
+    }
+}
+
 std::vector<ChartStep> stitchedSteps(const RateHistory& history, double period, Date now) {
     const double cutoff = now.secondsSinceReference - period;
     std::vector<const Tier*> tiers;

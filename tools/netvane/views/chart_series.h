@@ -47,6 +47,13 @@ struct ChartStep {
 // ended after the slot did): the two overlap by less than one sample.
 std::vector<ChartStep> stitchedSteps(const RateHistory& history, double period, Date now);
 
+// Forgets every bucket whose stretch begins at or after `now` (a clock that
+// ran ahead, an earlier `now` asked for), so that what is counted or drawn
+// for a period ending at `now` was measured before it. A raw sample that
+// spans `now` stays, as a coarser slot that does: its share after `now`
+// cannot be told apart.
+void keepBefore(RateHistory& history, Date now);
+
 // Neighbouring steps of one tier joined until each spans at least
 // `minWidth` seconds, so a long period draws a few hundred steps rather than
 // one per sample. A pause in the readings or a hand-over between tiers is

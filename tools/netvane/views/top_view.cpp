@@ -74,8 +74,12 @@ std::vector<std::string> topLines(const std::vector<TopRow>& rows, const TopScre
     if (screen.width <= 0 || screen.height <= 0) return lines;
     const auto width = static_cast<std::size_t>(screen.width);
 
+    // Names come from the kernel, where any user who may add an interface
+    // chose them: shown with their control characters escaped.
+    std::vector<std::string> names;
+    for (const TopRow& row : rows) names.push_back(terminalText(row.name));
     int nameWidth = kMinNameWidth;
-    for (const TopRow& row : rows) nameWidth = std::max(nameWidth, static_cast<int>(row.name.size()));
+    for (const std::string& name : names) nameWidth = std::max(nameWidth, static_cast<int>(name.size()));
     nameWidth = std::min(nameWidth, kMaxNameWidth);
     // The marker, the name, four values each after two spaces, and two
     // spaces before the sparkline.
@@ -100,7 +104,7 @@ std::vector<std::string> topLines(const std::vector<TopRow>& rows, const TopScre
     for (std::size_t i = 0; i < shown; ++i) {
         const TopRow& row = rows[i];
         std::string line = std::string(row.primary ? "* " : "  ") +
-                           padded(fit(row.name, static_cast<std::size_t>(nameWidth)), nameWidth, false) + "  " +
+                           padded(fit(names[i], static_cast<std::size_t>(nameWidth)), nameWidth, false) + "  " +
                            padded(formatRate(row.rateIn), kValueWidth, true) + "  " +
                            padded(formatRate(row.rateOut), kValueWidth, true) + "  " +
                            padded(formatBytes(row.totalIn), kValueWidth, true) + "  " +

@@ -3,13 +3,19 @@
 namespace (made with unshare, torn down when the test ends) where loopback
 carries paced UDP traffic of a known rate. The captured pane must show the
 interface, its rate within 20 %, a sparkline and the primary interface mark;
-q must end it with exit status 0. Without a terminal it must refuse.
+q must end it with exit status 0. Without a terminal it must refuse. Real
+signals end it too: each saves what it read, and where the terminal
+outlives it (SIGTERM, SIGQUIT, SIGUSR1), gives the screen back; closing the
+terminal (SIGHUP) still saves.
 
 usage: top_terminal_test.py NETVANE      (exits 77 when it cannot run here)"""
 import os
+import plistlib
 import re
 import shutil
+import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -53,9 +59,9 @@ class Sender(threading.Thread):
         target = self.receiver.getsockname()
         payload = b"x" * PAYLOAD
         while not self.stop.is_set():
-            due = self.started + self.sent / PACKETS_PER_SECOND
-            if time.monotonic() < due:
-                time.sleep(min(0.002, due - time.monotonic()))
+            left = self.started + self.sent / PACKETS_PER_SECOND - time.monotonic()
+            if left > 0:
+                time.sleep(min(0.002, left))
                 continue
             out.sendto(payload, target)
             self.sent += 1
@@ -67,6 +73,62 @@ class Sender(threading.Thread):
 
     def achieved(self):
         return self.sent / (time.monotonic() - self.started) * (PAYLOAD + OVERHEAD)
+
+
+def covered(history, name):
+    """The seconds the raw tier of `name` covers in a history file."""
+    with open(history, "rb") as f:
+        tiers = plistlib.load(f).get(name, {}).get("tiers", [])
+    data = tiers[0]["buckets"] if tiers else b""
+    return sum(struct.unpack_from("<8d", data, i)[1] for i in range(0, len(data), 64))
+
+
+def ended_by_signal(netvane, tmux, workdir, number):
+    """top runs for a while, then gets `number` from outside; the pane's shell
+    outlives it and reports its status. The screen must be given back and
+    the readings saved."""
+    history, status = os.path.join(workdir, f"signal-{number}.plist"), os.path.join(workdir, f"status-{number}")
+    session = f"signal{number}"
+    command = f"{netvane} top --interval 0.2 --history {history}; echo $? > {status}; sleep 60"
+    subprocess.run(tmux + ["new-session", "-d", "-s", session, "-x", "120", "-y", "20", command], check=True)
+    time.sleep(2.5)
+    shell = subprocess.run(tmux + ["display", "-p", "-t", session, "#{pane_pid}"], capture_output=True,
+                           text=True).stdout.strip()
+    top = subprocess.run(["pgrep", "-P", shell], capture_output=True, text=True).stdout.split()
+    if len(top) != 1:
+        fail(f"cannot find top under the pane's shell {shell}: {top}")
+    os.kill(int(top[0]), number)
+    deadline = time.monotonic() + 10
+    while not os.path.exists(status) and time.monotonic() < deadline:
+        time.sleep(0.1)
+    name = signal.Signals(number).name
+    if not os.path.exists(status):
+        fail(f"{name} did not end top")
+    with open(status) as f:
+        code = f.read().strip()
+    if code != "0":
+        fail(f"top ended by {name} with status {code}")
+    screen = subprocess.run(tmux + ["display", "-p", "-t", session, "#{alternate_on} #{cursor_flag}"],
+                            capture_output=True, text=True).stdout.split()
+    if screen != ["0", "1"]:
+        fail(f"after {name} the terminal still shows top's screen or hides its cursor: {screen}")
+    if covered(history, "lo") < 1.0:
+        fail(f"after {name} the history holds {covered(history, 'lo'):.2f} s of lo, not the 2 s read")
+
+
+def closed_terminal(netvane, tmux, workdir):
+    """Closing the terminal sends SIGHUP: top has no screen to give back, but
+    saves what it read."""
+    history = os.path.join(workdir, "hangup.plist")
+    subprocess.run(tmux + ["new-session", "-d", "-s", "hangup", "-x", "120", "-y", "20",
+                           f"{netvane} top --interval 0.2 --history {history}"], check=True)
+    time.sleep(2.5)
+    subprocess.run(tmux + ["kill-session", "-t", "hangup"], check=True)
+    deadline = time.monotonic() + 10
+    while time.monotonic() < deadline and (not os.path.exists(history) or covered(history, "lo") < 1.0):
+        time.sleep(0.1)
+    if not os.path.exists(history) or covered(history, "lo") < 1.0:
+        fail("closing the terminal lost what top read")
 
 
 def inside(netvane):
@@ -130,11 +192,15 @@ def inside(netvane):
             fail("top ended with status " + code)
         if not os.path.exists(os.path.join(workdir, "history.plist")):
             fail("top recorded no history")
+        for number in (signal.SIGTERM, signal.SIGQUIT, signal.SIGUSR1):
+            ended_by_signal(netvane, tmux, workdir, number)
+        closed_terminal(netvane, tmux, workdir)
     finally:
         sender.stop.set()
         subprocess.run(tmux + ["kill-server"], capture_output=True)
         shutil.rmtree(workdir, ignore_errors=True)
-    print("ok: top showed lo at the traffic's rate with a sparkline, marked the primary, redrew on resize, q exited 0")
+    print("ok: top showed lo at the traffic's rate with a sparkline, marked the primary, redrew on resize, q exited 0;"
+          " SIGTERM, SIGQUIT and SIGUSR1 gave the screen back and saved, a closed terminal saved")
 
 
 def main():

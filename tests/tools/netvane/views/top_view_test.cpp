@@ -94,5 +94,20 @@ TEST(TopView, LinesFitTheScreenAndSayWhatDoesNot) {
     EXPECT_TRUE(topLines(rows, screen, Date{kNow}, SparkGlyphs::blocks()).empty());
 }
 
+// An interface's name is whatever its maker chose: its escape sequences are
+// shown, never sent to the terminal, and the primary mark still finds it.
+TEST(TopView, NamesAreShownWithTheirControlsEscaped) {
+    TopInterface hostile;
+    hostile.name = "e\x1b[2J\rv\xff";
+    hostile.current = RateSample{Date{kNow}, 1, 100, 0};
+    const auto rows = topRows({hostile}, {hostile.name}, Date{kNow});
+    const auto lines = topLines(rows, TopScreen{"14:03:22", 1, false, 120, 10}, Date{kNow}, SparkGlyphs::ascii());
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[3].rfind("* e\\x1b[2J\\rv\xEF\xBF\xBD ", 0), 0u) << lines[3];
+    for (const auto& line : lines) {
+        for (unsigned char c : line) EXPECT_TRUE(c >= 0x20 && c != 0x7f) << line;
+    }
+}
+
 }  // namespace
 }  // namespace netvane::views

@@ -29,44 +29,29 @@
 namespace netvane::cli {
 namespace {
 
-constexpr double kDefaultInterval = 1;
 // Faster than this the screen flickers and the readings mostly measure
 // themselves.
 constexpr double kMinimumInterval = 0.1;
 
-struct TopOptions {
-    double interval = kDefaultInterval;
-    std::string historyFile;
+int run(const Arguments& arguments);
+
+const Command command{
+    "top",
+    "netvane top [--interval SECONDS] [--history FILE]",
+    "full-screen live view of each interface's traffic",
+    {},
+    {intervalOption(kMinimumInterval, "the time between readings and redraws"), kHistoryOption},
+    "One row per interface with its current rates, its totals since top started and a sparkline of the last "
+    "minute, busiest first, the primary interface marked *. q quits; a resized terminal is drawn again. top "
+    "needs a terminal on its input and output and refuses to run without one.\n"
+    "It records as watch does, into the same history file, with the same rules: an existing FILE must be a "
+    "readable history (anything else is refused and left as it is), and one program records a file at a time. "
+    "The history is saved when top starts, every 60 seconds and whenever it ends: on q, Ctrl-C, SIGTERM, SIGHUP "
+    "(a closed terminal), SIGQUIT, SIGALRM or SIGUSR1/2; each way gives the terminal back as it was.\n"
+    "Exit status 0; 1 without a terminal, when FILE is refused or the history cannot be saved; 2 for a usage "
+    "error.",
+    run,
 };
-
-int run(const Args& args);
-
-const Command command("top", "netvane top [--interval SECONDS] [--history FILE]",
-                      "full-screen live view of each interface's traffic, recorded into the rate history (q quits)",
-                      run);
-
-std::optional<std::string> parse(const Args& args, TopOptions& options) {
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        std::string_view arg = args[i];
-        auto next = [&]() -> std::optional<std::string_view> {
-            if (i + 1 == args.size()) return std::nullopt;
-            return args[++i];
-        };
-        if (arg == "--interval") {
-            auto text = next();
-            auto value = text ? parsePositiveSeconds(*text) : std::nullopt;
-            if (!value || *value < kMinimumInterval) return "--interval needs a number of seconds of at least 0.1";
-            options.interval = *value;
-        } else if (arg == "--history") {
-            auto text = next();
-            if (!text || text->empty()) return "--history needs a file";
-            options.historyFile = std::string(*text);
-        } else {
-            return "unknown argument '" + std::string(arg) + "'";
-        }
-    }
-    return chooseHistoryFile(options.historyFile);
-}
 
 // The curses screen, given back to the terminal on every way out.
 class Terminal {
@@ -131,23 +116,23 @@ Wait waitUntil(double deadline, const std::function<void()>& redraw) {
     }
 }
 
-int run(const Args& args) {
-    TopOptions options;
-    if (auto problem = parse(args, options)) return usageError(command, *problem);
+int run(const Arguments& arguments) {
+    const double interval = *arguments.seconds("--interval");
     if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) {
         return failure("top draws on a terminal, and its input or output is not one; "
                        "'netvane watch' prints the same rates as lines");
     }
-
-    const HistoryStore store(options.historyFile);
-    RateRecorder recorder(loadRecording(store), options.interval);
+    auto recording = Recording::open(arguments.text("--history").value_or(""));
+    if (!recording) return failure(recording.error().message);
+    RateRecorder recorder(recording->takeHistories(), interval);
 
     std::setlocale(LC_ALL, "");
     const views::SparkGlyphs glyphs = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0
                                           ? views::SparkGlyphs::blocks()
                                           : views::SparkGlyphs::ascii();
-    stopOnInterrupt();
-    std::optional<std::string> saveError;
+    // Before the terminal is opened: curses takes over the signals it finds
+    // at their default, and would end the program without a save.
+    stopOnEndingSignals();
     {
         auto terminal = Terminal::open();
         if (!terminal) {
@@ -155,13 +140,12 @@ int run(const Args& args) {
             return failure(std::string("cannot draw on this terminal (TERM=") + (term ? term : "unset") + ")");
         }
         // Samples enough to cover the window, with room for jitter.
-        const auto recentCount = static_cast<std::int64_t>(std::ceil(views::kTopWindow / options.interval)) + 2;
+        const auto recentCount = static_cast<std::int64_t>(std::ceil(views::kTopWindow / interval)) + 2;
         std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> totals;
         ConfigurationChanges configurationChanges("top");
         std::set<std::string> primaries;
         const double start = monotonicSeconds();
-        double lastSave = Date::now().secondsSinceReference;
-        for (std::uint64_t reading = 0;; ++reading) {
+        for (std::uint64_t reading = 0; !interrupted(); ++reading) {
             const Date now = Date::now();
             const RateRecorder::Reading taken = recorder.record(now);
             const HistorySet& histories = recorder.histories();
@@ -193,25 +177,18 @@ int run(const Args& args) {
             const std::vector<views::TopRow> rows = views::topRows(interfaces, primaries, now);
             views::TopScreen screen;
             screen.clock = localClock(now);
-            screen.interval = options.interval;
+            screen.interval = interval;
             screen.firstReading = taken.rates.empty();
             auto redraw = [&] { draw(rows, screen, now, glyphs); };
             redraw();
-            if (now.secondsSinceReference - lastSave >= kRecordingSaveEvery) {
-                if (Status saved = store.save(histories); !saved) saveError = saved.error().message;
-                lastSave = now.secondsSinceReference;
-            }
-            if (waitUntil(start + options.interval * static_cast<double>(reading + 1), redraw) == Wait::quit) break;
+            // A failed save is tried again at the next; only the last one counts.
+            (void)recording->saveIfDue(now, histories);
+            if (waitUntil(start + interval * static_cast<double>(reading + 1), redraw) == Wait::quit) break;
         }
     }
-    // The last save holds everything: an earlier failure that this one
-    // overcame lost nothing.
-    if (Status saved = store.save(recorder.histories()); !saved) {
-        saveError = saved.error().message;
-    } else {
-        saveError.reset();
+    if (Status saved = recording->save(recorder.histories()); !saved) {
+        return failure("cannot save the history to " + recording->file() + ": " + saved.error().message);
     }
-    if (saveError) return failure("cannot save the history to " + store.url + ": " + *saveError);
     return kExitOK;
 }
 
