@@ -1,4 +1,4 @@
-#include "daemon/linux/polkit_authorizer.h"
+#include "daemon/linux/authorizer.h"
 
 #include <systemd/sd-bus.h>
 

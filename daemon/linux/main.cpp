@@ -15,7 +15,7 @@
 #include "admin_protocol/linux/socket_channel.h"
 #include "daemon/admin_daemon.h"
 #include "daemon/linux/listener.h"
-#include "daemon/linux/polkit_authorizer.h"
+#include "daemon/linux/authorizer.h"
 #include "daemon/netcore_tunnel_owners.h"
 #include "netcore/sysconfig/network_preferences.h"
 #include "support/bundle_info.h"

@@ -12,7 +12,7 @@
 #include <deque>
 #include <mutex>
 
-#include "netcore/sysconfig/linux/linux_dynamic_store.h"
+#include "netcore/sysconfig/linux/dynamic_store.h"
 #include "netcore/sysconfig/network_change_watcher.h"
 #include "netcore/sysconfig/system_configuration_reader.h"
 #include "network_namespace.h"

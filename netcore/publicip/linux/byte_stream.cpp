@@ -1,4 +1,4 @@
-#include "netcore/publicip/linux/socket_stream.h"
+#include "netcore/publicip/linux/byte_stream.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>

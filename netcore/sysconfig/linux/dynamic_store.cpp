@@ -1,4 +1,4 @@
-#include "netcore/sysconfig/linux/linux_dynamic_store.h"
+#include "netcore/sysconfig/linux/dynamic_store.h"
 
 #include <mutex>
 
