@@ -24,27 +24,21 @@ constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
 constexpr const char* kOwnerMatch =
     "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',member='NameOwnerChanged',"
     "arg0='org.freedesktop.NetworkManager'";
-// Room for the largest batch of events the kernel hands over in one read.
-constexpr std::size_t kEventBufferSize = 64 * 1024;
-constexpr unsigned kIPv6RuleGroup = 19;  // RTNLGRP_IPV6_RULE
+constexpr unsigned kGroups[] = {RTNLGRP_LINK,       RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
+                                 RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE,   RTNLGRP_IPV6_RULE};
 
-Result<UniqueFd> subscribe(int receiveBuffer) {
-    UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
-    if (!fd) return posixError(errno, "open a routing netlink socket");
+Result<NetlinkSocket> subscribe(int receiveBuffer) {
+    NetlinkSocket events(nv_nl_open(NETLINK_ROUTE));
+    if (!events) return posixError(errno, "open a routing netlink socket");
+    const int fd = nv_nl_fd(events.get());
     // Root may raise the buffer past the system's default limit; others get what the limit allows.
-    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0) {
-        (void)::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0) {
+        (void)::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     }
-    sockaddr_nl address{};
-    address.nl_family = AF_NETLINK;
-    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE |
-                        RTMGRP_IPV6_ROUTE | RTMGRP_IPV4_RULE;
-    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        return posixError(errno, "subscribe to routing events");
+    for (unsigned group : kGroups) {
+        if (!nv_nl_join(events.get(), group)) return posixError(errno, "subscribe to routing events");
     }
-    const unsigned group = kIPv6RuleGroup;
-    (void)::setsockopt(fd.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group);
-    return fd;
+    return events;
 }
 
 const char* orEmpty(const char* text) { return text ? text : ""; }
@@ -84,8 +78,8 @@ std::optional<std::string> activeUUID(sd_bus* bus, const char* path) {
 struct ChangeMonitor::State {
     Report report;
     UniqueFd stop;
-    UniqueFd events;
-    UniqueFd requests;
+    NetlinkSocket events;
+    NetlinkSocket requests;
     bus::Bus bus;  // null: the kernel alone
     bus::Slot signals, owner;
     KernelChangeTracker kernel;
@@ -104,8 +98,9 @@ struct ChangeMonitor::State {
         requests = kernel::openRoutingSocket();
         if (!requests) return posixError(errno, "open a routing netlink socket");
         // Subscribed first, baseline second: a change in between is reported, not lost.
-        kernel.reset(kernel::dumpLinks(requests.get()).value_or(std::vector<kernel::Link>{}),
-                     kernel::primaryRoute(requests.get(), AF_INET), kernel::primaryRoute(requests.get(), AF_INET6));
+        auto links = kernel::dumpLinks(requests.get());
+        kernel.reset(links ? *links : std::vector<kernel::Link>{}, kernel::primaryRoute(requests.get(), AF_INET),
+                     kernel::primaryRoute(requests.get(), AF_INET6));
         openBus();
         return {};
     }
@@ -209,42 +204,40 @@ struct ChangeMonitor::State {
         }
     }
 
+    void event(const nlmsghdr* m, bool& routing) {
+        switch (m->nlmsg_type) {
+            case RTM_NEWLINK: case RTM_DELLINK:
+                if (auto link = kernel::parseLink(m)) kernel.linkChanged(*link, m->nlmsg_type == RTM_DELLINK, pending);
+                routing = true;
+                break;
+            case RTM_NEWADDR: case RTM_DELADDR:
+                if (auto address = kernel::parseAddress(m)) kernel.addressChanged(*address, pending);
+                routing = true;
+                break;
+            case RTM_NEWROUTE: case RTM_DELROUTE: case RTM_NEWRULE: case RTM_DELRULE:
+                routing = true;
+                break;
+            default: break;
+        }
+    }
+
     // Reads every event the kernel has queued; false when it dropped some.
     bool drainKernel(bool& routing) {
-        alignas(nlmsghdr) static thread_local unsigned char buffer[kEventBufferSize];
-        bool complete = true;
-        for (;;) {
-            const ssize_t n = ::recv(events.get(), buffer, sizeof buffer, MSG_DONTWAIT);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0 && errno == ENOBUFS) {
-                complete = false;
-                continue;
-            }
-            if (n <= 0) break;
-            std::size_t remaining = static_cast<std::size_t>(n);
-            for (auto* m = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(m, remaining);
-                 m = NLMSG_NEXT(m, remaining)) {
-                switch (m->nlmsg_type) {
-                    case RTM_NEWLINK: case RTM_DELLINK:
-                        if (auto link = kernel::parseLink(m)) kernel.linkChanged(*link, m->nlmsg_type == RTM_DELLINK, pending);
-                        routing = true;
-                        break;
-                    case RTM_NEWADDR: case RTM_DELADDR:
-                        if (auto address = kernel::parseAddress(m)) kernel.addressChanged(*address, pending);
-                        routing = true;
-                        break;
-                    case RTM_NEWROUTE: case RTM_DELROUTE: case RTM_NEWRULE: case RTM_DELRULE:
-                        routing = true;
-                        break;
-                    default: break;
-                }
-            }
-        }
-        return complete;
+        struct Visit {
+            State* state;
+            bool* routing;
+        } visit{this, &routing};
+        return nv_nl_drain(
+                   events.get(),
+                   [](const nlmsghdr* m, void* raw) {
+                       auto* v = static_cast<Visit*>(raw);
+                       v->state->event(m, *v->routing);
+                   },
+                   &visit) != 0;
     }
 
     void run() {
-        pollfd fds[3] = {{stop.get(), POLLIN, 0}, {events.get(), POLLIN, 0}, {-1, 0, 0}};
+        pollfd fds[3] = {{stop.get(), POLLIN, 0}, {nv_nl_fd(events.get()), POLLIN, 0}, {-1, 0, 0}};
         for (;;) {
             std::optional<Clock::time_point> deadline;
             if (!pending.empty()) deadline = std::min(last + kQuiet, first + kMaxHold);
@@ -268,7 +261,8 @@ struct ChangeMonitor::State {
             if (fds[1].revents && !drainKernel(routing)) {
                 if (overruns) ++*overruns;
                 routing = true;
-                kernel.resync(kernel::dumpLinks(requests.get()).value_or(std::vector<kernel::Link>{}), pending);
+                auto links = kernel::dumpLinks(requests.get());
+                kernel.resync(links ? *links : std::vector<kernel::Link>{}, pending);
             }
             if (routing) {
                 kernel.primariesAre(kernel::primaryRoute(requests.get(), AF_INET),

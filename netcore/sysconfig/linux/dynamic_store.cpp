@@ -4,7 +4,6 @@
 
 #include "netcore/sysconfig/linux/bus.h"
 #include "netcore/sysconfig/linux/store_view.h"
-#include "support/unique_fd.h"
 
 namespace netvane {
 namespace {
@@ -165,7 +164,7 @@ private:
     const std::shared_ptr<NotificationDelivery> delivery_;
     const std::shared_ptr<NotificationFilter> filter_ = std::make_shared<NotificationFilter>();
     std::unique_ptr<ChangeMonitor> monitor_;
-    UniqueFd routing_;
+    NetlinkSocket routing_;
     NetworkManagerView manager_;
 };
 
