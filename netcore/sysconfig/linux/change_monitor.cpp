@@ -80,6 +80,9 @@ struct ChangeMonitor::State {
     UniqueFd stop;
     NetlinkSocket events;
     NetlinkSocket requests;
+    LinkReader readLinks;
+    // After a failed re-read: when to try again.
+    std::optional<Clock::time_point> reread;
     bus::Bus bus;  // null: the kernel alone
     bus::Slot signals, owner;
     KernelChangeTracker kernel;
@@ -97,12 +100,28 @@ struct ChangeMonitor::State {
         events = std::move(*subscribed);
         requests = kernel::openRoutingSocket();
         if (!requests) return posixError(errno, "open a routing netlink socket");
+        if (!readLinks) readLinks = kernel::dumpLinks;
         // Subscribed first, baseline second: a change in between is reported, not lost.
-        auto links = kernel::dumpLinks(requests.get());
-        kernel.reset(links ? *links : std::vector<kernel::Link>{}, kernel::primaryRoute(requests.get(), AF_INET),
+        auto links = readLinks(requests.get());
+        if (!links) return links.error();
+        kernel.reset(*links, kernel::primaryRoute(requests.get(), AF_INET),
                      kernel::primaryRoute(requests.get(), AF_INET6));
         openBus();
         return {};
+    }
+
+    // After events were lost (`lost`), or to try a failed re-read again: the
+    // links as they are now. When they cannot be read, the ones known so far
+    // stay, and what lost events may have changed is reported once.
+    void rereadLinks(bool lost) {
+        auto links = readLinks(requests.get());
+        if (links) {
+            kernel.resync(*links, pending);
+            reread.reset();
+            return;
+        }
+        if (lost) kernel.unsure(pending);
+        reread = Clock::now() + kRereadRetry;
     }
 
     void openBus() {
@@ -239,8 +258,11 @@ struct ChangeMonitor::State {
     void run() {
         pollfd fds[3] = {{stop.get(), POLLIN, 0}, {nv_nl_fd(events.get()), POLLIN, 0}, {-1, 0, 0}};
         for (;;) {
-            std::optional<Clock::time_point> deadline;
-            if (!pending.empty()) deadline = std::min(last + kQuiet, first + kMaxHold);
+            std::optional<Clock::time_point> deadline = reread;
+            if (!pending.empty()) {
+                const Clock::time_point batch = std::min(last + kQuiet, first + kMaxHold);
+                deadline = deadline ? std::min(*deadline, batch) : batch;
+            }
             fds[2] = {-1, 0, 0};
             if (bus) {
                 fds[2] = {sd_bus_get_fd(bus.get()), static_cast<short>(sd_bus_get_events(bus.get())), 0};
@@ -261,8 +283,9 @@ struct ChangeMonitor::State {
             if (fds[1].revents && !drainKernel(routing)) {
                 if (overruns) ++*overruns;
                 routing = true;
-                auto links = kernel::dumpLinks(requests.get());
-                kernel.resync(links ? *links : std::vector<kernel::Link>{}, pending);
+                rereadLinks(true);
+            } else if (reread && Clock::now() >= *reread) {
+                rereadLinks(false);
             }
             if (routing) {
                 kernel.primariesAre(kernel::primaryRoute(requests.get(), AF_INET),
@@ -298,6 +321,7 @@ Result<std::unique_ptr<ChangeMonitor>> ChangeMonitor::start(Report report, Optio
     auto state = std::make_unique<State>();
     state->report = std::move(report);
     state->overruns = std::move(options.overruns);
+    state->readLinks = std::move(options.readLinks);
     if (auto opened = state->open(options.receiveBuffer); !opened) return opened.error();
     State* raw = state.get();
     state->thread = std::thread([raw] { raw->run(); });
