@@ -65,7 +65,7 @@ std::optional<std::string> profileUUID(sd_bus* bus, const char* path) {
 std::optional<std::string> activeUUID(sd_bus* bus, const char* path) {
     auto request = bus::methodCall(bus, nm::kService, path, kPropertiesInterface, "Get");
     if (!request) return std::nullopt;
-    if (sd_bus_message_append(request->get(), "ss", nm::kActiveInterface, "Uuid") < 0) return std::nullopt;
+    if (bus::sd().sd_bus_message_append(request->get(), "ss", nm::kActiveInterface, "Uuid") < 0) return std::nullopt;
     auto reply = bus::call(bus, request->get());
     if (!reply) return std::nullopt;
     auto uuid = bus::readValue(reply->get());
@@ -128,13 +128,13 @@ struct ChangeMonitor::State {
         auto opened = bus::openSystemBus();
         if (!opened) return;  // no bus: the kernel alone
         sd_bus_slot* raw = nullptr;
-        if (sd_bus_match_signal(opened->get(), &raw, nm::kService, nullptr, nullptr, nullptr, &State::onSignal, this) <
+        if (bus::sd().sd_bus_match_signal(opened->get(), &raw, nm::kService, nullptr, nullptr, nullptr, &State::onSignal, this) <
             0) {
             return;
         }
         signals.reset(raw);
         raw = nullptr;
-        if (sd_bus_add_match(opened->get(), &raw, kOwnerMatch, &State::onOwnerChanged, this) < 0) {
+        if (bus::sd().sd_bus_add_match(opened->get(), &raw, kOwnerMatch, &State::onOwnerChanged, this) < 0) {
             signals.reset();
             return;
         }
@@ -152,7 +152,7 @@ struct ChangeMonitor::State {
     static int onOwnerChanged(sd_bus_message* message, void* context, sd_bus_error*) {
         auto* self = static_cast<State*>(context);
         const char *name = nullptr, *before = nullptr, *after = nullptr;
-        if (sd_bus_message_read(message, "sss", &name, &before, &after) < 0) return 0;
+        if (bus::sd().sd_bus_message_read(message, "sss", &name, &before, &after) < 0) return 0;
         self->manager.managerLost(self->pending);
         if (after && *after) {
             if (auto state = nm::load(self->bus.get())) {
@@ -174,13 +174,13 @@ struct ChangeMonitor::State {
     }
 
     void signal(sd_bus_message* message) {
-        const std::string_view interface = orEmpty(sd_bus_message_get_interface(message));
-        const std::string_view member = orEmpty(sd_bus_message_get_member(message));
-        const char* path = orEmpty(sd_bus_message_get_path(message));
+        const std::string_view interface = orEmpty(bus::sd().sd_bus_message_get_interface(message));
+        const std::string_view member = orEmpty(bus::sd().sd_bus_message_get_member(message));
+        const char* path = orEmpty(bus::sd().sd_bus_message_get_path(message));
         sd_bus* connection = bus.get();
         if (interface == nm::kSettingsInterface && (member == "NewConnection" || member == "ConnectionRemoved")) {
             const char* profile = nullptr;
-            if (sd_bus_message_read(message, "o", &profile) < 0) return;
+            if (bus::sd().sd_bus_message_read(message, "o", &profile) < 0) return;
             if (member == "ConnectionRemoved") {
                 manager.profileRemoved(profile, pending);
             } else if (auto uuid = profileUUID(connection, profile)) {
@@ -202,7 +202,7 @@ struct ChangeMonitor::State {
 
     void propertiesChanged(sd_bus_message* message, const char* path) {
         const char* of = nullptr;
-        if (sd_bus_message_read(message, "s", &of) < 0) return;
+        if (bus::sd().sd_bus_message_read(message, "s", &of) < 0) return;
         const std::string_view interface = of;
         if (interface == nm::kProfileInterface) {
             if (!manager.profileTouched(path, pending)) {
@@ -265,9 +265,9 @@ struct ChangeMonitor::State {
             }
             fds[2] = {-1, 0, 0};
             if (bus) {
-                fds[2] = {sd_bus_get_fd(bus.get()), static_cast<short>(sd_bus_get_events(bus.get())), 0};
+                fds[2] = {bus::sd().sd_bus_get_fd(bus.get()), static_cast<short>(bus::sd().sd_bus_get_events(bus.get())), 0};
                 std::uint64_t when = 0;  // CLOCK_MONOTONIC microseconds, as steady_clock here
-                if (sd_bus_get_timeout(bus.get(), &when) >= 0 && when != UINT64_MAX) {
+                if (bus::sd().sd_bus_get_timeout(bus.get(), &when) >= 0 && when != UINT64_MAX) {
                     const Clock::time_point busDeadline{std::chrono::microseconds(when)};
                     deadline = deadline ? std::min(*deadline, busDeadline) : busDeadline;
                 }
@@ -293,7 +293,7 @@ struct ChangeMonitor::State {
             }
             if (bus) {
                 int r = 0;
-                while ((r = sd_bus_process(bus.get(), nullptr)) > 0) {
+                while ((r = bus::sd().sd_bus_process(bus.get(), nullptr)) > 0) {
                 }
                 if (r < 0) {
                     // The bus went away; what NetworkManager said may no longer hold.

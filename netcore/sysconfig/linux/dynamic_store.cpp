@@ -22,7 +22,7 @@ public:
     const nm::State* state() {
         if (!bus_ && !connect()) return nullptr;
         int r = 0;
-        while ((r = sd_bus_process(bus_.get(), nullptr)) > 0) {
+        while ((r = bus::sd().sd_bus_process(bus_.get(), nullptr)) > 0) {
         }
         if (r < 0) {
             disconnect();
@@ -52,7 +52,7 @@ private:
         // Asked for before the first load, and handled by the bus before it.
         for (const char* match : {kNetworkManagerSignals, kOwnerChanges}) {
             sd_bus_slot* slot = nullptr;
-            if (sd_bus_add_match_async(opened->get(), &slot, match, &markStale, nullptr, this) < 0) {
+            if (bus::sd().sd_bus_add_match_async(opened->get(), &slot, match, &markStale, nullptr, this) < 0) {
                 slots_.clear();
                 return false;
             }
