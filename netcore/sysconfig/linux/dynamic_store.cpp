@@ -1,6 +1,6 @@
 #include "netcore/sysconfig/linux/dynamic_store.h"
 
-#include <mutex>
+#include "support/mutex.h"
 
 #include "netcore/sysconfig/linux/bus.h"
 #include "netcore/sysconfig/linux/store_view.h"
@@ -79,13 +79,13 @@ private:
 class NotificationFilter {
 public:
     void set(KeyMatcher matcher) {
-        const std::lock_guard guard(mutex_);
+        MutexLock lock(mutex_);
         matcher_ = std::make_shared<const KeyMatcher>(std::move(matcher));
     }
     plist::Array pick(const KeySet& keys) const {
         std::shared_ptr<const KeyMatcher> matcher;
         {
-            const std::lock_guard guard(mutex_);
+            MutexLock lock(mutex_);
             matcher = matcher_;
         }
         plist::Array picked;
@@ -96,8 +96,8 @@ public:
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::shared_ptr<const KeyMatcher> matcher_ = std::make_shared<const KeyMatcher>();
+    mutable Mutex mutex_;
+    std::shared_ptr<const KeyMatcher> matcher_ NV_GUARDED_BY(mutex_) = std::make_shared<const KeyMatcher>();
 };
 
 class LinuxDynamicStore final : public DynamicStore {

@@ -6,13 +6,13 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "command.h"
 #include "netcore/sysconfig/network_change_watcher.h"
 #include "support/json.h"
+#include "support/mutex.h"
 
 namespace netvane::cli {
 namespace {
@@ -48,24 +48,26 @@ int run(const Args& args) {
 
     stopOnInterrupt();
 
-    std::mutex mutex;
-    std::condition_variable printed;
-    std::uint64_t batches = 0;
+    struct Printed {
+        Mutex mutex;
+        std::condition_variable another;
+        std::uint64_t batches NV_GUARDED_BY(mutex) = 0;
+    } printed;
     auto queue = std::make_shared<SerialQueue>("watch-config");
     NetworkChangeWatcher watcher(queue, [&](const std::vector<std::string>& keys) {
-        const std::lock_guard guard(mutex);
-        if (count && batches >= *count) return;
+        MutexLock lock(printed.mutex);
+        if (count && printed.batches >= *count) return;
         const std::string text = line(keys, json);
         std::fprintf(stdout, "%s\n", text.c_str());
         std::fflush(stdout);
-        ++batches;
-        printed.notify_all();
+        ++printed.batches;
+        printed.another.notify_all();
     });
     if (!watcher.watching()) return failure("cannot watch the network configuration");
-    std::unique_lock guard(mutex);
+    MutexLock lock(printed.mutex);
     // Woken by each batch; the signal flag is looked at a few times a second.
-    while (!interrupted() && !(count && batches >= *count)) {
-        printed.wait_for(guard, std::chrono::milliseconds(200));
+    while (!interrupted() && !(count && printed.batches >= *count)) {
+        (void)lock.waitUntil(printed.another, std::chrono::steady_clock::now() + std::chrono::milliseconds(200));
     }
     return kExitOK;
 }
