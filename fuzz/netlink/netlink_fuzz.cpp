@@ -47,7 +47,7 @@ ssize_t receive(void* context, void* buffer, std::size_t size, int, std::uint32_
     }
     const Datagram datagram = std::move(feed.datagrams.front());
     feed.datagrams.pop_front();
-    std::memcpy(buffer, datagram.bytes.data(), std::min(size, datagram.bytes.size()));
+    if (!datagram.bytes.empty()) std::memcpy(buffer, datagram.bytes.data(), std::min(size, datagram.bytes.size()));
     *sender = datagram.sender;
     return static_cast<ssize_t>(datagram.bytes.size());
 }

@@ -247,12 +247,16 @@ static const struct nlmsghdr* next_message(const unsigned char* data, size_t len
     return message;
 }
 
+/* The kernel's errors are its negated errnos, none past this. */
+#define NV_NL_MAX_ERRNO 4095
+
 /* The errno an error reply or a dump's end carries (0: none); EPROTO when
- * it is too short to carry one. */
+ * it is too short to carry one or carries no errno the kernel could send. */
 static int carried_error(const struct nlmsghdr* message) {
     const int* error = nv_nl_header(message, sizeof(int));
     if (!error) return EPROTO;
-    return *error < 0 ? -*error : 0;
+    if (*error >= 0) return 0;
+    return *error >= -NV_NL_MAX_ERRNO ? -*error : EPROTO;
 }
 
 static int send_request(nv_nl_socket_t* socket, nv_nl_request_t* request) {

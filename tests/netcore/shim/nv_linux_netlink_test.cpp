@@ -14,6 +14,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -216,7 +217,7 @@ private:
             errno = datagram.error;
             return -1;
         }
-        std::memcpy(buffer, datagram.bytes.data(), std::min(size, datagram.bytes.size()));
+        if (!datagram.bytes.empty()) std::memcpy(buffer, datagram.bytes.data(), std::min(size, datagram.bytes.size()));
         *sender = datagram.sender;
         return static_cast<ssize_t>(datagram.claimed ? datagram.claimed : datagram.bytes.size());
     }
@@ -330,6 +331,8 @@ TEST(NetlinkDump, ErrorsEndsThatFailAndDatagramsThatDoNotFitFailTheDump) {
     };
     const std::vector<Case> cases = {
         {"an error reply", [](FakeKernel& k, std::uint32_t seq) { k.reply(errorReply(seq, -EPERM)); }, EPERM},
+        {"an error no kernel sends",
+         [](FakeKernel& k, std::uint32_t seq) { k.reply(errorReply(seq, std::numeric_limits<int>::min())); }, EPROTO},
         {"an end that carries an error",
          [](FakeKernel& k, std::uint32_t seq) { k.reply(join({linkMessage("nv0", seq), done(seq, -EINVAL)})); },
          EINVAL},
