@@ -88,11 +88,7 @@ std::optional<Link> parseLink(const nlmsghdr* message) {
 std::optional<Address> parseAddress(const nlmsghdr* message) {
     nv_linux_address_t facts;
     if (!nv_linux_parse_address(message, &facts)) return std::nullopt;
-    Address address;
-    address.index = facts.index;
-    address.family = facts.family;
-    address.prefixLength = facts.prefix_length;
-    address.address = addressText(facts.family, facts.local);
+    Address address{facts.index, facts.family, addressText(facts.family, facts.local), facts.prefix_length};
     if (address.address.empty()) return std::nullopt;
     return address;
 }
