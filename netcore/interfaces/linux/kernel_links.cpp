@@ -1,5 +1,6 @@
 #include "netcore/interfaces/linux/kernel_links.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -10,7 +11,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "netcore/shim/linux/nv_linux_netlink.h"
 #include "support/unique_fd.h"
@@ -66,7 +69,9 @@ void addStats(const nlmsghdr* message, void* context) {
 
 void addAddress(const nlmsghdr* message, void* context) {
     KernelAddress address;
-    if (nv_linux_parse_address(message, &address)) static_cast<Collected*>(context)->result.addresses.push_back(address);
+    if (nv_linux_parse_address(message, &address)) {
+        static_cast<Collected*>(context)->result.addresses.push_back(address);
+    }
 }
 
 // One dump; `changed` turns true when the kernel flags it as having run into
@@ -104,15 +109,35 @@ bool inStatisticsOrder(Collected& collected) {
     return true;
 }
 
+// The names sysfs lists among the virtual network devices.
+std::unordered_set<std::string> virtualDevices(int sysfs) {
+    std::unordered_set<std::string> names;
+    const int listing = ::openat(sysfs, "devices/virtual/net", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* dir = listing >= 0 ? ::fdopendir(listing) : nullptr;
+    if (dir == nullptr) {
+        if (listing >= 0) ::close(listing);
+        return names;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] != '.') names.insert(entry->d_name);
+    }
+    ::closedir(dir);
+    return names;
+}
+
 // Which links a device backs. The compact dump names no parent devices, nor
-// does the full one before 5.19: then sysfs says, asked from one descriptor
-// of its root. IMPORTANT: sysfs shows the network namespace it was mounted
-// in, so a caller in a namespace of its own needs its own mount.
+// does the full one before 5.19: then sysfs says. Most links of a busy host
+// are virtual and listed together, where no device backs them
+// (nv_linux_sysfs_has_device): one read of that listing spares asking for
+// each. IMPORTANT: sysfs shows the network namespace it was mounted in, so a
+// caller in a namespace of its own needs its own mount.
 void markHardware(Collected& collected) {
-    UniqueFd sysfs;
-    if (!collected.parentsNamed) sysfs = UniqueFd(::open("/sys", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd sysfs(collected.parentsNamed ? -1 : ::open("/sys", O_PATH | O_DIRECTORY | O_CLOEXEC));
     const int root = sysfs ? sysfs.get() : NV_LINUX_SYSFS;
+    const std::unordered_set<std::string> virtualOnes =
+        sysfs ? virtualDevices(root) : std::unordered_set<std::string>{};
     for (KernelLink& link : collected.result.links) {
+        if (!collected.parentsNamed && virtualOnes.contains(link.facts.name)) continue;
         link.hardware = nv_linux_link_has_device(&link.facts, collected.parentsNamed, root) != 0;
     }
 }

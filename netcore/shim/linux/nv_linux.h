@@ -106,7 +106,9 @@ int nv_linux_dump_capabilities(const nv_linux_features_t* table, nv_linux_featur
 #define NV_LINUX_SYSFS (-1)
 /* Whether a device backs the interface: its directory and the device it
  * links to both lie outside devices/virtual, where the kernel puts what no
- * hardware backs. */
+ * hardware backs. So none backs an interface listed in
+ * devices/virtual/net, and a caller asking about many may read that
+ * listing once instead. */
 int nv_linux_sysfs_has_device(int sysfs, const char* ifname);
 /* Whether the interface is a radio (it has wireless attributes). */
 int nv_linux_sysfs_wireless(int sysfs, const char* ifname);

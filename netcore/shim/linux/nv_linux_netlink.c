@@ -57,24 +57,6 @@ int nv_nl_parse_nested(const struct nlattr** table, uint16_t max, const struct n
     return nv_nl_parse(table, max, nv_nl_data(nest), nv_nl_length(nest));
 }
 
-const void* nv_nl_data(const struct nlattr* attribute) {
-    return attribute ? (const unsigned char*)attribute + NLA_HDRLEN : NULL;
-}
-
-size_t nv_nl_length(const struct nlattr* attribute) { return attribute ? attribute->nla_len - NLA_HDRLEN : 0; }
-
-int nv_nl_bytes(const struct nlattr* attribute, void* out, size_t size) {
-    if (!attribute || nv_nl_length(attribute) != size) return 0;
-    memcpy(out, nv_nl_data(attribute), size);
-    return 1;
-}
-
-int nv_nl_u8(const struct nlattr* attribute, uint8_t* out) { return nv_nl_bytes(attribute, out, sizeof *out); }
-int nv_nl_u16(const struct nlattr* attribute, uint16_t* out) { return nv_nl_bytes(attribute, out, sizeof *out); }
-int nv_nl_u32(const struct nlattr* attribute, uint32_t* out) { return nv_nl_bytes(attribute, out, sizeof *out); }
-int nv_nl_s32(const struct nlattr* attribute, int32_t* out) { return nv_nl_bytes(attribute, out, sizeof *out); }
-int nv_nl_u64(const struct nlattr* attribute, uint64_t* out) { return nv_nl_bytes(attribute, out, sizeof *out); }
-
 const char* nv_nl_text(const struct nlattr* attribute, size_t* length) {
     if (!attribute) return NULL;
     const char* text = nv_nl_data(attribute);

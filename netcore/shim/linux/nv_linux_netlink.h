@@ -17,6 +17,7 @@
 #include <linux/netlink.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 #include <sys/types.h>
 
 #ifdef __cplusplus
@@ -42,16 +43,25 @@ const void* nv_nl_header(const struct nlmsghdr* message, size_t size);
 
 /* The getters take the table's entry as it is: a missing attribute (NULL)
  * fails like one of the wrong size. The sized ones want the payload to be
- * exactly of their type. */
-const void* nv_nl_data(const struct nlattr* attribute);
-size_t nv_nl_length(const struct nlattr* attribute);
-int nv_nl_u8(const struct nlattr* attribute, uint8_t* out);
-int nv_nl_u16(const struct nlattr* attribute, uint16_t* out);
-int nv_nl_u32(const struct nlattr* attribute, uint32_t* out);
-int nv_nl_s32(const struct nlattr* attribute, int32_t* out);
-int nv_nl_u64(const struct nlattr* attribute, uint64_t* out);
+ * exactly of their type. Inline: a reading calls them for every attribute
+ * of hundreds of messages. */
+static inline const void* nv_nl_data(const struct nlattr* attribute) {
+    return attribute ? (const unsigned char*)attribute + NLA_HDRLEN : NULL;
+}
+static inline size_t nv_nl_length(const struct nlattr* attribute) {
+    return attribute ? (size_t)attribute->nla_len - NLA_HDRLEN : 0;
+}
 /* Exactly `size` bytes. */
-int nv_nl_bytes(const struct nlattr* attribute, void* out, size_t size);
+static inline int nv_nl_bytes(const struct nlattr* attribute, void* out, size_t size) {
+    if (!attribute || nv_nl_length(attribute) != size) return 0;
+    memcpy(out, nv_nl_data(attribute), size);
+    return 1;
+}
+static inline int nv_nl_u8(const struct nlattr* a, uint8_t* out) { return nv_nl_bytes(a, out, sizeof *out); }
+static inline int nv_nl_u16(const struct nlattr* a, uint16_t* out) { return nv_nl_bytes(a, out, sizeof *out); }
+static inline int nv_nl_u32(const struct nlattr* a, uint32_t* out) { return nv_nl_bytes(a, out, sizeof *out); }
+static inline int nv_nl_s32(const struct nlattr* a, int32_t* out) { return nv_nl_bytes(a, out, sizeof *out); }
+static inline int nv_nl_u64(const struct nlattr* a, uint64_t* out) { return nv_nl_bytes(a, out, sizeof *out); }
 /* The text up to the first zero byte (or the payload's end), terminated;
  * fails when it does not fit in `size` bytes with its terminator. */
 int nv_nl_string(const struct nlattr* attribute, char* out, size_t size);
