@@ -40,8 +40,9 @@ Status PolkitAuthorizer::checkRight(const PeerIdentity& peer, std::span<const st
     if (r < 0) return busError(r, "build CheckAuthorization");
     Message call(rawCall);
     const std::string action(right);
-    r = bus::sd().sd_bus_message_append(call.get(), "(sa{sv})", "unix-process", 3, "pid", "u", static_cast<std::uint32_t>(peer.pid),
-                              "start-time", "t", peer.startTime, "uid", "i", static_cast<std::int32_t>(peer.uid));
+    r = bus::sd().sd_bus_message_append(call.get(), "(sa{sv})", "unix-process", 3, "pid", "u",
+                                        static_cast<std::uint32_t>(peer.pid), "start-time", "t", peer.startTime, "uid",
+                                        "i", static_cast<std::int32_t>(peer.uid));
     if (r >= 0) r = bus::sd().sd_bus_message_append(call.get(), "s", action.c_str());
     if (r >= 0) r = bus::sd().sd_bus_message_append(call.get(), "a{ss}", 0);
     if (r >= 0) r = bus::sd().sd_bus_message_append(call.get(), "us", 0u, "");  // flags 0: no interaction

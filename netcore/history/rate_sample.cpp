@@ -9,7 +9,8 @@ namespace netvane {
 std::uint64_t checkedByteSum(std::uint64_t a, std::uint64_t b) {
     std::uint64_t sum = a + b;
     if (sum < a) {
-        fatal("byte count overflow (%llu + %llu)", static_cast<unsigned long long>(a), static_cast<unsigned long long>(b));
+        fatal("byte count overflow (%llu + %llu)", static_cast<unsigned long long>(a),
+              static_cast<unsigned long long>(b));
     }
     return sum;
 }

@@ -57,10 +57,13 @@ std::string addProfile(const ProfileSpec& spec) {
     r = r < 0 ? r : bus::sd().sd_bus_message_open_container(m, 'e', "sa{sv}");
     r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "s", "connection");
     r = r < 0 ? r : bus::sd().sd_bus_message_open_container(m, 'a', "{sv}");
-    r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "{sv}{sv}{sv}{sv}{sv}", "id", "s", spec.id.c_str(), "uuid", "s", uuid.c_str(),
-                                          "type", "s", "802-3-ethernet", "autoconnect", "b", spec.autoconnect ? 1 : 0,
-                                          "autoconnect-priority", "i", spec.priority);
-    if (spec.interfaceName) r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "{sv}", "interface-name", "s", spec.interfaceName->c_str());
+    r = r < 0 ? r
+              : bus::sd().sd_bus_message_append(m, "{sv}{sv}{sv}{sv}{sv}", "id", "s", spec.id.c_str(), "uuid", "s",
+                                                uuid.c_str(), "type", "s", "802-3-ethernet", "autoconnect", "b",
+                                                spec.autoconnect ? 1 : 0, "autoconnect-priority", "i", spec.priority);
+    if (spec.interfaceName) {
+        r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "{sv}", "interface-name", "s", spec.interfaceName->c_str());
+    }
     r = r < 0 ? r : bus::sd().sd_bus_message_close_container(m);
     r = r < 0 ? r : bus::sd().sd_bus_message_close_container(m);
     r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "{sa{sv}}", "802-3-ethernet", 0);

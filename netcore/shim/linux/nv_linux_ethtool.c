@@ -119,7 +119,8 @@ int nv_linux_feature_table(int sock, const char* ifname, nv_linux_features_t* ou
 int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* table, uint32_t* out) {
     if (table->count == 0 || table->count > NV_LINUX_MAX_FEATURES) return 0;
     uint32_t blocks = (table->count + 31) / 32;
-    NV_AUTO_FREE struct ethtool_gfeatures* features = calloc(1, sizeof *features + blocks * sizeof(struct ethtool_get_features_block));
+    NV_AUTO_FREE struct ethtool_gfeatures* features =
+        calloc(1, sizeof *features + blocks * sizeof(struct ethtool_get_features_block));
     if (!features) return 0;
     features->cmd = ETHTOOL_GFEATURES;
     features->size = blocks;

@@ -198,7 +198,9 @@ int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
         /* Interface ioctls work on any socket. */
         NV_AUTO_CLOSE int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         struct ethtool_link_settings settings;
-        if (fd >= 0 && nv_linux_link_settings(fd, ifname, NULL, &settings)) data.baudrate = nv_linux_baudrate(&settings);
+        if (fd >= 0 && nv_linux_link_settings(fd, ifname, NULL, &settings)) {
+            data.baudrate = nv_linux_baudrate(&settings);
+        }
     }
     *out = data;
     return 1;

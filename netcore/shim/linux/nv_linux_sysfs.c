@@ -172,7 +172,8 @@ int nv_get_nd6_flags(int sock, const char* ifname, uint32_t* out) {
     NV_AUTO_CLOSE int dir = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     long accept_ra = 0, disable_ipv6 = 0, accept_dad = 0;
     if (dir < 0 || !nv_linux_read_long(dir, "accept_ra", &accept_ra) ||
-        !nv_linux_read_long(dir, "disable_ipv6", &disable_ipv6) || !nv_linux_read_long(dir, "accept_dad", &accept_dad)) {
+        !nv_linux_read_long(dir, "disable_ipv6", &disable_ipv6) ||
+        !nv_linux_read_long(dir, "accept_dad", &accept_dad)) {
         return 0;
     }
     struct ifreq ifr;

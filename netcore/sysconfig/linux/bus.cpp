@@ -210,7 +210,8 @@ Result<Bus> openSystemBus() {
     if (r >= 0) r = sd().sd_bus_start(bus.get());
     if (r < 0) return errorFrom(r, "connect to the system bus");
     // sd_bus_start only begins the greeting; finish it within our own bound.
-    r = runUntil(bus.get(), nowMicroseconds() + timeoutMicroseconds(), [&] { return sd().sd_bus_is_ready(bus.get()) > 0; });
+    r = runUntil(bus.get(), nowMicroseconds() + timeoutMicroseconds(),
+                 [&] { return sd().sd_bus_is_ready(bus.get()) > 0; });
     if (r < 0) return errorFrom(r, "connect to the system bus");
     return bus;
 }

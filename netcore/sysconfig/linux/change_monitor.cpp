@@ -128,8 +128,8 @@ struct ChangeMonitor::State {
         auto opened = bus::openSystemBus();
         if (!opened) return;  // no bus: the kernel alone
         sd_bus_slot* raw = nullptr;
-        if (bus::sd().sd_bus_match_signal(opened->get(), &raw, nm::kService, nullptr, nullptr, nullptr, &State::onSignal, this) <
-            0) {
+        if (bus::sd().sd_bus_match_signal(opened->get(), &raw, nm::kService, nullptr, nullptr, nullptr,
+                                          &State::onSignal, this) < 0) {
             return;
         }
         signals.reset(raw);
@@ -265,7 +265,8 @@ struct ChangeMonitor::State {
             }
             fds[2] = {-1, 0, 0};
             if (bus) {
-                fds[2] = {bus::sd().sd_bus_get_fd(bus.get()), static_cast<short>(bus::sd().sd_bus_get_events(bus.get())), 0};
+                fds[2] = {bus::sd().sd_bus_get_fd(bus.get()),
+                          static_cast<short>(bus::sd().sd_bus_get_events(bus.get())), 0};
                 std::uint64_t when = 0;  // CLOCK_MONOTONIC microseconds, as steady_clock here
                 if (bus::sd().sd_bus_get_timeout(bus.get(), &when) >= 0 && when != UINT64_MAX) {
                     const Clock::time_point busDeadline{std::chrono::microseconds(when)};

@@ -57,7 +57,9 @@ int copySettings(sd_bus_message* to, sd_bus_message* from, bool autoconnect) {
             }
             if (r >= 0) r = bus::sd().sd_bus_message_exit_container(from);
         }
-        if (r >= 0 && connection) r = bus::sd().sd_bus_message_append(to, "{sv}", "autoconnect", "b", autoconnect ? 1 : 0);
+        if (r >= 0 && connection) {
+            r = bus::sd().sd_bus_message_append(to, "{sv}", "autoconnect", "b", autoconnect ? 1 : 0);
+        }
         if (r >= 0) r = bus::sd().sd_bus_message_close_container(to);
         if (r >= 0) r = bus::sd().sd_bus_message_exit_container(from);
         if (r >= 0) r = bus::sd().sd_bus_message_close_container(to);
@@ -176,7 +178,8 @@ public:
             auto activation = bus::methodCall(bus_.get(), nm::kService, nm::kManagerPath, nm::kManagerInterface,
                                               "ActivateConnection");
             if (!activation) return activation.error();
-            if (int r = bus::sd().sd_bus_message_append(activation->get(), "ooo", profile.path.c_str(), "/", "/"); r < 0) {
+            if (int r = bus::sd().sd_bus_message_append(activation->get(), "ooo", profile.path.c_str(), "/", "/");
+                r < 0) {
                 return bus::errorFrom(r, "build ActivateConnection");
             }
             auto started = bus::call(bus_.get(), activation->get());
@@ -227,7 +230,8 @@ private:
     Result<std::vector<std::string>> activeConnectionsOf(const std::string& profilePath) {
         auto list = bus::methodCall(bus_.get(), nm::kService, nm::kManagerPath, "org.freedesktop.DBus.Properties", "Get");
         if (!list) return list.error();
-        if (int r = bus::sd().sd_bus_message_append(list->get(), "ss", nm::kManagerInterface, "ActiveConnections"); r < 0) {
+        if (int r = bus::sd().sd_bus_message_append(list->get(), "ss", nm::kManagerInterface, "ActiveConnections");
+            r < 0) {
             return bus::errorFrom(r, "build Get ActiveConnections");
         }
         auto reply = bus::call(bus_.get(), list->get());

@@ -447,8 +447,8 @@ TEST(NetlinkMessages, AddressesStatisticsAndRoutes) {
     EXPECT_EQ(nv_linux_parse_address(asMessage(wrongSize), &address), 0) << "an IPv4-sized IPv6 address";
     ifaddrmsg other{};
     other.ifa_family = AF_PACKET;
-    EXPECT_EQ(nv_linux_parse_address(asMessage(message(RTM_NEWADDR, other, attribute(IFA_ADDRESS, local, 4))), &address),
-              0);
+    EXPECT_EQ(
+        nv_linux_parse_address(asMessage(message(RTM_NEWADDR, other, attribute(IFA_ADDRESS, local, 4))), &address), 0);
 
     if_stats_msg statsHeader{};
     statsHeader.ifindex = 9;
