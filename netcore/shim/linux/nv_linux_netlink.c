@@ -16,6 +16,7 @@
 
 struct nv_nl_socket {
     int fd; /* -1 for a test's transport */
+    int bound;     /* the port is known */
     uint32_t port;
     uint32_t sequence; /* the last request's; each request takes the next */
     nv_nl_transport_t transport;
@@ -172,22 +173,28 @@ static nv_nl_socket_t* make_socket(void) {
 nv_nl_socket_t* nv_nl_open(int protocol) {
     NV_AUTO_CLOSE int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol);
     if (fd < 0) return NULL;
-    struct sockaddr_nl address;
-    memset(&address, 0, sizeof address);
-    address.nl_family = AF_NETLINK;
-    socklen_t length = sizeof address;
-    /* Bound now, so that its port is known before the first reply. */
-    if (bind(fd, (struct sockaddr*)&address, sizeof address) != 0 ||
-        getsockname(fd, (struct sockaddr*)&address, &length) != 0 || length != sizeof address) {
-        return NULL;
-    }
     nv_nl_socket_t* opened = make_socket();
     if (!opened) return NULL;
     opened->fd = nv_take_fd(&fd);
-    opened->port = address.nl_pid;
     opened->transport = kernel_transport;
     opened->context = opened;
     return opened;
+}
+
+/* The kernel gives an unbound socket its port with its first request; what
+ * it is, is asked once, before the first reply is read. */
+static int learn_port(nv_nl_socket_t* socket) {
+    if (socket->bound) return 1;
+    struct sockaddr_nl address;
+    memset(&address, 0, sizeof address);
+    socklen_t length = sizeof address;
+    if (getsockname(socket->fd, (struct sockaddr*)&address, &length) != 0 || length != sizeof address ||
+        address.nl_family != AF_NETLINK) {
+        return 0;
+    }
+    socket->port = address.nl_pid;
+    socket->bound = 1;
+    return 1;
 }
 
 nv_nl_socket_t* nv_nl_open_transport(const nv_nl_transport_t* transport, void* context, uint32_t port) {
@@ -195,6 +202,7 @@ nv_nl_socket_t* nv_nl_open_transport(const nv_nl_transport_t* transport, void* c
     nv_nl_socket_t* opened = make_socket();
     if (!opened) return NULL;
     opened->port = port;
+    opened->bound = 1;
     opened->transport = *transport;
     opened->context = context;
     return opened;
@@ -210,7 +218,14 @@ void nv_nl_close(nv_nl_socket_t* socket) {
 int nv_nl_fd(const nv_nl_socket_t* socket) { return socket ? socket->fd : -1; }
 
 int nv_nl_join(nv_nl_socket_t* socket, unsigned group) {
-    return socket && setsockopt(socket->fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) == 0;
+    if (!socket) return 0;
+    if (!socket->bound) {
+        struct sockaddr_nl address;
+        memset(&address, 0, sizeof address);
+        address.nl_family = AF_NETLINK;
+        if (bind(socket->fd, (struct sockaddr*)&address, sizeof address) != 0 || !learn_port(socket)) return 0;
+    }
+    return setsockopt(socket->fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) == 0;
 }
 
 /* The next whole message of a datagram, or NULL at its end; *malformed
@@ -258,7 +273,7 @@ static int send_request(nv_nl_socket_t* socket, nv_nl_request_t* request) {
         if (sent >= 0) errno = EIO;
         return 0;
     }
-    return 1;
+    return learn_port(socket);
 }
 
 /* One datagram from the kernel, whole; its length, or -1 with errno. */

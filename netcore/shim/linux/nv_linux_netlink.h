@@ -101,8 +101,8 @@ void nv_nl_nest_end(nv_nl_request_t* request, size_t start);
 
 typedef struct nv_nl_socket nv_nl_socket_t;
 
-/* A netlink socket of `protocol` (close-on-exec, bound, its port known), or
- * NULL with errno set. */
+/* A netlink socket of `protocol` (close-on-exec), or NULL with errno set.
+ * The kernel binds it with its first request (or its first group). */
 nv_nl_socket_t* nv_nl_open(int protocol);
 /* Closes and frees; NULL is fine. */
 void nv_nl_close(nv_nl_socket_t* socket);
