@@ -2,27 +2,28 @@
 
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <thread>
+
+#include "support/mutex.h"
 
 namespace netvane {
 
 // Shared with the thread, so that a queue released on its own thread stays
 // valid until the thread has drained it.
 struct SerialQueue::State {
-    std::mutex mutex;
+    Mutex mutex;
     std::condition_variable wake;
-    std::deque<std::function<void()>> work;  // guarded by mutex
-    bool closing = false;                    // guarded by mutex
-    std::thread::id owner;                   // written once, before any work runs
+    std::deque<std::function<void()>> work NV_GUARDED_BY(mutex);
+    bool closing NV_GUARDED_BY(mutex) = false;
+    std::thread::id owner NV_GUARDED_BY(mutex);  // written once, before any work runs
     std::thread thread;
 
     void run() {
         for (;;) {
             std::function<void()> next;
             {
-                std::unique_lock guard(mutex);
-                wake.wait(guard, [this] { return closing || !work.empty(); });
+                MutexLock lock(mutex);
+                while (!closing && work.empty()) lock.wait(wake);
                 if (work.empty()) return;
                 next = std::move(work.front());
                 work.pop_front();
@@ -34,14 +35,14 @@ struct SerialQueue::State {
 
 SerialQueue::SerialQueue(std::string label) : label_(std::move(label)), state_(std::make_shared<State>()) {
     // The thread holds its own reference; see State.
-    std::unique_lock guard(state_->mutex);
+    MutexLock lock(state_->mutex);
     state_->thread = std::thread([state = state_] { state->run(); });
     state_->owner = state_->thread.get_id();
 }
 
 SerialQueue::~SerialQueue() {
     {
-        const std::lock_guard guard(state_->mutex);
+        MutexLock lock(state_->mutex);
         state_->closing = true;
     }
     state_->wake.notify_one();
@@ -54,7 +55,7 @@ SerialQueue::~SerialQueue() {
 
 void SerialQueue::async(std::function<void()> work) {
     {
-        const std::lock_guard guard(state_->mutex);
+        MutexLock lock(state_->mutex);
         state_->work.push_back(std::move(work));
     }
     state_->wake.notify_one();
@@ -65,21 +66,23 @@ void SerialQueue::sync(const std::function<void()>& work) {
         work();
         return;
     }
-    std::mutex doneMutex;
-    std::condition_variable doneSignal;
-    bool done = false;
+    struct Done {
+        Mutex mutex;
+        std::condition_variable signal;
+        bool done NV_GUARDED_BY(mutex) = false;
+    } finished;
     async([&] {
         work();
-        const std::lock_guard guard(doneMutex);
-        done = true;
-        doneSignal.notify_one();
+        MutexLock lock(finished.mutex);
+        finished.done = true;
+        finished.signal.notify_one();
     });
-    std::unique_lock guard(doneMutex);
-    doneSignal.wait(guard, [&] { return done; });
+    MutexLock lock(finished.mutex);
+    while (!finished.done) lock.wait(finished.signal);
 }
 
 bool SerialQueue::isCurrent() const {
-    const std::lock_guard guard(state_->mutex);
+    MutexLock lock(state_->mutex);
     return state_->owner == std::this_thread::get_id();
 }
 

@@ -3,7 +3,7 @@
 // family, in parallel), 1,000 iterations per run.
 #include <benchmark/benchmark.h>
 
-#include "netcore/publicip/linux/socket_stream.h"
+#include "netcore/publicip/linux/byte_stream.h"
 #include "netcore/publicip/public_ip.h"
 #include "tests/netcore/publicip/support/local_server.h"
 #include "tests/netcore/publicip/support/loopback_names.h"

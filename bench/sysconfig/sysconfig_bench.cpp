@@ -20,13 +20,12 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <mutex>
 #include <string>
 
+#include "netcore/shim/linux/nv_linux_netlink.h"
 #include "netcore/sysconfig/network_change_watcher.h"
 #include "netcore/sysconfig/system_configuration_reader.h"
-#include "support/unique_fd.h"
 
 namespace {
 
@@ -46,34 +45,21 @@ BENCHMARK(ConfigurationReading)->Unit(benchmark::kMillisecond);
 
 // Adds or removes 10.77.0.1/24 on an interface with one routing request,
 // waiting for the kernel's acknowledgement.
-bool changeAddress(int fd, int index, bool add) {
-    struct {
-        nlmsghdr header;
-        ifaddrmsg address;
-        unsigned char attributes[64];
-    } request{};
-    request.header.nlmsg_len = NLMSG_LENGTH(sizeof(ifaddrmsg));
-    request.header.nlmsg_type = add ? RTM_NEWADDR : RTM_DELADDR;
-    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | (add ? NLM_F_CREATE | NLM_F_EXCL : 0);
-    request.address.ifa_family = AF_INET;
-    request.address.ifa_prefixlen = 24;
-    request.address.ifa_index = static_cast<unsigned>(index);
+bool changeAddress(nv_nl_socket_t* socket, int index, bool add) {
+    nv_nl_request_t request;
+    const std::uint16_t flags = NLM_F_ACK | (add ? NLM_F_CREATE | NLM_F_EXCL : 0);
+    auto* address = static_cast<ifaddrmsg*>(nv_nl_request(&request, add ? RTM_NEWADDR : RTM_DELADDR, flags,
+                                                           sizeof(ifaddrmsg)));
+    address->ifa_family = AF_INET;
+    address->ifa_prefixlen = 24;
+    address->ifa_index = static_cast<unsigned>(index);
     in_addr local{};
     ::inet_pton(AF_INET, "10.77.0.1", &local);
-    for (unsigned short type : {IFA_LOCAL, IFA_ADDRESS}) {
-        auto* attribute = reinterpret_cast<rtattr*>(reinterpret_cast<unsigned char*>(&request) +
-                                                    NLMSG_ALIGN(request.header.nlmsg_len));
-        attribute->rta_type = type;
-        attribute->rta_len = RTA_LENGTH(sizeof local);
-        std::memcpy(RTA_DATA(attribute), &local, sizeof local);
-        request.header.nlmsg_len = NLMSG_ALIGN(request.header.nlmsg_len) + RTA_ALIGN(attribute->rta_len);
-    }
-    if (::send(fd, &request, request.header.nlmsg_len, 0) < 0) return false;
-    char reply[1024];
-    const ssize_t n = ::recv(fd, reply, sizeof reply, 0);
-    const auto* header = reinterpret_cast<const nlmsghdr*>(reply);
-    if (n < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(nlmsgerr))) || header->nlmsg_type != NLMSG_ERROR) return false;
-    return static_cast<const nlmsgerr*>(NLMSG_DATA(header))->error == 0;
+    nv_nl_put(&request, IFA_LOCAL, &local, sizeof local);
+    nv_nl_put(&request, IFA_ADDRESS, &local, sizeof local);
+    const nlmsghdr* reply = nv_nl_exchange(socket, &request, NLMSG_ERROR);
+    const auto* acknowledgement = static_cast<const nlmsgerr*>(nv_nl_header(reply, sizeof(nlmsgerr)));
+    return acknowledgement != nullptr && acknowledgement->error == 0;
 }
 
 void ChangeToBatch(benchmark::State& state) {
@@ -88,7 +74,7 @@ void ChangeToBatch(benchmark::State& state) {
         return;
     }
     const int index = static_cast<int>(::if_nametoindex("nvlat"));
-    netvane::UniqueFd requests(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    const netvane::NetlinkSocket requests(nv_nl_open(NETLINK_ROUTE));
 
     std::mutex mutex;
     std::condition_variable arrived;

@@ -20,7 +20,7 @@
 #include "admin_protocol/darwin/admin_xpc_protocols.h"
 #include "daemon/admin_daemon.h"
 #include "daemon/daemon_options.h"
-#include "daemon/darwin/authorization_services_authorizer.h"
+#include "daemon/darwin/authorizer.h"
 #include "daemon/darwin/xpc_sessions.h"
 #include "daemon/netcore_tunnel_owners.h"
 #include "netcore/sysconfig/network_preferences.h"

@@ -2,16 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
+
+#include "support/fatal.h"
 
 namespace netvane {
 namespace {
-
-[[noreturn]] void programmingError(const char* what) {
-    std::fprintf(stderr, "netvane: fatal: %s\n", what);
-    std::abort();
-}
 
 std::vector<Tier> tierTable(const RateHistory::Retention& retention) {
     return {Tier{0, retention.raw, {}}, Tier{RateHistory::kMinute, retention.minute, {}},
@@ -66,8 +61,8 @@ void RateHistory::prune(Date now) {
 }
 
 std::vector<RateSample> RateHistory::recentSamples(std::int64_t count) const {
-    if (count < 0) programmingError("recentSamples with a negative count");
-    if (tiers.empty()) programmingError("recentSamples on a history without tiers");
+    if (count < 0) fatal("recentSamples with a negative count");
+    if (tiers.empty()) fatal("recentSamples on a history without tiers");
     const auto& raw = tiers[0].buckets;
     std::size_t n = std::min(static_cast<std::uint64_t>(count), static_cast<std::uint64_t>(raw.size()));
     std::vector<RateSample> samples;

@@ -1,17 +1,16 @@
 #include "netcore/history/rate_sample.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+
+#include "support/fatal.h"
 
 namespace netvane {
 
 std::uint64_t checkedByteSum(std::uint64_t a, std::uint64_t b) {
     std::uint64_t sum = a + b;
     if (sum < a) {
-        std::fprintf(stderr, "netvane: fatal: byte count overflow (%llu + %llu)\n", static_cast<unsigned long long>(a),
-                     static_cast<unsigned long long>(b));
-        std::abort();
+        fatal("byte count overflow (%llu + %llu)", static_cast<unsigned long long>(a),
+              static_cast<unsigned long long>(b));
     }
     return sum;
 }

@@ -1,18 +1,16 @@
 #include "netcore/interfaces/bit_names.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <limits>
 
 #include "netcore/interfaces/interface_snapshot.h"
+#include "support/fatal.h"
 
 namespace netvane {
 namespace {
 
 std::uint32_t maskOf(std::int64_t bit) {
     if (bit < 0 || bit > std::numeric_limits<std::uint32_t>::max()) {
-        std::fprintf(stderr, "netvane: fatal: bit number %lld is outside 0...2^32-1\n", static_cast<long long>(bit));
-        std::abort();
+        fatal("bit number %lld is outside 0...2^32-1", static_cast<long long>(bit));
     }
     return bit >= 32 ? 0 : std::uint32_t{1} << bit;
 }

@@ -220,6 +220,9 @@ std::vector<InterfaceSnapshot> InterfaceReader::snapshot(const ifaddrs* list, co
         if (snapshot.index == 0) snapshot.index = ::if_nametoindex(snapshot.name.c_str());
         const KernelFacts* facts = known != nullptr ? known->facts(snapshot.name) : nullptr;
         apply(facts != nullptr ? *facts : askShim(snapshot), snapshot);
+        // The kernel takes nearly any byte in a name; what we show and keep
+        // is text. Only now, once it has been asked under the name it knows.
+        if (!isValidUtf8(snapshot.name)) snapshot.name = repairUtf8(snapshot.name);
     }
     return snapshots;
 }

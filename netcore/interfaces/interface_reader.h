@@ -34,7 +34,8 @@ public:
 
     // One snapshot per interface, in the order interfaces first occur in the
     // system's address list; an address listed under an alias label belongs
-    // to the interface the label names (interfaceNameOf).
+    // to the interface the label names (interfaceNameOf). A name that is not
+    // UTF-8 comes repaired (repairUtf8: one U+FFFD per ill-formed sequence).
     std::vector<InterfaceSnapshot> snapshot() const;
 
     // The snapshots of an address list already in hand (the list is not

@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "support/descriptors.h"
+#include "support/mutex.h"
 
 namespace netvane {
 namespace {
@@ -33,14 +33,14 @@ public:
     }
 
     std::uint64_t expect() {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         slot_.reset();
         drain();
         return ++ticket_;
     }
 
     void deliver(std::uint64_t ticket, Outcome outcome) {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         if (ticket != ticket_ || slot_) return;
         slot_.emplace(std::move(outcome));
         const char byte = 1;
@@ -52,7 +52,7 @@ public:
     Outcome await(const AttemptWaiter& waiter) {
         for (;;) {
             {
-                std::lock_guard lock(mutex_);
+                MutexLock lock(mutex_);
                 if (slot_) {
                     Outcome outcome = std::move(*slot_);
                     slot_.reset();
@@ -62,7 +62,7 @@ public:
                 }
             }
             if (auto woken = waiter.wait(wake_.readEnd.get(), POLLIN); !woken) {
-                std::lock_guard lock(mutex_);
+                MutexLock lock(mutex_);
                 ++ticket_;
                 return woken.error();
             }
@@ -78,9 +78,9 @@ private:
         }
     }
 
-    std::mutex mutex_;
-    std::uint64_t ticket_ = 0;
-    std::optional<Outcome> slot_;
+    Mutex mutex_;
+    std::uint64_t ticket_ NV_GUARDED_BY(mutex_) = 0;
+    std::optional<Outcome> slot_ NV_GUARDED_BY(mutex_);
     Pipe wake_;
 };
 

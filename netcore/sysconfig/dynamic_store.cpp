@@ -66,22 +66,22 @@ bool KeyMatcher::mayMatchUnder(std::string_view prefix) const {
 }
 
 void NotificationDelivery::attach(std::shared_ptr<SerialQueue> queue) {
-    const std::lock_guard guard(mutex_);
+    MutexLock lock(mutex_);
     queue_ = std::move(queue);
     ++generation_;
 }
 
 void NotificationDelivery::detach() {
-    std::unique_lock guard(mutex_);
+    MutexLock lock(mutex_);
     queue_.reset();
     ++generation_;
     // A callback that detaches from inside itself would wait for itself.
     if (running_ && runner_ == std::this_thread::get_id()) return;
-    idle_.wait(guard, [this] { return !running_; });
+    while (running_) lock.wait(idle_);
 }
 
 bool NotificationDelivery::attached() const {
-    const std::lock_guard guard(mutex_);
+    MutexLock lock(mutex_);
     return queue_ != nullptr;
 }
 
@@ -89,7 +89,7 @@ void NotificationDelivery::post(plist::Value changedKeys) {
     std::shared_ptr<SerialQueue> queue;
     std::uint64_t generation = 0;
     {
-        const std::lock_guard guard(mutex_);
+        MutexLock lock(mutex_);
         if (!queue_) return;
         queue = queue_;
         generation = generation_;
@@ -101,14 +101,14 @@ void NotificationDelivery::post(plist::Value changedKeys) {
 
 void NotificationDelivery::deliver(std::uint64_t generation, const plist::Value& changedKeys) {
     {
-        const std::lock_guard guard(mutex_);
+        MutexLock lock(mutex_);
         // A batch queued before a detach (or before re-attaching elsewhere) is stale.
         if (generation != generation_ || !queue_) return;
         running_ = true;
         runner_ = std::this_thread::get_id();
     }
     if (callback_) callback_(&changedKeys);
-    const std::lock_guard guard(mutex_);
+    MutexLock lock(mutex_);
     running_ = false;
     idle_.notify_all();
 }

@@ -24,13 +24,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include "support/mutex.h"
 #include "support/plist/value.h"
 #include "support/serial_queue.h"
 
@@ -107,12 +107,12 @@ private:
     void deliver(std::uint64_t generation, const plist::Value& changedKeys);
 
     const DynamicStore::Callback callback_;
-    mutable std::mutex mutex_;
+    mutable Mutex mutex_;
     std::condition_variable idle_;
-    std::shared_ptr<SerialQueue> queue_;  // guarded by mutex_
-    std::uint64_t generation_ = 0;        // guarded by mutex_; each attach and detach moves it on
-    bool running_ = false;                // guarded by mutex_
-    std::thread::id runner_;              // guarded by mutex_; the thread running the callback
+    std::shared_ptr<SerialQueue> queue_ NV_GUARDED_BY(mutex_);
+    std::uint64_t generation_ NV_GUARDED_BY(mutex_) = 0;  // each attach and detach moves it on
+    bool running_ NV_GUARDED_BY(mutex_) = false;
+    std::thread::id runner_ NV_GUARDED_BY(mutex_);  // the thread running the callback
 };
 
 }  // namespace netvane

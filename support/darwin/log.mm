@@ -5,9 +5,10 @@
 #include <atomic>
 #include <cstdio>
 #include <map>
-#include <mutex>
 #include <string>
 #include <utility>
+
+#include "support/mutex.h"
 
 namespace netvane {
 namespace {
@@ -16,11 +17,15 @@ std::atomic<bool> gMirror{false};
 
 // One log object per subsystem and category for the life of the process, as
 // the system expects; loggers are cheap values that share them.
+struct LogObjects {
+    Mutex mutex;
+    std::map<std::pair<std::string, std::string>, os_log_t> objects NV_GUARDED_BY(mutex);
+};
+
 os_log_t logObject(const std::string& subsystem, const std::string& category) {
-    static std::mutex mutex;
-    static std::map<std::pair<std::string, std::string>, os_log_t> objects;
-    const std::lock_guard guard(mutex);
-    __strong os_log_t& object = objects[{subsystem, category}];
+    static LogObjects table;
+    MutexLock lock(table.mutex);
+    __strong os_log_t& object = table.objects[{subsystem, category}];
     if (object == nil) object = os_log_create(subsystem.c_str(), category.c_str());
     return object;
 }

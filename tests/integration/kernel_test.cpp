@@ -620,5 +620,45 @@ TEST_F(KernelTest, CapabilityDumpsAnswerAsEachInterfacesOwnRequests) {
     EXPECT_TRUE(dumped.features.empty());
 }
 
+// Linux allows nearly any byte in a name, but what we show and keep is UTF-8:
+// the reader repairs a name that is not, after asking the kernel under the
+// name it has, so every command that shows or records interfaces gets the
+// repaired one and keeps working.
+TEST_F(KernelTest, ANameThatIsNotUtf8IsRepairedForStatusWatchAndHistory) {
+    const std::string raw = "nv\xff" "x";
+    const std::string repaired = "nv\xef\xbf\xbd" "x";  // one U+FFFD for the byte
+    ASSERT_TRUE(sh("name=$(printf 'nv\\377x') && ip link add \"$name\" type veth peer name nvutf && "
+                   "ip addr add 10.9.0.1/24 dev \"$name\" && ip link set \"$name\" up && ip link set nvutf up"));
+    ASSERT_NE(::if_nametoindex(raw.c_str()), 0u) << "the kernel keeps the byte as it is";
+    const auto snapshot = read(repaired);
+    ASSERT_TRUE(snapshot);
+    EXPECT_EQ(snapshot->index, ::if_nametoindex(raw.c_str()));
+    EXPECT_EQ(snapshot->mtu, 1500u) << "facts asked under the kernel's name";
+    ASSERT_EQ(snapshot->ipv4.size(), 1u);
+    EXPECT_FALSE(read(raw));
+
+    const std::string cli = NETVANE_CLI;
+    const std::string status = testing::capture(cli + " status --json").value_or("");
+    EXPECT_NE(status.find("\"name\": \"" + repaired + "\""), std::string::npos) << status;
+    EXPECT_EQ(status.find('\xff'), std::string::npos);
+
+    char directory[] = "/tmp/netvane-utf8-XXXXXX";
+    ASSERT_NE(::mkdtemp(directory), nullptr);
+    const std::string history = std::string(directory) + "/history.plist";
+    // A machine too busy to keep the interval records no rate (a stall is no
+    // rate): each try adds to the same history until one is there.
+    std::string shown;
+    for (int attempt = 0; attempt < 3 && shown.find("\"" + repaired + "\"") == std::string::npos; ++attempt) {
+        const std::string watched =
+            testing::capture(cli + " watch --interval 0.2 --count 3 --history " + history + " --json 2>&1")
+                .value_or("");
+        EXPECT_NE(watched.find(repaired), std::string::npos) << watched;
+        EXPECT_EQ(watched.find("cannot save"), std::string::npos) << watched;
+        shown = testing::capture(cli + " history show " + history + " --json").value_or("");
+    }
+    EXPECT_NE(shown.find("\"" + repaired + "\""), std::string::npos) << shown;
+    EXPECT_TRUE(sh("rm -rf " + std::string(directory)));
+}
+
 }  // namespace
 }  // namespace netvane

@@ -53,25 +53,28 @@ std::string addProfile(const ProfileSpec& spec) {
     if (!bus) return uuid;
     auto call = bus::methodCall(bus->get(), nm::kService, nm::kSettingsPath, nm::kSettingsInterface, "AddConnection2");
     sd_bus_message* m = call->get();
-    int r = sd_bus_message_open_container(m, 'a', "{sa{sv}}");
-    r = r < 0 ? r : sd_bus_message_open_container(m, 'e', "sa{sv}");
-    r = r < 0 ? r : sd_bus_message_append(m, "s", "connection");
-    r = r < 0 ? r : sd_bus_message_open_container(m, 'a', "{sv}");
-    r = r < 0 ? r : sd_bus_message_append(m, "{sv}{sv}{sv}{sv}{sv}", "id", "s", spec.id.c_str(), "uuid", "s", uuid.c_str(),
-                                          "type", "s", "802-3-ethernet", "autoconnect", "b", spec.autoconnect ? 1 : 0,
-                                          "autoconnect-priority", "i", spec.priority);
-    if (spec.interfaceName) r = r < 0 ? r : sd_bus_message_append(m, "{sv}", "interface-name", "s", spec.interfaceName->c_str());
-    r = r < 0 ? r : sd_bus_message_close_container(m);
-    r = r < 0 ? r : sd_bus_message_close_container(m);
-    r = r < 0 ? r : sd_bus_message_append(m, "{sa{sv}}", "802-3-ethernet", 0);
-    r = r < 0 ? r : sd_bus_message_append(m, "{sa{sv}}", "ipv4", 1, "method", "s", "disabled");
-    r = r < 0 ? r : sd_bus_message_append(m, "{sa{sv}}", "ipv6", 1, "method", "s", "ignore");
+    int r = bus::sd().sd_bus_message_open_container(m, 'a', "{sa{sv}}");
+    r = r < 0 ? r : bus::sd().sd_bus_message_open_container(m, 'e', "sa{sv}");
+    r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "s", "connection");
+    r = r < 0 ? r : bus::sd().sd_bus_message_open_container(m, 'a', "{sv}");
+    r = r < 0 ? r
+              : bus::sd().sd_bus_message_append(m, "{sv}{sv}{sv}{sv}{sv}", "id", "s", spec.id.c_str(), "uuid", "s",
+                                                uuid.c_str(), "type", "s", "802-3-ethernet", "autoconnect", "b",
+                                                spec.autoconnect ? 1 : 0, "autoconnect-priority", "i", spec.priority);
+    if (spec.interfaceName) {
+        r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "{sv}", "interface-name", "s", spec.interfaceName->c_str());
+    }
+    r = r < 0 ? r : bus::sd().sd_bus_message_close_container(m);
+    r = r < 0 ? r : bus::sd().sd_bus_message_close_container(m);
+    r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "{sa{sv}}", "802-3-ethernet", 0);
+    r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "{sa{sv}}", "ipv4", 1, "method", "s", "disabled");
+    r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "{sa{sv}}", "ipv6", 1, "method", "s", "ignore");
     if (spec.hidden) {
-        r = r < 0 ? r : sd_bus_message_append(m, "{sa{sv}}", "user", 1, "data", "a{ss}", 1, nm::kHiddenKey,
+        r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "{sa{sv}}", "user", 1, "data", "a{ss}", 1, nm::kHiddenKey,
                                               spec.hidden->c_str());
     }
-    r = r < 0 ? r : sd_bus_message_close_container(m);
-    r = r < 0 ? r : sd_bus_message_append(m, "ua{sv}", spec.inMemory ? 0x2u : 0x1u, 0);
+    r = r < 0 ? r : bus::sd().sd_bus_message_close_container(m);
+    r = r < 0 ? r : bus::sd().sd_bus_message_append(m, "ua{sv}", spec.inMemory ? 0x2u : 0x1u, 0);
     EXPECT_GE(r, 0);
     auto reply = bus::call(bus->get(), m);
     EXPECT_TRUE(reply) << (reply ? "" : reply.error().message);
@@ -91,12 +94,12 @@ std::string secret(const std::string& uuid, const char* setting, const char* key
     if (!bus) return "<no bus>";
     auto lookup = bus::methodCall(bus->get(), nm::kService, nm::kSettingsPath, nm::kSettingsInterface,
                                   "GetConnectionByUuid");
-    if (!lookup || sd_bus_message_append(lookup->get(), "s", uuid.c_str()) < 0) return "<no request>";
+    if (!lookup || bus::sd().sd_bus_message_append(lookup->get(), "s", uuid.c_str()) < 0) return "<no request>";
     auto found = bus::call(bus->get(), lookup->get());
     const char* path = nullptr;
-    if (!found || sd_bus_message_read(found->get(), "o", &path) < 0) return "<no profile>";
+    if (!found || bus::sd().sd_bus_message_read(found->get(), "o", &path) < 0) return "<no profile>";
     auto request = bus::methodCall(bus->get(), nm::kService, path, nm::kProfileInterface, "GetSecrets");
-    if (!request || sd_bus_message_append(request->get(), "s", setting) < 0) return "<no request>";
+    if (!request || bus::sd().sd_bus_message_append(request->get(), "s", setting) < 0) return "<no request>";
     auto reply = bus::call(bus->get(), request->get());
     if (!reply) return "<" + reply.error().message + ">";
     auto secrets = bus::readValue(reply->get());
@@ -243,7 +246,7 @@ TEST_F(NetworkManagerTest, AHungNetworkManagerCostsTimeoutsNotAHang) {
     // Someone holds NetworkManager's name and never answers.
     auto squatter = bus::openSystemBus();
     ASSERT_TRUE(squatter);
-    ASSERT_GE(sd_bus_request_name(squatter->get(), nm::kService, 0), 0);
+    ASSERT_GE(bus::sd().sd_bus_request_name(squatter->get(), nm::kService, 0), 0);
 
     const auto started = std::chrono::steady_clock::now();
     std::string reason;

@@ -145,7 +145,7 @@ bool NetworkManagerWorld::waitUntilRunning() {
         if (auto bus = bus::openSystemBus()) {
             auto get = bus::methodCall(bus->get(), nm::kService, nm::kManagerPath, "org.freedesktop.DBus.Properties",
                                        "Get");
-            if (get && sd_bus_message_append(get->get(), "ss", nm::kManagerInterface, "Startup") >= 0) {
+            if (get && bus::sd().sd_bus_message_append(get->get(), "ss", nm::kManagerInterface, "Startup") >= 0) {
                 if (auto reply = bus::call(bus->get(), get->get())) {
                     auto startup = bus::readValue(reply->get());
                     if (startup && startup->boolean() == false) return true;

@@ -11,8 +11,10 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <thread>
 
-#include "netcore/sysconfig/linux/linux_dynamic_store.h"
+#include "netcore/sysconfig/linux/dynamic_store.h"
+#include "netcore/sysconfig/linux/kernel_network.h"
 #include "netcore/sysconfig/network_change_watcher.h"
 #include "netcore/sysconfig/system_configuration_reader.h"
 #include "network_namespace.h"
@@ -75,6 +77,19 @@ protected:
     // Both ends up and carrying: the kernel reports the carrier up to a
     // second after the link is set up, and a watcher made before that would
     // see it as a change of its own.
+    // Forty veth pairs at once, each with an address: more events than a
+    // small receive queue holds.
+    static bool burst() {
+        std::string script;
+        for (int i = 0; i < 40; ++i) {
+            const std::string name = "nvo" + std::to_string(i);
+            script += "link add " + name + " type veth peer name " + name + "p\n";
+            script += "link set " + name + " up\nlink set " + name + "p up\n";
+            script += "addr add 10.3." + std::to_string(i) + ".1/24 dev " + name + "\n";
+        }
+        return sh("printf '" + script + "' | ip -batch -");
+    }
+
     static void vethPair(const std::string& a, const std::string& b) {
         ASSERT_TRUE(sh("ip link add " + a + " type veth peer name " + b + " && ip link set " + a + " up && ip link set " +
                        b + " up"));
@@ -216,14 +231,7 @@ TEST_F(SysconfigKernelTest, AnOverrunLosesNoChange) {
     NetworkChangeWatcher watcher(queue, batches.handler(), *stores);
     ASSERT_TRUE(watcher.watching());
 
-    std::string script;
-    for (int i = 0; i < 40; ++i) {
-        const std::string name = "nvo" + std::to_string(i);
-        script += "link add " + name + " type veth peer name " + name + "p\n";
-        script += "link set " + name + " up\nlink set " + name + "p up\n";
-        script += "addr add 10.3." + std::to_string(i) + ".1/24 dev " + name + "\n";
-    }
-    ASSERT_TRUE(sh("printf '" + script + "' | ip -batch -"));
+    ASSERT_TRUE(burst());
     const std::set<std::string> seen = batches.until({"State:/Network/Interface/nvo39/IPv4"});
     EXPECT_TRUE(seen.contains("State:/Network/Interface"));
     for (int i = 0; i < 40; ++i) {
@@ -232,6 +240,72 @@ TEST_F(SysconfigKernelTest, AnOverrunLosesNoChange) {
         EXPECT_TRUE(seen.contains("State:/Network/Interface/" + name + "/IPv4")) << name;
     }
     EXPECT_GT(overruns->load(), 0u) << "the burst fitted: this test did not reach the resync";
+}
+
+// A reader of the links that fails while told to, as the kernel may (short
+// of memory, or a dump it keeps interrupting); it counts what it answered.
+struct FlakyLinks {
+    std::shared_ptr<std::atomic<bool>> failing = std::make_shared<std::atomic<bool>>(false);
+    std::shared_ptr<std::atomic<int>> answered = std::make_shared<std::atomic<int>>(0);
+
+    ChangeMonitor::LinkReader reader() const {
+        return [failing = failing, answered = answered](nv_nl_socket_t* routing) -> Result<std::vector<kernel::Link>> {
+            if (*failing) return posixError(ENOMEM, "read the kernel's links");
+            auto links = kernel::dumpLinks(routing);
+            if (links) ++*answered;
+            return links;
+        };
+    }
+};
+
+TEST_F(SysconfigKernelTest, ALinkKnownBeforeAFailedReReadIsStillReportedWhenItGoes) {
+    // Down, so that its removal is one message of its own and nothing else
+    // tells the watcher about it.
+    ASSERT_TRUE(sh("ip link add nvgone type veth peer name nvgone-far"));
+    const FlakyLinks links;
+    auto overruns = std::make_shared<std::atomic<unsigned>>(0);
+    auto stores = makeLinuxDynamicStores(
+        ChangeMonitor::Options{.receiveBuffer = 1, .overruns = overruns, .readLinks = links.reader()});
+    auto queue = std::make_shared<SerialQueue>();
+    Batches batches;
+    NetworkChangeWatcher watcher(queue, batches.handler(), *stores);
+    ASSERT_TRUE(watcher.watching());
+
+    *links.failing = true;
+    ASSERT_TRUE(burst());
+    const std::set<std::string> lost = batches.until({"State:/Network/Interface/nvgone/Link"});
+    ASSERT_GT(overruns->load(), 0u) << "the burst fitted: this test did not reach the re-read";
+    EXPECT_TRUE(lost.contains("State:/Network/Interface/nvgone/Link")) << "lost events may have changed it";
+    // Until the burst has settled; a watcher that never does fails below.
+    for (const auto until = std::chrono::steady_clock::now() + 5s;
+         std::chrono::steady_clock::now() < until && batches.next(500ms);) {
+    }
+
+    ASSERT_TRUE(sh("ip link del nvgone"));
+    const std::set<std::string> gone =
+        batches.until({"State:/Network/Interface/nvgone/Link", "State:/Network/Interface/nvgone-far/Link"});
+    for (const char* key : {"State:/Network/Interface/nvgone/Link", "State:/Network/Interface/nvgone/IPv4",
+                            "State:/Network/Interface/nvgone-far/Link", "State:/Network/Interface"}) {
+        EXPECT_TRUE(gone.contains(key)) << key;
+    }
+
+    // Once the links can be read again, the re-read is made good.
+    const int before = links.answered->load();
+    *links.failing = false;
+    for (int i = 0; i < 100 && links.answered->load() == before; ++i) std::this_thread::sleep_for(20ms);
+    EXPECT_GT(links.answered->load(), before) << "the failed re-read was never tried again";
+}
+
+TEST_F(SysconfigKernelTest, AStoreWhoseFirstReadingFailsDoesNotClaimToNotify) {
+    FlakyLinks links;
+    *links.failing = true;
+    ChangeMonitor::Options options;
+    options.readLinks = links.reader();
+    auto store = makeLinuxDynamicStores(options)->create("Netvane", [](const plist::Value*) {});
+    // Without a baseline every removal would go unreported.
+    EXPECT_FALSE(store->setDispatchQueue(std::make_shared<SerialQueue>()));
+    *links.failing = false;
+    EXPECT_TRUE(store->setDispatchQueue(std::make_shared<SerialQueue>()));
 }
 
 // The CLI end of the same: the JSON keys are the records' field names, and

@@ -232,13 +232,16 @@ class InstalledTree(unittest.TestCase):
         self.assertIn("(NEEDED)", dynamic.stdout)
         self.assertNotIn("libsystemd", dynamic.stdout)
 
-    def test_consumer_builds_through_find_package(self):
-        build = self.work / "consumer-cmake"
-        configured = run(["cmake", "-S", HERE / "consumer", "-B", build, "-G", "Ninja",
+    def build_consumer(self, source, build):
+        configured = run(["cmake", "-S", HERE / source, "-B", build, "-G", "Ninja",
                           f"-DCMAKE_CXX_COMPILER={CXX}", f"-DCMAKE_PREFIX_PATH={self.usr}"])
         self.assertEqual(configured.returncode, 0, configured.stdout + configured.stderr)
         built = run(["cmake", "--build", build])
         self.assertEqual(built.returncode, 0, built.stdout + built.stderr)
+
+    def test_consumer_builds_through_find_package(self):
+        build = self.work / "consumer-cmake"
+        self.build_consumer("consumer", build)
         self.check_consumer(build / "consumer")
 
     def test_consumer_builds_through_pkg_config(self):
@@ -251,6 +254,21 @@ class InstalledTree(unittest.TestCase):
         built = run([CXX, "-std=c++20", HERE / "consumer/main.cpp", "-o", executable, *flags.stdout.split()])
         self.assertEqual(built.returncode, 0, built.stderr)
         self.check_consumer(executable)
+
+    def test_consumer_links_beside_the_bus_library(self):
+        # A program that links the bus library itself, and a shared object made
+        # from NetCore's archive: NetCore defines none of the library's
+        # functions, so neither overrides the library's own for the process.
+        build = self.work / "consumer-with-bus"
+        self.build_consumer("consumer_with_bus", build)
+        result = run([build / "consumer_with_bus"], timeout=60, env={**os.environ, "LD_LIBRARY_PATH": str(build)})
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        for binary, dynamic in ((build / "consumer_with_bus", False), (build / "libconfiguration_plugin.so", True)):
+            with self.subTest(binary=binary.name):
+                symbols = run(["nm", "--defined-only", *(["-D"] if dynamic else []), binary])
+                self.assertEqual(symbols.returncode, 0, symbols.stderr)
+                defined = [line for line in symbols.stdout.splitlines() if re.search(r" sd_bus_\w+$", line)]
+                self.assertEqual(defined, [], "the bus library's functions defined outside it")
 
 
 if __name__ == "__main__":

@@ -137,7 +137,7 @@ KernelFacts factsOf(const KernelLink& link, EthtoolReader& ethtool) {
         facts.nd6Flags = nv_linux_nd6_flags(kernel.accept_ra, kernel.disable_ipv6, kernel.accept_dad,
                                             (kernel.flags & IFF_NOARP) != 0);
     }
-    facts.functionalType = nv_linux_read_functional_type(kernel.name, kernel.type, link.hardware);
+    facts.functionalType = nv_linux_read_functional_type(NV_LINUX_SYSFS, kernel.name, kernel.type, link.hardware);
     return facts;
 }
 
@@ -202,10 +202,10 @@ struct AddressList::State {
             node.entry.ifa_flags = link->second->flags;
             setAddress(node.address, address.family, address.local, address.index);
             node.entry.ifa_addr = &node.address.any;
-            setNetmask(node.netmask, address.family, address.prefixLength);
+            setNetmask(node.netmask, address.family, address.prefix_length);
             node.entry.ifa_netmask = &node.netmask.any;
-            if (address.hasPeer || address.hasBroadcast) {
-                setAddress(node.other, address.family, address.hasPeer ? address.peer : address.broadcast,
+            if (address.has_peer || address.has_broadcast) {
+                setAddress(node.other, address.family, address.has_peer ? address.peer : address.broadcast,
                            address.index);
                 node.entry.ifa_dstaddr = &node.other.any;
             }

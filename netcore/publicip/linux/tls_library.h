@@ -1,7 +1,7 @@
 // The TLS library, loaded the first time a lookup needs it. Only the public-IP
 // lookup speaks TLS, and linking the library into the programs cost every one
-// of their starts its relocations (about 18,000, a millisecond and more)
-// whether or not they ever made a secure connection.
+// of their starts its relocations whether or not they ever made a secure
+// connection (bench/README.md has the cost).
 //
 // Each member is the library's own function under its own name; the macros
 // of its headers that stand for one of them (the retry flags, the host name,

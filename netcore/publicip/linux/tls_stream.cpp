@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <climits>
 
-#include "netcore/publicip/linux/socket_stream.h"
+#include "netcore/publicip/linux/byte_stream.h"
 #include "netcore/publicip/linux/tls_library.h"
 #include "netcore/publicip/public_ip.h"
 

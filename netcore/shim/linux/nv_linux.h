@@ -17,6 +17,7 @@ extern "C" {
 #endif
 
 struct ethtool_link_settings;
+struct nlattr;
 struct nlmsghdr;
 
 /* The Ethernet media word of a link: subtype by speed (Mb/s) and ethtool
@@ -44,11 +45,12 @@ uint32_t nv_linux_nd6_flags(int accept_ra, int disable_ipv6, int accept_dad, int
 /* IN6_IFF_* bits from the 32-bit IFA_F_* flags of an IPv6 address. */
 uint32_t nv_linux_in6_flags(uint32_t ifa_flags);
 
-/* The shim's interface data from the kernel's 64-bit link statistics (the
- * IFLA_STATS64 payload of `length` bytes, at least NV_LINUX_STATS64_MIN: the
- * fields up to the collisions), MTU and hardware type; line rate 0. */
+/* The shim's interface data from the kernel's 64-bit link statistics (an
+ * IFLA_STATS64 or IFLA_STATS_LINK_64 attribute of at least
+ * NV_LINUX_STATS64_MIN bytes: the fields up to the collisions), MTU and
+ * hardware type; line rate 0. Fails for a missing or shorter attribute. */
 #define NV_LINUX_STATS64_MIN (10 * sizeof(uint64_t))
-void nv_linux_ifdata(const void* stats, size_t length, uint32_t mtu, uint32_t hardware_type, nv_ifdata_t* out);
+int nv_linux_ifdata(const struct nlattr* stats, uint32_t mtu, uint32_t hardware_type, nv_ifdata_t* out);
 
 /* Interface flags in the IFF_* layout of the shared bit names. */
 uint32_t nv_linux_interface_flags(uint32_t kernel_flags);
@@ -97,13 +99,27 @@ typedef void (*nv_linux_features_visit_t)(int32_t index, uint32_t capabilities, 
 int nv_linux_dump_capabilities(const nv_linux_features_t* table, nv_linux_features_visit_t features,
                                nv_linux_features_visit_t timestamps, void* context);
 
+/* sysfs, which answers for the interfaces of the network namespace it was
+ * mounted in (IMPORTANT: a caller in a namespace of its own needs its own
+ * mount). `sysfs` is a descriptor of its root, or NV_LINUX_SYSFS for the
+ * system's /sys; tests hand in listings of their own. */
+#define NV_LINUX_SYSFS (-1)
+/* Whether a device backs the interface: its directory and the device it
+ * links to both lie outside devices/virtual, where the kernel puts what no
+ * hardware backs. So none backs an interface listed in
+ * devices/virtual/net, and a caller asking about many may read that
+ * listing once instead. */
+int nv_linux_sysfs_has_device(int sysfs, const char* ifname);
+/* Whether the interface is a radio (it has wireless attributes). */
+int nv_linux_sysfs_wireless(int sysfs, const char* ifname);
 /* Functional type of an interface whose hardware type is known; sysfs is
  * asked only about hardware interfaces. */
-uint32_t nv_linux_read_functional_type(const char* ifname, uint32_t hardware_type, int hardware);
+uint32_t nv_linux_read_functional_type(int sysfs, const char* ifname, uint32_t hardware_type, int hardware);
 
-/* The facts of one link message (RTM_NEWLINK), whether it answers a single
- * request, comes from the full link dump or from the compact IPv6 one; one
- * parser for all, so that every reading of a link agrees. */
+/* The facts of one link message (RTM_NEWLINK or RTM_DELLINK), whether it
+ * answers a single request, comes from the full link dump, the compact IPv6
+ * one or an event; one parser for all, so that every reading of a link
+ * agrees. */
 /* The C library's address-list entries leave room for this many address
  * bytes behind sll_addr's declared eight. */
 #define NV_LINUX_LINK_ADDRESS_MAX 24
@@ -120,6 +136,9 @@ typedef struct nv_linux_link {
     int names_parent;  /* the message names a parent device */
     int has_inet6;     /* IPv6 settings (the IPv6 dump and full messages) */
     int32_t accept_ra, disable_ipv6, accept_dad;
+    char kind[16];     /* the driver's kind ("veth", "tun", ...); empty for plain devices */
+    int32_t lower;     /* the link it runs over (IFLA_LINK), 0 for none */
+    int lower_elsewhere; /* that link lives in another namespace */
 } nv_linux_link_t;
 /* 0 for a message too short to be a link's, or without a name that fits. */
 int nv_linux_parse_link(const struct nlmsghdr* message, nv_linux_link_t* out);
@@ -129,26 +148,43 @@ int nv_linux_request_link(unsigned int index, const char* ifname, nv_linux_link_
 /* Whether the kernel names a link's parent device in full link messages
  * (from 5.19 on); where it does not, sysfs tells. */
 int nv_linux_kernel_names_parents(void);
-/* Whether a device backs a link read from a full link message. Only such
- * links have a real medium: virtual drivers make up a speed (a veth or tun
- * claims 10 Gb/s) or report none. */
-int nv_linux_link_has_device(const nv_linux_link_t* link);
-/* Whether sysfs lists a device behind the interface. IMPORTANT: sysfs shows
- * the network namespace it was mounted in. */
-int nv_linux_sysfs_has_device(const char* ifname);
+/* Whether a device backs a link read from a full link message: the one
+ * place that decides it. Only such links have a real medium: virtual
+ * drivers make up a speed (a veth or tun claims 10 Gb/s) or report none.
+ * Loopback never; where the kernel names parents (`names_parents`) the
+ * message says; elsewhere sysfs does. */
+int nv_linux_link_has_device(const nv_linux_link_t* link, int names_parents, int sysfs);
 
-/* A routing netlink socket (close-on-exec), or -1. */
-int nv_linux_netlink_socket(void);
-/* Sends a dump request on a netlink socket and hands every reply message of
- * `type` to visit. 1 when the dump completed; *interrupted (optional) tells
- * whether the kernel flagged it as changed while it ran. */
-typedef void (*nv_linux_visit_t)(const struct nlmsghdr* message, void* context);
-int nv_linux_netlink_dump(int fd, struct nlmsghdr* request, uint16_t type, nv_linux_visit_t visit, void* context,
-                          int* interrupted);
-/* Sends one (non-dump) request on a netlink socket and copies the one reply
- * message of `type` into buf; its length, or -1 on any error, a kernel
- * refusal or truncation. */
-int nv_linux_netlink_exchange(int fd, struct nlmsghdr* request, uint16_t type, unsigned char* buf, size_t size);
+/* One IPv4 or IPv6 address message: local, peer (where it differs from
+ * local) and broadcast, each present when its flag says so. */
+typedef struct nv_linux_address {
+    int32_t index;
+    uint8_t family;
+    uint8_t prefix_length;
+    uint32_t flags; /* IFA_F_*, all 32 bits */
+    uint8_t local[16];
+    uint8_t peer[16];
+    uint8_t broadcast[16];
+    int has_peer;
+    int has_broadcast;
+    char label[16]; /* IPv4 only; empty when the interface's name */
+} nv_linux_address_t;
+/* 0 for another family, or a message without an address of its size. */
+int nv_linux_parse_address(const struct nlmsghdr* message, nv_linux_address_t* out);
+
+/* A statistics message (RTM_NEWSTATS): its interface and its 64-bit
+ * statistics attribute (NULL when it has none). */
+int nv_linux_parse_stats(const struct nlmsghdr* message, int32_t* index, const struct nlattr** stats);
+
+/* A route message: its type (RTN_*), output interface and router. */
+typedef struct nv_linux_route {
+    uint8_t family;
+    uint8_t type;
+    int32_t interface;  /* 0 for none */
+    uint8_t gateway[16];
+    int has_gateway;
+} nv_linux_route_t;
+int nv_linux_parse_route(const struct nlmsghdr* message, nv_linux_route_t* out);
 
 /* Reads a small text file relative to dirfd into buf (terminated); the
  * number of bytes read, or -1. */

@@ -7,6 +7,7 @@
 #include <sys/ioctl.h>
 
 #include "netcore/shim/linux/nv_linux.h"
+#include "netcore/shim/nv_cleanup.h"
 #include "netcore/shim/nv_records.h"
 #include "netcore/shim/nv_shim.h"
 
@@ -35,7 +36,7 @@ static int link_settings_call(int sock, const char* ifname, struct ethtool_link_
  * interface, so a caller reading many interfaces passes it on. */
 int nv_linux_link_settings(int sock, const char* ifname, int* words, struct ethtool_link_settings* out) {
     const size_t size = sizeof(struct ethtool_link_settings) + 3 * NV_MAX_MASK_WORDS * sizeof(uint32_t);
-    struct ethtool_link_settings* request = malloc(size);
+    NV_AUTO_FREE struct ethtool_link_settings* request = malloc(size);
     if (!request) return 0;
     int known = words && *words > 0 && *words <= NV_MAX_MASK_WORDS ? *words : 0;
     int ok = link_settings_call(sock, ifname, request, known);
@@ -48,7 +49,6 @@ int nv_linux_link_settings(int sock, const char* ifname, int* words, struct etht
         *out = *request;
         if (words) *words = known;
     }
-    free(request);
     return ok;
 }
 
@@ -79,7 +79,8 @@ int nv_get_media(int sock, const char* ifname, nv_media_t* out) {
     if (!ifname || !out) return 0;
     nv_linux_link_t link;
     struct ethtool_link_settings settings;
-    return nv_linux_request_link(0, ifname, &link) && nv_linux_link_has_device(&link) &&
+    return nv_linux_request_link(0, ifname, &link) &&
+           nv_linux_link_has_device(&link, nv_linux_kernel_names_parents(), NV_LINUX_SYSFS) &&
            nv_linux_link_settings(sock, ifname, NULL, &settings) && nv_linux_media(sock, ifname, &settings, out);
 }
 
@@ -87,16 +88,15 @@ int nv_get_media(int sock, const char* ifname, nv_media_t* out) {
  * every interface; only the enabled bits are the interface's. */
 int nv_linux_feature_table(int sock, const char* ifname, nv_linux_features_t* out) {
     /* One set asked, so one count follows the header. */
-    struct ethtool_sset_info* sset = calloc(1, sizeof *sset + sizeof(uint32_t));
+    NV_AUTO_FREE struct ethtool_sset_info* sset = calloc(1, sizeof *sset + sizeof(uint32_t));
     if (!sset) return 0;
     sset->cmd = ETHTOOL_GSSET_INFO;
     sset->sset_mask = 1ull << ETH_SS_FEATURES;
     int known = ethtool(sock, ifname, sset) && (sset->sset_mask & (1ull << ETH_SS_FEATURES));
     uint32_t count = known ? sset->data[0] : 0;
-    free(sset);
     if (count == 0 || count > NV_LINUX_MAX_FEATURES) return 0;
 
-    struct ethtool_gstrings* names = calloc(1, sizeof *names + (size_t)count * ETH_GSTRING_LEN);
+    NV_AUTO_FREE struct ethtool_gstrings* names = calloc(1, sizeof *names + (size_t)count * ETH_GSTRING_LEN);
     if (!names) return 0;
     names->cmd = ETHTOOL_GSTRINGS;
     names->string_set = ETH_SS_FEATURES;
@@ -113,14 +113,14 @@ int nv_linux_feature_table(int sock, const char* ifname, nv_linux_features_t* ou
             out->capability[i] = nv_linux_feature_capability(name);
         }
     }
-    free(names);
     return ok;
 }
 
 int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* table, uint32_t* out) {
     if (table->count == 0 || table->count > NV_LINUX_MAX_FEATURES) return 0;
     uint32_t blocks = (table->count + 31) / 32;
-    struct ethtool_gfeatures* features = calloc(1, sizeof *features + blocks * sizeof(struct ethtool_get_features_block));
+    NV_AUTO_FREE struct ethtool_gfeatures* features =
+        calloc(1, sizeof *features + blocks * sizeof(struct ethtool_get_features_block));
     if (!features) return 0;
     features->cmd = ETHTOOL_GFEATURES;
     features->size = blocks;
@@ -132,7 +132,6 @@ int nv_linux_curcap(int sock, const char* ifname, const nv_linux_features_t* tab
         for (uint32_t i = 0; i < blocks; ++i) active[i] = features->features[i].active;
         *out = nv_linux_feature_capabilities(table, active, blocks) | nv_linux_timestamp_request(sock, ifname);
     }
-    free(features);
     return ok;
 }
 
@@ -158,10 +157,8 @@ uint32_t nv_linux_timestamp_request(int sock, const char* ifname) {
 
 int nv_get_curcap(int sock, const char* ifname, uint32_t* out) {
     if (!ifname || !out) return 0;
-    nv_linux_features_t* table = malloc(sizeof *table);
-    int ok = table && nv_linux_feature_table(sock, ifname, table) && nv_linux_curcap(sock, ifname, table, out);
-    free(table);
-    return ok;
+    NV_AUTO_FREE nv_linux_features_t* table = malloc(sizeof *table);
+    return table && nv_linux_feature_table(sock, ifname, table) && nv_linux_curcap(sock, ifname, table, out);
 }
 
 int nv_get_mtu(int sock, const char* ifname, uint32_t* out) {

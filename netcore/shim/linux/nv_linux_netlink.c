@@ -1,297 +1,414 @@
-/* The one parser of link messages; counters and IPv6 address flags through
- * single (non-dump) rtnetlink requests, each on a socket of its own that
- * lives only for the call; and the dump loop of callers that read every
- * interface at once. */
+/* The one netlink layer: attributes, requests and the three loops. */
+#include "netcore/shim/linux/nv_linux_netlink.h"
+
 #include <errno.h>
-#include <net/if.h>
-#include <net/if_arp.h>
-#include <netinet/in.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/utsname.h>
 #include <unistd.h>
-/* After the C library's address headers: the kernel's IPv6 header then
- * leaves their definitions alone. */
-#include <linux/ethtool.h>
-#include <linux/if_addr.h>
-#include <linux/if_link.h>
-#include <linux/ipv6.h>
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
 
-#include "netcore/shim/linux/nv_linux.h"
-#include "netcore/shim/nv_records.h"
-#include "netcore/shim/nv_shim.h"
+#include "netcore/shim/nv_cleanup.h"
 
-/* Room for one link message with every attribute the kernel adds by default,
- * and for the largest batch of dump messages the kernel sends at once. */
-#define NV_NETLINK_REPLY_SIZE 65536
+/* Room for the largest batch of dump messages or events the kernel sends
+ * in one datagram (it caps a dump's at 32 KiB), and for one link message
+ * with every attribute the kernel adds by default. */
+#define NV_NL_BUFFER_SIZE 65536
 
-int nv_linux_netlink_socket(void) { return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE); }
+struct nv_nl_socket {
+    int fd; /* -1 for a test's transport */
+    int bound;     /* the port is known */
+    uint32_t port;
+    uint32_t sequence; /* the last request's; each request takes the next */
+    nv_nl_transport_t transport;
+    void* context;
+    unsigned char* buffer; /* NV_NL_BUFFER_SIZE bytes, aligned for messages */
+};
 
-int nv_linux_netlink_exchange(int fd, struct nlmsghdr* request, uint16_t type, unsigned char* buf, size_t size) {
-    if (fd < 0) return -1;
-    struct sockaddr_nl kernel;
-    memset(&kernel, 0, sizeof kernel);
-    kernel.nl_family = AF_NETLINK;
-    int result = -1;
-    if (sendto(fd, request, request->nlmsg_len, 0, (struct sockaddr*)&kernel, sizeof kernel) ==
-        (ssize_t)request->nlmsg_len) {
-        for (;;) {
-            ssize_t n = recv(fd, buf, size, MSG_TRUNC);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < (ssize_t)sizeof(struct nlmsghdr) || (size_t)n > size) break;
-            struct nlmsghdr* reply = (struct nlmsghdr*)buf;
-            if (!NLMSG_OK(reply, (size_t)n)) break;
-            if (reply->nlmsg_seq != request->nlmsg_seq) continue;
-            if (reply->nlmsg_type == type) result = (int)reply->nlmsg_len;
-            break;
-        }
+/* --- Attributes ------------------------------------------------------ */
+
+int nv_nl_parse(const struct nlattr** table, uint16_t max, const void* data, size_t length) {
+    memset(table, 0, ((size_t)max + 1) * sizeof *table);
+    const unsigned char* bytes = data;
+    size_t offset = 0;
+    while (bytes && offset < length && length - offset >= NLA_HDRLEN) {
+        const struct nlattr* attribute = (const struct nlattr*)(bytes + offset);
+        if (attribute->nla_len < NLA_HDRLEN || attribute->nla_len > length - offset) return 0;
+        const uint16_t type = attribute->nla_type & NLA_TYPE_MASK;
+        if (type <= max && !table[type]) table[type] = attribute;
+        offset += NLA_ALIGN(attribute->nla_len);
     }
-    return result;
-}
-
-/* A single (non-dump) request header; the payload follows it. */
-static void start_request(struct nlmsghdr* header, uint16_t type, size_t payload) {
-    header->nlmsg_len = NLMSG_LENGTH(payload);
-    header->nlmsg_type = type;
-    header->nlmsg_flags = NLM_F_REQUEST;
-    header->nlmsg_seq = 1;
-}
-
-static void put_attribute(struct nlmsghdr* message, uint16_t type, const void* data, size_t length) {
-    struct rtattr* attribute = (struct rtattr*)((unsigned char*)message + NLMSG_ALIGN(message->nlmsg_len));
-    attribute->rta_type = type;
-    attribute->rta_len = (unsigned short)RTA_LENGTH(length);
-    memcpy(RTA_DATA(attribute), data, length);
-    message->nlmsg_len = NLMSG_ALIGN(message->nlmsg_len) + RTA_ALIGN(attribute->rta_len);
-}
-
-void nv_linux_ifdata(const void* stats, size_t length, uint32_t mtu, uint32_t hardware_type, nv_ifdata_t* out) {
-    /* Kernels append fields to the statistics; older ones send fewer. */
-    struct rtnl_link_stats64 copy;
-    memset(&copy, 0, sizeof copy);
-    memcpy(&copy, stats, length < sizeof copy ? length : sizeof copy);
-    const struct rtnl_link_stats64* s = &copy;
-    memset(out, 0, sizeof *out);
-    out->ibytes = s->rx_bytes;
-    out->obytes = s->tx_bytes;
-    out->ipackets = s->rx_packets;
-    out->opackets = s->tx_packets;
-    out->ierrors = s->rx_errors;
-    out->oerrors = s->tx_errors;
-    out->imcasts = s->multicast; /* Linux counts received multicast only */
-    out->omcasts = 0;
-    out->collisions = s->collisions;
-    out->iqdrops = s->rx_dropped;
-    out->mtu = mtu;
-    out->type = nv_linux_iftype(hardware_type);
-}
-
-static int copy_string(const struct rtattr* attribute, char name[16]) {
-    const char* text = RTA_DATA(attribute);
-    size_t length = strnlen(text, RTA_PAYLOAD(attribute));
-    if (length >= 16) return 0;
-    memcpy(name, text, length);
-    name[length] = '\0';
     return 1;
 }
 
-static void read_inet6_settings(struct rtattr* inet6, nv_linux_link_t* link) {
-    int remaining = (int)RTA_PAYLOAD(inet6);
-    for (struct rtattr* a = RTA_DATA(inet6); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
-        if (a->rta_type != IFLA_INET6_CONF) continue;
-        const size_t count = RTA_PAYLOAD(a) / sizeof(int32_t);
-        if (count <= DEVCONF_ACCEPT_RA || count <= DEVCONF_DISABLE_IPV6 || count <= DEVCONF_ACCEPT_DAD) return;
-        const unsigned char* values = RTA_DATA(a);
-        memcpy(&link->accept_ra, values + DEVCONF_ACCEPT_RA * sizeof(int32_t), sizeof(int32_t));
-        memcpy(&link->disable_ipv6, values + DEVCONF_DISABLE_IPV6 * sizeof(int32_t), sizeof(int32_t));
-        memcpy(&link->accept_dad, values + DEVCONF_ACCEPT_DAD * sizeof(int32_t), sizeof(int32_t));
-        link->has_inet6 = 1;
-    }
+const void* nv_nl_header(const struct nlmsghdr* message, size_t size) {
+    if (!message || message->nlmsg_len < NLMSG_LENGTH(size)) return NULL;
+    return NLMSG_DATA(message);
 }
 
-/* The full message keeps the IPv6 settings among the per-family ones; the
- * IPv6 dump's message keeps them as its protocol information. */
-int nv_linux_parse_link(const struct nlmsghdr* message, nv_linux_link_t* out) {
-    if (!message || !out || message->nlmsg_len < NLMSG_LENGTH(sizeof(struct ifinfomsg))) return 0;
-    struct ifinfomsg* info = NLMSG_DATA(message);
-    nv_linux_link_t link;
-    memset(&link, 0, sizeof link);
-    link.index = info->ifi_index;
-    link.flags = info->ifi_flags;
-    link.type = info->ifi_type;
-    int named = 0;
-    struct rtattr* stats = NULL;
-    int remaining = (int)IFLA_PAYLOAD(message);
-    for (struct rtattr* a = IFLA_RTA(info); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
-        switch (a->rta_type) {
-        case IFLA_IFNAME: named = copy_string(a, link.name); break;
-        case IFLA_ADDRESS:
-            if (RTA_PAYLOAD(a) <= sizeof link.address) {
-                link.address_length = (uint8_t)RTA_PAYLOAD(a);
-                memcpy(link.address, RTA_DATA(a), link.address_length);
-            }
-            break;
-        case IFLA_MTU:
-            if (RTA_PAYLOAD(a) >= sizeof link.mtu) memcpy(&link.mtu, RTA_DATA(a), sizeof link.mtu);
-            break;
-        case IFLA_STATS64: stats = a; break;
-        case IFLA_PARENT_DEV_NAME: link.names_parent = 1; break;
-        case IFLA_PROTINFO:
-            if (info->ifi_family == AF_INET6) read_inet6_settings(a, &link);
-            break;
-        case IFLA_AF_SPEC: {
-            int families = (int)RTA_PAYLOAD(a);
-            for (struct rtattr* f = RTA_DATA(a); RTA_OK(f, families); f = RTA_NEXT(f, families)) {
-                if (f->rta_type == AF_INET6) read_inet6_settings(f, &link);
-            }
-            break;
-        }
-        default: break;
-        }
-    }
-    if (!named) return 0;
-    /* The MTU may follow the statistics, so the data is made last. */
-    if (stats && RTA_PAYLOAD(stats) >= NV_LINUX_STATS64_MIN) {
-        nv_linux_ifdata(RTA_DATA(stats), RTA_PAYLOAD(stats), link.mtu, link.type, &link.data);
-        link.has_data = 1;
-    }
-    *out = link;
-    return 1;
-}
-
-int nv_linux_request_link(unsigned int index, const char* ifname, nv_linux_link_t* out) {
-    if (!out || index > (unsigned)INT32_MAX || (index == 0 && !ifname)) return 0;
-    struct {
-        struct nlmsghdr header;
-        struct ifinfomsg info;
-        unsigned char attributes[RTA_SPACE(16)];
-    } request;
-    memset(&request, 0, sizeof request);
-    start_request(&request.header, RTM_GETLINK, sizeof request.info);
-    request.info.ifi_family = AF_UNSPEC;
-    request.info.ifi_index = (int)index;
-    if (index == 0) {
-        char name[16];
-        nv_copy_ifname(name, ifname);
-        put_attribute(&request.header, IFLA_IFNAME, name, strlen(name) + 1);
-    }
-    unsigned char* buf = malloc(NV_NETLINK_REPLY_SIZE);
-    if (!buf) return 0;
-    int fd = nv_linux_netlink_socket();
-    int length = nv_linux_netlink_exchange(fd, &request.header, RTM_NEWLINK, buf, NV_NETLINK_REPLY_SIZE);
-    if (fd >= 0) close(fd);
-    int ok = length > 0 && nv_linux_parse_link((const struct nlmsghdr*)buf, out);
-    free(buf);
-    return ok;
-}
-
-int nv_linux_kernel_names_parents(void) {
-    struct utsname system;
-    int major = 0, minor = 0;
-    if (uname(&system) != 0 || sscanf(system.release, "%d.%d", &major, &minor) != 2) return 0;
-    return major > 5 || (major == 5 && minor >= 19);
-}
-
-int nv_linux_link_has_device(const nv_linux_link_t* link) {
-    if (link->type == ARPHRD_LOOPBACK) return 0;
-    return nv_linux_kernel_names_parents() ? link->names_parent : nv_linux_sysfs_has_device(link->name);
-}
-
-int nv_get_ifdata(unsigned int ifindex, const char* ifname, nv_ifdata_t* out) {
-    if (!ifname || !out || ifindex == 0) return 0;
-    nv_linux_link_t link;
-    if (!nv_linux_request_link(ifindex, NULL, &link) || !link.has_data || link.index != (int32_t)ifindex) return 0;
-    /* The index may have been handed to another interface since the caller
-     * read it; foreign counters would be worse than none. */
-    char expected[16];
-    nv_copy_ifname(expected, ifname);
-    if (strncmp(expected, link.name, 16) != 0) return 0;
-    nv_ifdata_t data = link.data;
-    if (nv_linux_link_has_device(&link)) {
-        /* Interface ioctls work on any socket, a netlink one too. */
-        int fd = nv_linux_netlink_socket();
-        struct ethtool_link_settings settings;
-        if (fd >= 0 && nv_linux_link_settings(fd, ifname, NULL, &settings)) data.baudrate = nv_linux_baudrate(&settings);
-        if (fd >= 0) close(fd);
-    }
-    *out = data;
-    return 1;
-}
-
-int nv_get_in6_addr_flags(int sock, const char* ifname, const struct sockaddr_in6* addr, uint32_t* out) {
-    if (!addr || addr->sin6_family != AF_INET6 || !ifname || !out) return 0;
-    struct ifreq ifr;
-    memset(&ifr, 0, sizeof ifr);
-    nv_copy_ifname(ifr.ifr_name, ifname);
-    if (ioctl(sock, SIOCGIFINDEX, &ifr) != 0) return 0;
-
-    struct {
-        struct nlmsghdr header;
-        struct ifaddrmsg address;
-        unsigned char attributes[RTA_SPACE(16)];
-    } request;
-    memset(&request, 0, sizeof request);
-    start_request(&request.header, RTM_GETADDR, sizeof request.address);
-    request.address.ifa_family = AF_INET6;
-    request.address.ifa_index = (uint32_t)ifr.ifr_ifindex;
-    put_attribute(&request.header, IFA_ADDRESS, &addr->sin6_addr, 16);
-
-    unsigned char buf[4096];
-    int fd = nv_linux_netlink_socket();
-    int length = nv_linux_netlink_exchange(fd, &request.header, RTM_NEWADDR, buf, sizeof buf);
-    if (fd >= 0) close(fd);
-    if (length < (int)NLMSG_LENGTH(sizeof(struct ifaddrmsg))) return 0;
-    struct nlmsghdr* reply = (struct nlmsghdr*)buf;
-    struct ifaddrmsg* message = NLMSG_DATA(reply);
-    /* The header's byte truncates the flags; the attribute holds all 32 bits. */
-    uint32_t flags = message->ifa_flags;
-    int remaining = (int)IFA_PAYLOAD(reply);
-    for (struct rtattr* a = IFA_RTA(message); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
-        if (a->rta_type == IFA_FLAGS && RTA_PAYLOAD(a) >= sizeof flags) memcpy(&flags, RTA_DATA(a), sizeof flags);
-    }
-    *out = nv_linux_in6_flags(flags);
-    return 1;
-}
-
-int nv_linux_netlink_dump(int fd, struct nlmsghdr* request, uint16_t type, nv_linux_visit_t visit, void* context,
-                          int* interrupted) {
-    if (fd < 0 || !request || !visit) return 0;
-    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    struct sockaddr_nl kernel;
-    memset(&kernel, 0, sizeof kernel);
-    kernel.nl_family = AF_NETLINK;
-    if (sendto(fd, request, request->nlmsg_len, 0, (struct sockaddr*)&kernel, sizeof kernel) !=
-        (ssize_t)request->nlmsg_len) {
+int nv_nl_parse_message(const struct nlattr** table, uint16_t max, const struct nlmsghdr* message, size_t header) {
+    const size_t start = NLMSG_LENGTH(NLMSG_ALIGN(header));
+    if (!message || message->nlmsg_len < start) {
+        memset(table, 0, ((size_t)max + 1) * sizeof *table);
         return 0;
     }
-    unsigned char* buf = malloc(NV_NETLINK_REPLY_SIZE);
-    if (!buf) return 0;
-    int done = 0, failed = 0, changed = 0;
-    while (!done && !failed) {
-        ssize_t n = recv(fd, buf, NV_NETLINK_REPLY_SIZE, MSG_TRUNC);
+    return nv_nl_parse(table, max, (const unsigned char*)message + start, message->nlmsg_len - start);
+}
+
+int nv_nl_parse_nested(const struct nlattr** table, uint16_t max, const struct nlattr* nest) {
+    return nv_nl_parse(table, max, nv_nl_data(nest), nv_nl_length(nest));
+}
+
+const char* nv_nl_text(const struct nlattr* attribute, size_t* length) {
+    if (!attribute) return NULL;
+    const char* text = nv_nl_data(attribute);
+    *length = strnlen(text, nv_nl_length(attribute));
+    return text;
+}
+
+int nv_nl_string(const struct nlattr* attribute, char* out, size_t size) {
+    size_t length = 0;
+    const char* text = nv_nl_text(attribute, &length);
+    if (!text || length >= size) return 0;
+    memcpy(out, text, length);
+    out[length] = '\0';
+    return 1;
+}
+
+int nv_nl_s32_at(const struct nlattr* attribute, size_t index, int32_t* out) {
+    const size_t count = nv_nl_length(attribute) / sizeof *out;
+    if (!attribute || index >= count) return 0;
+    memcpy(out, (const unsigned char*)nv_nl_data(attribute) + index * sizeof *out, sizeof *out);
+    return 1;
+}
+
+/* --- Requests -------------------------------------------------------- */
+
+void* nv_nl_request(nv_nl_request_t* request, uint16_t type, uint16_t flags, size_t header) {
+    memset(request, 0, sizeof *request);
+    if (NLMSG_SPACE(header) > sizeof request->message.bytes) {
+        request->overflow = 1;
+        return NULL;
+    }
+    request->message.header.nlmsg_len = (uint32_t)NLMSG_LENGTH(header);
+    request->message.header.nlmsg_type = type;
+    request->message.header.nlmsg_flags = (uint16_t)(flags | NLM_F_REQUEST);
+    return NLMSG_DATA(&request->message.header);
+}
+
+int nv_nl_put(nv_nl_request_t* request, uint16_t type, const void* data, size_t length) {
+    const size_t at = NLMSG_ALIGN(request->message.header.nlmsg_len);
+    if (request->overflow || length > UINT16_MAX - NLA_HDRLEN || at > sizeof request->message.bytes ||
+        NLA_ALIGN(NLA_HDRLEN + length) > sizeof request->message.bytes - at) {
+        request->overflow = 1;
+        return 0;
+    }
+    struct nlattr* attribute = (struct nlattr*)(request->message.bytes + at);
+    attribute->nla_type = type;
+    attribute->nla_len = (uint16_t)(NLA_HDRLEN + length);
+    if (length) memcpy(request->message.bytes + at + NLA_HDRLEN, data, length);
+    request->message.header.nlmsg_len = (uint32_t)(at + NLA_ALIGN(attribute->nla_len));
+    return 1;
+}
+
+int nv_nl_put_u32(nv_nl_request_t* request, uint16_t type, uint32_t value) {
+    return nv_nl_put(request, type, &value, sizeof value);
+}
+
+int nv_nl_put_string(nv_nl_request_t* request, uint16_t type, const char* text) {
+    return nv_nl_put(request, type, text, strlen(text) + 1);
+}
+
+size_t nv_nl_nest_start(nv_nl_request_t* request, uint16_t type) {
+    const size_t at = NLMSG_ALIGN(request->message.header.nlmsg_len);
+    return nv_nl_put(request, type | NLA_F_NESTED, NULL, 0) ? at : 0;
+}
+
+void nv_nl_nest_end(nv_nl_request_t* request, size_t start) {
+    if (request->overflow || start == 0) return;
+    struct nlattr* nest = (struct nlattr*)(request->message.bytes + start);
+    nest->nla_len = (uint16_t)(request->message.header.nlmsg_len - start);
+}
+
+/* --- Sockets --------------------------------------------------------- */
+
+static ssize_t kernel_send(void* context, const void* data, size_t length) {
+    const nv_nl_socket_t* socket = context;
+    struct sockaddr_nl kernel;
+    memset(&kernel, 0, sizeof kernel);
+    kernel.nl_family = AF_NETLINK;
+    return sendto(socket->fd, data, length, 0, (struct sockaddr*)&kernel, sizeof kernel);
+}
+
+static ssize_t kernel_receive(void* context, void* buffer, size_t size, int flags, uint32_t* sender) {
+    const nv_nl_socket_t* socket = context;
+    struct sockaddr_nl from;
+    memset(&from, 0, sizeof from);
+    struct iovec vector = {buffer, size};
+    struct msghdr header;
+    memset(&header, 0, sizeof header);
+    header.msg_name = &from;
+    header.msg_namelen = sizeof from;
+    header.msg_iov = &vector;
+    header.msg_iovlen = 1;
+    const ssize_t n = recvmsg(socket->fd, &header, flags | MSG_TRUNC);
+    /* Only the kernel speaks from port 0; anything else is someone else. */
+    *sender = header.msg_namelen == sizeof from && from.nl_family == AF_NETLINK ? from.nl_pid : UINT32_MAX;
+    return n;
+}
+
+static const nv_nl_transport_t kernel_transport = {kernel_send, kernel_receive};
+
+static nv_nl_socket_t* make_socket(void) {
+    nv_nl_socket_t* socket = calloc(1, sizeof *socket);
+    if (!socket) return NULL;
+    socket->fd = -1;
+    if (posix_memalign((void**)&socket->buffer, sizeof(uint64_t), NV_NL_BUFFER_SIZE) != 0) {
+        free(socket);
+        errno = ENOMEM;
+        return NULL;
+    }
+    return socket;
+}
+
+nv_nl_socket_t* nv_nl_open(int protocol) {
+    NV_AUTO_CLOSE int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol);
+    if (fd < 0) return NULL;
+    nv_nl_socket_t* opened = make_socket();
+    if (!opened) return NULL;
+    opened->fd = nv_take_fd(&fd);
+    opened->transport = kernel_transport;
+    opened->context = opened;
+    return opened;
+}
+
+/* The kernel gives an unbound socket its port with its first request; what
+ * it is, is asked once, before the first reply is read. */
+static int learn_port(nv_nl_socket_t* socket) {
+    if (socket->bound) return 1;
+    struct sockaddr_nl address;
+    memset(&address, 0, sizeof address);
+    socklen_t length = sizeof address;
+    if (getsockname(socket->fd, (struct sockaddr*)&address, &length) != 0 || length != sizeof address ||
+        address.nl_family != AF_NETLINK) {
+        return 0;
+    }
+    socket->port = address.nl_pid;
+    socket->bound = 1;
+    return 1;
+}
+
+nv_nl_socket_t* nv_nl_open_transport(const nv_nl_transport_t* transport, void* context, uint32_t port) {
+    if (!transport || !transport->send || !transport->receive) return NULL;
+    nv_nl_socket_t* opened = make_socket();
+    if (!opened) return NULL;
+    opened->port = port;
+    opened->bound = 1;
+    opened->transport = *transport;
+    opened->context = context;
+    return opened;
+}
+
+void nv_nl_close(nv_nl_socket_t* socket) {
+    if (!socket) return;
+    nv_close_fd(&socket->fd);
+    free(socket->buffer);
+    free(socket);
+}
+
+int nv_nl_fd(const nv_nl_socket_t* socket) { return socket ? socket->fd : -1; }
+
+int nv_nl_join(nv_nl_socket_t* socket, unsigned group) {
+    if (!socket) return 0;
+    if (!socket->bound) {
+        struct sockaddr_nl address;
+        memset(&address, 0, sizeof address);
+        address.nl_family = AF_NETLINK;
+        if (bind(socket->fd, (struct sockaddr*)&address, sizeof address) != 0 || !learn_port(socket)) return 0;
+    }
+    return setsockopt(socket->fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) == 0;
+}
+
+/* The next whole message of a datagram, or NULL at its end; *malformed
+ * when bytes remain that are no whole message. */
+static const struct nlmsghdr* next_message(const unsigned char* data, size_t length, size_t* offset,
+                                           int* malformed) {
+    if (*offset >= length) return NULL;
+    const struct nlmsghdr* message = (const struct nlmsghdr*)(data + *offset);
+    if (length - *offset < sizeof *message || message->nlmsg_len < sizeof *message ||
+        message->nlmsg_len > length - *offset) {
+        *malformed = 1;
+        return NULL;
+    }
+    const size_t step = NLMSG_ALIGN(message->nlmsg_len);
+    *offset = step < length - *offset ? *offset + step : length;
+    return message;
+}
+
+/* The kernel's errors are its negated errnos, none past this. */
+#define NV_NL_MAX_ERRNO 4095
+
+/* The errno an error reply or a dump's end carries (0: none); EPROTO when
+ * it is too short to carry one or carries no errno the kernel could send. */
+static int carried_error(const struct nlmsghdr* message) {
+    const int* error = nv_nl_header(message, sizeof(int));
+    if (!error) return EPROTO;
+    if (*error >= 0) return 0;
+    return *error >= -NV_NL_MAX_ERRNO ? -*error : EPROTO;
+}
+
+static int send_request(nv_nl_socket_t* socket, nv_nl_request_t* request) {
+    if (request->overflow) {
+        errno = EMSGSIZE;
+        return 0;
+    }
+    struct nlmsghdr* header = &request->message.header;
+    if (++socket->sequence == 0) ++socket->sequence;
+    header->nlmsg_seq = socket->sequence;
+    header->nlmsg_pid = 0;
+    ssize_t sent;
+    do {
+        sent = socket->transport.send(socket->context, header, header->nlmsg_len);
+    } while (sent < 0 && errno == EINTR);
+    if (sent != (ssize_t)header->nlmsg_len) {
+        if (sent >= 0) errno = EIO;
+        return 0;
+    }
+    return learn_port(socket);
+}
+
+/* One datagram from the kernel, whole; its length, or -1 with errno. */
+static ssize_t receive_reply(nv_nl_socket_t* socket) {
+    for (;;) {
+        uint32_t sender = 0;
+        const ssize_t n = socket->transport.receive(socket->context, socket->buffer, NV_NL_BUFFER_SIZE, 0, &sender);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0 || n > NV_NETLINK_REPLY_SIZE) break;
-        size_t remaining = (size_t)n;
-        for (struct nlmsghdr* m = (struct nlmsghdr*)buf; NLMSG_OK(m, remaining); m = NLMSG_NEXT(m, remaining)) {
-            if (m->nlmsg_seq != request->nlmsg_seq) continue;
-            if (m->nlmsg_flags & NLM_F_DUMP_INTR) changed = 1;
-            if (m->nlmsg_type == NLMSG_DONE) {
-                done = 1;
-                break;
-            }
-            if (m->nlmsg_type == NLMSG_ERROR) {
-                failed = 1;
-                break;
-            }
-            if (m->nlmsg_type == type) visit(m, context);
+        if (n < 0) return -1;
+        if (n == 0) {
+            errno = EPROTO;
+            return -1;
+        }
+        if ((size_t)n > NV_NL_BUFFER_SIZE) {
+            errno = EMSGSIZE;
+            return -1;
+        }
+        if (sender == 0) return n;
+    }
+}
+
+static int ours(const nv_nl_socket_t* socket, const struct nlmsghdr* message) {
+    return message->nlmsg_pid == socket->port && message->nlmsg_seq == socket->sequence;
+}
+
+enum { DUMP_MORE = -1, DUMP_FAILED = 0, DUMP_DONE = 1 };
+
+static int dump_datagram(const nv_nl_socket_t* socket, size_t length, nv_nl_dump_t* dump) {
+    size_t offset = 0;
+    int malformed = 0;
+    for (const struct nlmsghdr* m; (m = next_message(socket->buffer, length, &offset, &malformed)) != NULL;) {
+        if (!ours(socket, m)) continue;
+        if (m->nlmsg_flags & NLM_F_DUMP_INTR) dump->interrupted = 1;
+        switch (m->nlmsg_type) {
+        case NLMSG_DONE:
+            /* A dump that failed on its way ends with the failure's errno. */
+            dump->error = m->nlmsg_len >= NLMSG_LENGTH(sizeof(int)) ? carried_error(m) : 0;
+            return dump->error ? DUMP_FAILED : DUMP_DONE;
+        case NLMSG_ERROR:
+            dump->error = carried_error(m);
+            if (dump->error) return DUMP_FAILED;
+            break; /* an acknowledgement */
+        case NLMSG_NOOP: break;
+        case NLMSG_OVERRUN: dump->error = ENOBUFS; return DUMP_FAILED;
+        default:
+            if (m->nlmsg_type == dump->type) dump->visit(m, dump->context);
+            break;
         }
     }
-    free(buf);
-    if (interrupted) *interrupted = changed;
-    return done;
+    if (malformed) {
+        dump->error = EPROTO;
+        return DUMP_FAILED;
+    }
+    return DUMP_MORE;
+}
+
+int nv_nl_dump(nv_nl_socket_t* socket, nv_nl_request_t* request, nv_nl_dump_t* dump) {
+    if (!dump) return 0;
+    dump->interrupted = 0;
+    dump->error = 0;
+    if (!socket || !request || !dump->visit) {
+        dump->error = EINVAL;
+        return 0;
+    }
+    const int attempts = dump->attempts > 0 ? dump->attempts : 1;
+    request->message.header.nlmsg_flags |= NLM_F_REQUEST | NLM_F_DUMP;
+    for (int attempt = 1;; ++attempt) {
+        if (attempt > 1 && dump->restart) dump->restart(dump->context);
+        dump->interrupted = 0;
+        if (!send_request(socket, request)) {
+            dump->error = errno;
+            return 0;
+        }
+        int state = DUMP_MORE;
+        while (state == DUMP_MORE) {
+            const ssize_t n = receive_reply(socket);
+            if (n < 0) {
+                dump->error = errno;
+                return 0;
+            }
+            state = dump_datagram(socket, (size_t)n, dump);
+        }
+        if (state == DUMP_FAILED) return 0;
+        if (!dump->interrupted || attempt >= attempts) return 1;
+    }
+}
+
+const struct nlmsghdr* nv_nl_exchange(nv_nl_socket_t* socket, nv_nl_request_t* request, uint16_t type) {
+    if (!socket || !request) {
+        errno = EINVAL;
+        return NULL;
+    }
+    if (!send_request(socket, request)) return NULL;
+    for (;;) {
+        const ssize_t n = receive_reply(socket);
+        if (n < 0) return NULL;
+        size_t offset = 0;
+        int malformed = 0;
+        for (const struct nlmsghdr* m; (m = next_message(socket->buffer, (size_t)n, &offset, &malformed)) != NULL;) {
+            /* Replies to earlier requests that were given up on. */
+            if (!ours(socket, m)) continue;
+            if (m->nlmsg_type == type) return m;
+            errno = m->nlmsg_type == NLMSG_ERROR && carried_error(m) ? carried_error(m) : EPROTO;
+            return NULL;
+        }
+        if (malformed) {
+            errno = EPROTO;
+            return NULL;
+        }
+    }
+}
+
+int nv_nl_drain(nv_nl_socket_t* socket, nv_nl_visit_t visit, void* context) {
+    int complete = 1;
+    for (;;) {
+        uint32_t sender = 0;
+        const ssize_t n =
+            socket->transport.receive(socket->context, socket->buffer, NV_NL_BUFFER_SIZE, MSG_DONTWAIT, &sender);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && errno == ENOBUFS) {
+            complete = 0;
+            continue;
+        }
+        if (n <= 0) break;
+        /* A datagram cut short lost events as surely as an overrun. */
+        if ((size_t)n > NV_NL_BUFFER_SIZE) {
+            complete = 0;
+            continue;
+        }
+        if (sender != 0) continue;
+        size_t offset = 0;
+        int malformed = 0;
+        for (const struct nlmsghdr* m; (m = next_message(socket->buffer, (size_t)n, &offset, &malformed)) != NULL;) {
+            visit(m, context);
+        }
+    }
+    return complete;
 }

@@ -31,6 +31,8 @@
 #include <unistd.h>
 
 #include "netcore/shim/linux/nv_linux.h"
+#include "netcore/shim/linux/nv_linux_netlink.h"
+#include "netcore/shim/nv_cleanup.h"
 #include "netcore/shim/nv_shim.h"
 
 static const char tun_device[] = "/dev/net/tun";
@@ -58,27 +60,21 @@ static int same_namespace(const namespace_id_t* a, const namespace_id_t* b) {
  * the process `pidfd` names, both asked of one copy of that descriptor.
  * 1 on success; 0 when the copy is not an attached tun or any step fails. */
 static int tun_of_descriptor(int pidfd, int fd, char name[IFNAMSIZ], namespace_id_t* id) {
-    int copy = (int)syscall(SYS_pidfd_getfd, pidfd, fd, 0);
-    if (copy < 0) return 0;
-    int found = 0;
+    NV_AUTO_CLOSE int copy = (int)syscall(SYS_pidfd_getfd, pidfd, fd, 0);
     struct stat st;
-    if (fstat(copy, &st) == 0 && S_ISCHR(st.st_mode) && major(st.st_rdev) == tun_major &&
-        minor(st.st_rdev) == tun_minor) {
-        struct ifreq request;
-        memset(&request, 0, sizeof request);
-        /* Fails (EBADFD) for a descriptor not attached to an interface. */
-        if (ioctl(copy, TUNGETIFF, &request) == 0 && request.ifr_name[0] != '\0') {
-            int ns = ioctl(copy, TUNGETDEVNETNS);
-            if (ns >= 0) {
-                found = namespace_of_fd(ns, id);
-                close(ns);
-            }
-            memcpy(name, request.ifr_name, IFNAMSIZ);
-            name[IFNAMSIZ - 1] = '\0';
-        }
+    if (copy < 0 || fstat(copy, &st) != 0 || !S_ISCHR(st.st_mode) || major(st.st_rdev) != tun_major ||
+        minor(st.st_rdev) != tun_minor) {
+        return 0;
     }
-    close(copy);
-    return found;
+    struct ifreq request;
+    memset(&request, 0, sizeof request);
+    /* Fails (EBADFD) for a descriptor not attached to an interface. */
+    if (ioctl(copy, TUNGETIFF, &request) != 0 || request.ifr_name[0] == '\0') return 0;
+    NV_AUTO_CLOSE int ns = ioctl(copy, TUNGETDEVNETNS);
+    if (ns < 0 || !namespace_of_fd(ns, id)) return 0;
+    memcpy(name, request.ifr_name, IFNAMSIZ);
+    name[IFNAMSIZ - 1] = '\0';
+    return 1;
 }
 
 static int all_digits(const char* text) {
@@ -94,15 +90,12 @@ static int scan_process(int proc, const char* pid_text, const namespace_id_t* ou
     char path[64];
     strcpy(path, pid_text);
     strcat(path, "/fd");
-    int fds = openat(proc, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fds < 0) return 0;
-    DIR* dir = fdopendir(fds);
-    if (!dir) {
-        close(fds);
-        return 0;
-    }
+    NV_AUTO_CLOSE int opened = openat(proc, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    NV_AUTO_CLOSEDIR DIR* dir = opened >= 0 ? fdopendir(opened) : NULL;
+    if (!dir) return 0;
+    const int fds = nv_take_fd(&opened); /* the listing's now */
     const pid_t pid = (pid_t)strtol(pid_text, NULL, 10);
-    int pidfd = -1; /* opened at the first tun descriptor: most processes have none */
+    NV_AUTO_CLOSE int pidfd = -1; /* opened at the first tun descriptor: most processes have none */
     int written = 0;
     struct dirent* entry;
     while (written < max && (entry = readdir(dir)) != NULL) {
@@ -125,53 +118,34 @@ static int scan_process(int proc, const char* pid_text, const namespace_id_t* ou
         memcpy(out[written].ifname, name, sizeof out[written].ifname);
         ++written;
     }
-    if (pidfd >= 0) close(pidfd);
-    closedir(dir);
     return written;
 }
 
 static void count_tun(const struct nlmsghdr* message, void* context) {
-    const struct ifinfomsg* info = NLMSG_DATA(message);
-    int remaining = (int)IFLA_PAYLOAD(message);
-    for (const struct rtattr* a = IFLA_RTA(info); RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
-        if (a->rta_type != IFLA_LINKINFO) continue;
-        int inner = (int)RTA_PAYLOAD(a);
-        for (const struct rtattr* k = RTA_DATA(a); RTA_OK(k, inner); k = RTA_NEXT(k, inner)) {
-            if (k->rta_type == IFLA_INFO_KIND && RTA_PAYLOAD(k) == 4 && memcmp(RTA_DATA(k), "tun", 4) == 0) {
-                ++*(int*)context;
-            }
-        }
-    }
+    nv_linux_link_t link;
+    if (nv_linux_parse_link(message, &link) && strcmp(link.kind, "tun") == 0) ++*(int*)context;
 }
+
+static void restart_count(void* context) { *(int*)context = 0; }
 
 /* How many tun interfaces this namespace has (tap ones count too), or -1
  * when the kernel would not say. The dump asks the kernel to leave out other
  * kinds; one that cannot is answered with every interface and counted the
- * same way. */
+ * same way. A dump that kept being interrupted may have missed one: that is
+ * not knowing either. */
 static int tun_interfaces(void) {
-    struct {
-        struct nlmsghdr header;
-        struct ifinfomsg info;
-        struct rtattr linkinfo;
-        struct rtattr kind;
-        char name[4];
-    } request;
-    memset(&request, 0, sizeof request);
-    request.header.nlmsg_len = sizeof request;
-    request.header.nlmsg_type = RTM_GETLINK;
-    request.header.nlmsg_seq = 1;
-    request.info.ifi_family = AF_UNSPEC;
-    request.linkinfo.rta_type = IFLA_LINKINFO;
-    request.linkinfo.rta_len = RTA_LENGTH(RTA_LENGTH(sizeof request.name));
-    request.kind.rta_type = IFLA_INFO_KIND;
-    request.kind.rta_len = RTA_LENGTH(sizeof request.name);
-    memcpy(request.name, "tun", 4);
+    nv_nl_request_t request;
+    struct ifinfomsg* info = nv_nl_request(&request, RTM_GETLINK, 0, sizeof *info);
+    info->ifi_family = AF_UNSPEC;
+    const size_t linkinfo = nv_nl_nest_start(&request, IFLA_LINKINFO);
+    nv_nl_put_string(&request, IFLA_INFO_KIND, "tun");
+    nv_nl_nest_end(&request, linkinfo);
 
-    int fd = nv_linux_netlink_socket();
+    NV_AUTO_NETLINK nv_nl_socket_t* socket = nv_nl_open(NETLINK_ROUTE);
     int count = 0;
-    int ok = nv_linux_netlink_dump(fd, &request.header, RTM_NEWLINK, count_tun, &count, NULL);
-    if (fd >= 0) close(fd);
-    return ok ? count : -1;
+    nv_nl_dump_t dump = {
+        .type = RTM_NEWLINK, .visit = count_tun, .restart = restart_count, .context = &count, .attempts = 3};
+    return socket && nv_nl_dump(socket, &request, &dump) && !dump.interrupted ? count : -1;
 }
 
 int nv_utun_owners(nv_utun_owner_t* out, int max) {
@@ -179,26 +153,20 @@ int nv_utun_owners(nv_utun_owner_t* out, int max) {
     /* Without a tun interface here no descriptor can own one, and the walk
      * over every process is spared. */
     if (tun_interfaces() == 0) return 0;
-    int proc = open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    NV_AUTO_CLOSE int proc = open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (proc < 0) return 0;
     namespace_id_t ours;
-    int self = openat(proc, "self/ns/net", O_RDONLY | O_CLOEXEC);
-    int known = self >= 0 && namespace_of_fd(self, &ours);
-    if (self >= 0) close(self);
-    int listing = known ? dup(proc) : -1;
-    DIR* dir = listing >= 0 ? fdopendir(listing) : NULL;
-    if (!dir) {
-        if (listing >= 0) close(listing);
-        close(proc);
-        return 0;
-    }
+    NV_AUTO_CLOSE int self = openat(proc, "self/ns/net", O_RDONLY | O_CLOEXEC);
+    if (self < 0 || !namespace_of_fd(self, &ours)) return 0;
+    NV_AUTO_CLOSE int listing = dup(proc);
+    NV_AUTO_CLOSEDIR DIR* dir = listing >= 0 ? fdopendir(listing) : NULL;
+    if (!dir) return 0;
+    (void)nv_take_fd(&listing); /* the listing's now */
     int written = 0;
     struct dirent* entry;
     while (written < max && (entry = readdir(dir)) != NULL) {
         if (!all_digits(entry->d_name) || strlen(entry->d_name) > 10) continue;
         written += scan_process(proc, entry->d_name, &ours, out + written, max - written);
     }
-    closedir(dir);
-    close(proc);
     return written;
 }

@@ -28,12 +28,12 @@ std::uint64_t timeoutMicroseconds() { return static_cast<std::uint64_t>(kCallTim
 template <class Done>
 int runUntil(sd_bus* bus, std::uint64_t deadline, Done done) {
     while (!done()) {
-        int r = sd_bus_process(bus, nullptr);
+        int r = sd().sd_bus_process(bus, nullptr);
         if (r < 0) return r;
         if (r > 0) continue;
         const std::uint64_t now = nowMicroseconds();
         if (now >= deadline) return -ETIMEDOUT;
-        r = sd_bus_wait(bus, deadline - now);
+        r = sd().sd_bus_wait(bus, deadline - now);
         if (r < 0 && r != -EINTR) return r;
     }
     return 0;
@@ -52,7 +52,7 @@ std::string basicText(sd_bus_message* message, char type, int& r) {
         double d;
         const char* s;
     } v{};
-    r = sd_bus_message_read_basic(message, type, &v);
+    r = sd().sd_bus_message_read_basic(message, type, &v);
     if (r <= 0) return "";
     switch (type) {
         case 'y': return std::to_string(v.y);
@@ -75,7 +75,7 @@ int readInto(sd_bus_message* message, plist::Value& out);
 int readElements(sd_bus_message* message, plist::Value& out) {
     plist::Array elements;
     int r = 0;
-    while ((r = sd_bus_message_at_end(message, 0)) == 0) {
+    while ((r = sd().sd_bus_message_at_end(message, 0)) == 0) {
         plist::Value element;
         if ((r = readInto(message, element)) <= 0) return r < 0 ? r : -EBADMSG;
         elements.push_back(std::move(element));
@@ -90,19 +90,19 @@ int readBasic(sd_bus_message* message, char type, plist::Value& out) {
     switch (type) {
         case 'b': {
             int b = 0;
-            r = sd_bus_message_read_basic(message, type, &b);
+            r = sd().sd_bus_message_read_basic(message, type, &b);
             out = plist::Value(b != 0);
             return r;
         }
         case 'd': {
             double d = 0;
-            r = sd_bus_message_read_basic(message, type, &d);
+            r = sd().sd_bus_message_read_basic(message, type, &d);
             out = plist::Value(d);
             return r;
         }
         case 't': {
             std::uint64_t t = 0;
-            r = sd_bus_message_read_basic(message, type, &t);
+            r = sd().sd_bus_message_read_basic(message, type, &t);
             out = plist::Value(static_cast<unsigned long long>(t));
             return r;
         }
@@ -112,7 +112,7 @@ int readBasic(sd_bus_message* message, char type, plist::Value& out) {
         }
         case 'h': {
             int fd = -1;  // a descriptor means nothing as a value
-            r = sd_bus_message_read_basic(message, type, &fd);
+            r = sd().sd_bus_message_read_basic(message, type, &fd);
             out = plist::Value(-1);
             return r;
         }
@@ -128,52 +128,52 @@ int readArray(sd_bus_message* message, const char* contents, plist::Value& out) 
     if (std::strcmp(contents, "y") == 0) {
         const void* bytes = nullptr;
         std::size_t size = 0;
-        int r = sd_bus_message_read_array(message, 'y', &bytes, &size);
+        int r = sd().sd_bus_message_read_array(message, 'y', &bytes, &size);
         if (r < 0) return r;
         const auto* begin = static_cast<const std::uint8_t*>(bytes);
         out = plist::Value(plist::Data(begin, begin + size));
         return 1;
     }
-    int r = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, contents);
+    int r = sd().sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, contents);
     if (r <= 0) return r < 0 ? r : -EBADMSG;
     if (contents[0] == SD_BUS_TYPE_DICT_ENTRY_BEGIN) {
         // "{kv}": the entry's own signature without the braces.
         const std::string entry(contents + 1, std::strlen(contents) - 2);
         plist::Dictionary dictionary;
-        while ((r = sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, entry.c_str())) > 0) {
+        while ((r = sd().sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, entry.c_str())) > 0) {
             std::string key = basicText(message, entry[0], r);
             if (r <= 0) return r < 0 ? r : -EBADMSG;
             plist::Value value;
             if ((r = readInto(message, value)) <= 0) return r < 0 ? r : -EBADMSG;
             dictionary.append(std::move(key), std::move(value));
-            if ((r = sd_bus_message_exit_container(message)) < 0) return r;
+            if ((r = sd().sd_bus_message_exit_container(message)) < 0) return r;
         }
         if (r < 0) return r;
         out = plist::Value(std::move(dictionary));
     } else if ((r = readElements(message, out)) < 0) {
         return r;
     }
-    r = sd_bus_message_exit_container(message);
+    r = sd().sd_bus_message_exit_container(message);
     return r < 0 ? r : 1;
 }
 
 int readInto(sd_bus_message* message, plist::Value& out) {
     char type = 0;
     const char* contents = nullptr;
-    int r = sd_bus_message_peek_type(message, &type, &contents);
+    int r = sd().sd_bus_message_peek_type(message, &type, &contents);
     if (r <= 0) return r;
     switch (type) {
         case SD_BUS_TYPE_ARRAY: return readArray(message, contents, out);
         case SD_BUS_TYPE_VARIANT: {
-            if ((r = sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, contents)) <= 0) return r;
+            if ((r = sd().sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, contents)) <= 0) return r;
             if ((r = readInto(message, out)) <= 0) return r < 0 ? r : -EBADMSG;
-            r = sd_bus_message_exit_container(message);
+            r = sd().sd_bus_message_exit_container(message);
             return r < 0 ? r : 1;
         }
         case SD_BUS_TYPE_STRUCT: {
-            if ((r = sd_bus_message_enter_container(message, SD_BUS_TYPE_STRUCT, contents)) <= 0) return r;
+            if ((r = sd().sd_bus_message_enter_container(message, SD_BUS_TYPE_STRUCT, contents)) <= 0) return r;
             if ((r = readElements(message, out)) < 0) return r;
-            r = sd_bus_message_exit_container(message);
+            r = sd().sd_bus_message_exit_container(message);
             return r < 0 ? r : 1;
         }
         default: return readBasic(message, type, out);
@@ -201,16 +201,17 @@ Result<Bus> openSystemBus() {
         return errorFrom(-ENOENT, "connect to the system bus");
     }
     sd_bus* raw = nullptr;
-    int r = sd_bus_new(&raw);
+    int r = sd().sd_bus_new(&raw);
     if (r < 0) return errorFrom(r, "create a bus connection");
     Bus bus(raw);
-    r = sd_bus_set_address(bus.get(), usual ? kDefaultSystemBus : address);
-    if (r >= 0) r = sd_bus_set_bus_client(bus.get(), 1);
-    if (r >= 0) r = sd_bus_set_method_call_timeout(bus.get(), timeoutMicroseconds());
-    if (r >= 0) r = sd_bus_start(bus.get());
+    r = sd().sd_bus_set_address(bus.get(), usual ? kDefaultSystemBus : address);
+    if (r >= 0) r = sd().sd_bus_set_bus_client(bus.get(), 1);
+    if (r >= 0) r = sd().sd_bus_set_method_call_timeout(bus.get(), timeoutMicroseconds());
+    if (r >= 0) r = sd().sd_bus_start(bus.get());
     if (r < 0) return errorFrom(r, "connect to the system bus");
     // sd_bus_start only begins the greeting; finish it within our own bound.
-    r = runUntil(bus.get(), nowMicroseconds() + timeoutMicroseconds(), [&] { return sd_bus_is_ready(bus.get()) > 0; });
+    r = runUntil(bus.get(), nowMicroseconds() + timeoutMicroseconds(),
+                 [&] { return sd().sd_bus_is_ready(bus.get()) > 0; });
     if (r < 0) return errorFrom(r, "connect to the system bus");
     return bus;
 }
@@ -218,11 +219,11 @@ Result<Bus> openSystemBus() {
 Result<Message> methodCall(sd_bus* bus, const char* destination, const char* path, const char* interface,
                            const char* member) {
     sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_call(bus, &raw, destination, path, interface, member);
+    int r = sd().sd_bus_message_new_method_call(bus, &raw, destination, path, interface, member);
     if (r < 0) return errorFrom(r, std::string("build ") + member);
     Message call(raw);
     // Asking must never start a stopped service behind its administrator's back.
-    r = sd_bus_message_set_auto_start(call.get(), 0);
+    r = sd().sd_bus_message_set_auto_start(call.get(), 0);
     if (r < 0) return errorFrom(r, std::string("build ") + member);
     return call;
 }
@@ -230,12 +231,12 @@ Result<Message> methodCall(sd_bus* bus, const char* destination, const char* pat
 Result<Message> call(sd_bus* bus, sd_bus_message* request) {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
-    const char* member = sd_bus_message_get_member(request);
+    const char* member = sd().sd_bus_message_get_member(request);
     const std::string doing = member ? member : "call";
-    int r = sd_bus_call(bus, request, timeoutMicroseconds(), &error, &reply);
+    int r = sd().sd_bus_call(bus, request, timeoutMicroseconds(), &error, &reply);
     if (r < 0) {
-        Error failure = sd_bus_error_is_set(&error) ? errorFrom(error, doing) : errorFrom(r, doing);
-        sd_bus_error_free(&error);
+        Error failure = sd().sd_bus_error_is_set(&error) ? errorFrom(error, doing) : errorFrom(r, doing);
+        sd().sd_bus_error_free(&error);
         return failure;
     }
     return Message(reply);
@@ -252,11 +253,11 @@ std::vector<Result<Message>> callAll(sd_bus* bus, const std::vector<Message>& re
     results.reserve(requests.size());
     for (std::size_t i = 0; i < requests.size(); ++i) {
         sd_bus_slot* slot = nullptr;
-        const int r = sd_bus_call_async(
+        const int r = sd().sd_bus_call_async(
             bus, &slot, requests[i].get(),
             [](sd_bus_message* reply, void* context, sd_bus_error*) {
                 auto* entry = static_cast<Pending*>(context);
-                entry->reply.reset(sd_bus_message_ref(reply));
+                entry->reply.reset(sd().sd_bus_message_ref(reply));
                 entry->done = true;
                 return 0;
             },
@@ -276,11 +277,11 @@ std::vector<Result<Message>> callAll(sd_bus* bus, const std::vector<Message>& re
         return left == 0;
     });
     for (std::size_t i = 0; i < requests.size(); ++i) {
-        const char* member = sd_bus_message_get_member(requests[i].get());
+        const char* member = sd().sd_bus_message_get_member(requests[i].get());
         const std::string doing = member ? member : "call";
         if (!pending[i].reply) {
             results.emplace_back(errorFrom(r < 0 ? r : -EIO, doing));
-        } else if (const sd_bus_error* error = sd_bus_message_get_error(pending[i].reply.get())) {
+        } else if (const sd_bus_error* error = sd().sd_bus_message_get_error(pending[i].reply.get())) {
             results.emplace_back(errorFrom(*error, doing));
         } else {
             results.emplace_back(std::move(pending[i].reply));

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "netcore/sysconfig/linux/bus_library.h"
 #include "support/plist/value.h"
 #include "support/result.h"
 
@@ -26,13 +27,13 @@ inline constexpr const char* kBusErrorDomain = "netvane.bus";
 inline constexpr std::chrono::microseconds kCallTimeout = std::chrono::seconds(5);
 
 struct BusCloser {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+    void operator()(sd_bus* bus) const { sd().sd_bus_flush_close_unref(bus); }
 };
 struct MessageUnref {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+    void operator()(sd_bus_message* message) const { sd().sd_bus_message_unref(message); }
 };
 struct SlotUnref {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+    void operator()(sd_bus_slot* slot) const { sd().sd_bus_slot_unref(slot); }
 };
 using Bus = std::unique_ptr<sd_bus, BusCloser>;
 using Message = std::unique_ptr<sd_bus_message, MessageUnref>;

@@ -24,27 +24,21 @@ constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
 constexpr const char* kOwnerMatch =
     "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',member='NameOwnerChanged',"
     "arg0='org.freedesktop.NetworkManager'";
-// Room for the largest batch of events the kernel hands over in one read.
-constexpr std::size_t kEventBufferSize = 64 * 1024;
-constexpr unsigned kIPv6RuleGroup = 19;  // RTNLGRP_IPV6_RULE
+constexpr unsigned kGroups[] = {RTNLGRP_LINK,       RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
+                                 RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV4_RULE,   RTNLGRP_IPV6_RULE};
 
-Result<UniqueFd> subscribe(int receiveBuffer) {
-    UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
-    if (!fd) return posixError(errno, "open a routing netlink socket");
+Result<NetlinkSocket> subscribe(int receiveBuffer) {
+    NetlinkSocket events(nv_nl_open(NETLINK_ROUTE));
+    if (!events) return posixError(errno, "open a routing netlink socket");
+    const int fd = nv_nl_fd(events.get());
     // Root may raise the buffer past the system's default limit; others get what the limit allows.
-    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0) {
-        (void)::setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0) {
+        (void)::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     }
-    sockaddr_nl address{};
-    address.nl_family = AF_NETLINK;
-    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE |
-                        RTMGRP_IPV6_ROUTE | RTMGRP_IPV4_RULE;
-    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        return posixError(errno, "subscribe to routing events");
+    for (unsigned group : kGroups) {
+        if (!nv_nl_join(events.get(), group)) return posixError(errno, "subscribe to routing events");
     }
-    const unsigned group = kIPv6RuleGroup;
-    (void)::setsockopt(fd.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group);
-    return fd;
+    return events;
 }
 
 const char* orEmpty(const char* text) { return text ? text : ""; }
@@ -71,7 +65,7 @@ std::optional<std::string> profileUUID(sd_bus* bus, const char* path) {
 std::optional<std::string> activeUUID(sd_bus* bus, const char* path) {
     auto request = bus::methodCall(bus, nm::kService, path, kPropertiesInterface, "Get");
     if (!request) return std::nullopt;
-    if (sd_bus_message_append(request->get(), "ss", nm::kActiveInterface, "Uuid") < 0) return std::nullopt;
+    if (bus::sd().sd_bus_message_append(request->get(), "ss", nm::kActiveInterface, "Uuid") < 0) return std::nullopt;
     auto reply = bus::call(bus, request->get());
     if (!reply) return std::nullopt;
     auto uuid = bus::readValue(reply->get());
@@ -84,8 +78,11 @@ std::optional<std::string> activeUUID(sd_bus* bus, const char* path) {
 struct ChangeMonitor::State {
     Report report;
     UniqueFd stop;
-    UniqueFd events;
-    UniqueFd requests;
+    NetlinkSocket events;
+    NetlinkSocket requests;
+    LinkReader readLinks;
+    // After a failed re-read: when to try again.
+    std::optional<Clock::time_point> reread;
     bus::Bus bus;  // null: the kernel alone
     bus::Slot signals, owner;
     KernelChangeTracker kernel;
@@ -103,24 +100,41 @@ struct ChangeMonitor::State {
         events = std::move(*subscribed);
         requests = kernel::openRoutingSocket();
         if (!requests) return posixError(errno, "open a routing netlink socket");
+        if (!readLinks) readLinks = kernel::dumpLinks;
         // Subscribed first, baseline second: a change in between is reported, not lost.
-        kernel.reset(kernel::dumpLinks(requests.get()).value_or(std::vector<kernel::Link>{}),
-                     kernel::primaryRoute(requests.get(), AF_INET), kernel::primaryRoute(requests.get(), AF_INET6));
+        auto links = readLinks(requests.get());
+        if (!links) return links.error();
+        kernel.reset(*links, kernel::primaryRoute(requests.get(), AF_INET),
+                     kernel::primaryRoute(requests.get(), AF_INET6));
         openBus();
         return {};
+    }
+
+    // After events were lost (`lost`), or to try a failed re-read again: the
+    // links as they are now. When they cannot be read, the ones known so far
+    // stay, and what lost events may have changed is reported once.
+    void rereadLinks(bool lost) {
+        auto links = readLinks(requests.get());
+        if (links) {
+            kernel.resync(*links, pending);
+            reread.reset();
+            return;
+        }
+        if (lost) kernel.unsure(pending);
+        reread = Clock::now() + kRereadRetry;
     }
 
     void openBus() {
         auto opened = bus::openSystemBus();
         if (!opened) return;  // no bus: the kernel alone
         sd_bus_slot* raw = nullptr;
-        if (sd_bus_match_signal(opened->get(), &raw, nm::kService, nullptr, nullptr, nullptr, &State::onSignal, this) <
-            0) {
+        if (bus::sd().sd_bus_match_signal(opened->get(), &raw, nm::kService, nullptr, nullptr, nullptr,
+                                          &State::onSignal, this) < 0) {
             return;
         }
         signals.reset(raw);
         raw = nullptr;
-        if (sd_bus_add_match(opened->get(), &raw, kOwnerMatch, &State::onOwnerChanged, this) < 0) {
+        if (bus::sd().sd_bus_add_match(opened->get(), &raw, kOwnerMatch, &State::onOwnerChanged, this) < 0) {
             signals.reset();
             return;
         }
@@ -138,7 +152,7 @@ struct ChangeMonitor::State {
     static int onOwnerChanged(sd_bus_message* message, void* context, sd_bus_error*) {
         auto* self = static_cast<State*>(context);
         const char *name = nullptr, *before = nullptr, *after = nullptr;
-        if (sd_bus_message_read(message, "sss", &name, &before, &after) < 0) return 0;
+        if (bus::sd().sd_bus_message_read(message, "sss", &name, &before, &after) < 0) return 0;
         self->manager.managerLost(self->pending);
         if (after && *after) {
             if (auto state = nm::load(self->bus.get())) {
@@ -160,13 +174,13 @@ struct ChangeMonitor::State {
     }
 
     void signal(sd_bus_message* message) {
-        const std::string_view interface = orEmpty(sd_bus_message_get_interface(message));
-        const std::string_view member = orEmpty(sd_bus_message_get_member(message));
-        const char* path = orEmpty(sd_bus_message_get_path(message));
+        const std::string_view interface = orEmpty(bus::sd().sd_bus_message_get_interface(message));
+        const std::string_view member = orEmpty(bus::sd().sd_bus_message_get_member(message));
+        const char* path = orEmpty(bus::sd().sd_bus_message_get_path(message));
         sd_bus* connection = bus.get();
         if (interface == nm::kSettingsInterface && (member == "NewConnection" || member == "ConnectionRemoved")) {
             const char* profile = nullptr;
-            if (sd_bus_message_read(message, "o", &profile) < 0) return;
+            if (bus::sd().sd_bus_message_read(message, "o", &profile) < 0) return;
             if (member == "ConnectionRemoved") {
                 manager.profileRemoved(profile, pending);
             } else if (auto uuid = profileUUID(connection, profile)) {
@@ -188,7 +202,7 @@ struct ChangeMonitor::State {
 
     void propertiesChanged(sd_bus_message* message, const char* path) {
         const char* of = nullptr;
-        if (sd_bus_message_read(message, "s", &of) < 0) return;
+        if (bus::sd().sd_bus_message_read(message, "s", &of) < 0) return;
         const std::string_view interface = of;
         if (interface == nm::kProfileInterface) {
             if (!manager.profileTouched(path, pending)) {
@@ -209,50 +223,52 @@ struct ChangeMonitor::State {
         }
     }
 
+    void event(const nlmsghdr* m, bool& routing) {
+        switch (m->nlmsg_type) {
+            case RTM_NEWLINK: case RTM_DELLINK:
+                if (auto link = kernel::parseLink(m)) kernel.linkChanged(*link, m->nlmsg_type == RTM_DELLINK, pending);
+                routing = true;
+                break;
+            case RTM_NEWADDR: case RTM_DELADDR:
+                if (auto address = kernel::parseAddress(m)) kernel.addressChanged(*address, pending);
+                routing = true;
+                break;
+            case RTM_NEWROUTE: case RTM_DELROUTE: case RTM_NEWRULE: case RTM_DELRULE:
+                routing = true;
+                break;
+            default: break;
+        }
+    }
+
     // Reads every event the kernel has queued; false when it dropped some.
     bool drainKernel(bool& routing) {
-        alignas(nlmsghdr) static thread_local unsigned char buffer[kEventBufferSize];
-        bool complete = true;
-        for (;;) {
-            const ssize_t n = ::recv(events.get(), buffer, sizeof buffer, MSG_DONTWAIT);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0 && errno == ENOBUFS) {
-                complete = false;
-                continue;
-            }
-            if (n <= 0) break;
-            std::size_t remaining = static_cast<std::size_t>(n);
-            for (auto* m = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(m, remaining);
-                 m = NLMSG_NEXT(m, remaining)) {
-                switch (m->nlmsg_type) {
-                    case RTM_NEWLINK: case RTM_DELLINK:
-                        if (auto link = kernel::parseLink(m)) kernel.linkChanged(*link, m->nlmsg_type == RTM_DELLINK, pending);
-                        routing = true;
-                        break;
-                    case RTM_NEWADDR: case RTM_DELADDR:
-                        if (auto address = kernel::parseAddress(m)) kernel.addressChanged(*address, pending);
-                        routing = true;
-                        break;
-                    case RTM_NEWROUTE: case RTM_DELROUTE: case RTM_NEWRULE: case RTM_DELRULE:
-                        routing = true;
-                        break;
-                    default: break;
-                }
-            }
-        }
-        return complete;
+        struct Visit {
+            State* state;
+            bool* routing;
+        } visit{this, &routing};
+        return nv_nl_drain(
+                   events.get(),
+                   [](const nlmsghdr* m, void* raw) {
+                       auto* v = static_cast<Visit*>(raw);
+                       v->state->event(m, *v->routing);
+                   },
+                   &visit) != 0;
     }
 
     void run() {
-        pollfd fds[3] = {{stop.get(), POLLIN, 0}, {events.get(), POLLIN, 0}, {-1, 0, 0}};
+        pollfd fds[3] = {{stop.get(), POLLIN, 0}, {nv_nl_fd(events.get()), POLLIN, 0}, {-1, 0, 0}};
         for (;;) {
-            std::optional<Clock::time_point> deadline;
-            if (!pending.empty()) deadline = std::min(last + kQuiet, first + kMaxHold);
+            std::optional<Clock::time_point> deadline = reread;
+            if (!pending.empty()) {
+                const Clock::time_point batch = std::min(last + kQuiet, first + kMaxHold);
+                deadline = deadline ? std::min(*deadline, batch) : batch;
+            }
             fds[2] = {-1, 0, 0};
             if (bus) {
-                fds[2] = {sd_bus_get_fd(bus.get()), static_cast<short>(sd_bus_get_events(bus.get())), 0};
+                fds[2] = {bus::sd().sd_bus_get_fd(bus.get()),
+                          static_cast<short>(bus::sd().sd_bus_get_events(bus.get())), 0};
                 std::uint64_t when = 0;  // CLOCK_MONOTONIC microseconds, as steady_clock here
-                if (sd_bus_get_timeout(bus.get(), &when) >= 0 && when != UINT64_MAX) {
+                if (bus::sd().sd_bus_get_timeout(bus.get(), &when) >= 0 && when != UINT64_MAX) {
                     const Clock::time_point busDeadline{std::chrono::microseconds(when)};
                     deadline = deadline ? std::min(*deadline, busDeadline) : busDeadline;
                 }
@@ -268,7 +284,9 @@ struct ChangeMonitor::State {
             if (fds[1].revents && !drainKernel(routing)) {
                 if (overruns) ++*overruns;
                 routing = true;
-                kernel.resync(kernel::dumpLinks(requests.get()).value_or(std::vector<kernel::Link>{}), pending);
+                rereadLinks(true);
+            } else if (reread && Clock::now() >= *reread) {
+                rereadLinks(false);
             }
             if (routing) {
                 kernel.primariesAre(kernel::primaryRoute(requests.get(), AF_INET),
@@ -276,7 +294,7 @@ struct ChangeMonitor::State {
             }
             if (bus) {
                 int r = 0;
-                while ((r = sd_bus_process(bus.get(), nullptr)) > 0) {
+                while ((r = bus::sd().sd_bus_process(bus.get(), nullptr)) > 0) {
                 }
                 if (r < 0) {
                     // The bus went away; what NetworkManager said may no longer hold.
@@ -304,6 +322,7 @@ Result<std::unique_ptr<ChangeMonitor>> ChangeMonitor::start(Report report, Optio
     auto state = std::make_unique<State>();
     state->report = std::move(report);
     state->overruns = std::move(options.overruns);
+    state->readLinks = std::move(options.readLinks);
     if (auto opened = state->open(options.receiveBuffer); !opened) return opened.error();
     State* raw = state.get();
     state->thread = std::thread([raw] { raw->run(); });

@@ -65,6 +65,11 @@ void KernelChangeTracker::resync(const std::vector<kernel::Link>& links, KeySet&
     for (const kernel::Link& link : links) links_[link.index] = LinkState{link.name, link.active()};
 }
 
+void KernelChangeTracker::unsure(KeySet& keys) const {
+    for (const auto& [index, state] : links_) allOf(state.name, keys);
+    keys.insert(storeview::kInterfaceList);
+}
+
 void NetworkManagerChangeTracker::reset(const nm::State& state) {
     profiles_.clear();
     active_.clear();

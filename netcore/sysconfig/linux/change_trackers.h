@@ -31,6 +31,10 @@ public:
     // After events were lost: every interface key that may have changed,
     // judged against the links as they are now.
     void resync(const std::vector<kernel::Link>& links, KeySet& keys);
+    // After events were lost and the links could not be read: every key of
+    // the links known so far may have changed. They stay known, so that
+    // their removal is still reported when it arrives.
+    void unsure(KeySet& keys) const;
 
 private:
     struct LinkState {

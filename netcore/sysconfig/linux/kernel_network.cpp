@@ -7,7 +7,6 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -21,32 +20,8 @@ namespace {
 // specific, so the kernel's answer for them is its route to the world.
 constexpr const char* kWorldIPv4 = "203.0.113.1";
 constexpr const char* kWorldIPv6 = "2001:db8::1";
-// One reply to a route request; it carries a handful of attributes.
-constexpr std::size_t kRouteReplySize = 4096;
 
-std::uint32_t nextSequence() {
-    static std::atomic<std::uint32_t> sequence{1};
-    return sequence.fetch_add(1, std::memory_order_relaxed);
-}
-
-template <class Header>
-const Header* payload(const nlmsghdr* message) {
-    if (message->nlmsg_len < NLMSG_LENGTH(sizeof(Header))) return nullptr;
-    return static_cast<const Header*>(NLMSG_DATA(message));
-}
-
-// Calls visit(type, data, length) for each attribute in [first, first+length).
-template <class Visit>
-void eachAttribute(const rtattr* first, std::size_t length, Visit visit) {
-    unsigned int remaining = static_cast<unsigned int>(length);
-    for (const rtattr* a = first; RTA_OK(a, remaining); a = RTA_NEXT(a, remaining)) {
-        visit(a->rta_type, RTA_DATA(a), RTA_PAYLOAD(a));
-    }
-}
-
-std::string addressText(unsigned char family, const void* data, std::size_t length) {
-    const std::size_t expected = family == AF_INET ? 4 : 16;
-    if ((family != AF_INET && family != AF_INET6) || length < expected) return "";
+std::string addressText(unsigned char family, const void* data) {
     char text[INET6_ADDRSTRLEN] = {};
     if (!::inet_ntop(family, data, text, sizeof text)) return "";
     return text;
@@ -60,156 +35,94 @@ bool isLayeredKind(std::string_view kind) {
 }
 
 template <class Record, class Parse>
-std::optional<std::vector<Record>> dump(int fd, std::uint16_t request, std::uint16_t reply, unsigned char family,
-                                        std::size_t headerSize, Parse parse) {
-    struct {
-        nlmsghdr header;
-        unsigned char body[sizeof(ifinfomsg) > sizeof(ifaddrmsg) ? sizeof(ifinfomsg) : sizeof(ifaddrmsg)];
-    } message{};
-    message.header.nlmsg_len = static_cast<std::uint32_t>(NLMSG_LENGTH(headerSize));
-    message.header.nlmsg_type = request;
-    message.header.nlmsg_seq = nextSequence();
-    message.body[0] = family;  // ifi_family and ifa_family both lead their headers
-    struct Context {
+Result<std::vector<Record>> dump(nv_nl_socket_t* socket, std::uint16_t request, std::uint16_t reply,
+                                 unsigned char family, std::size_t headerSize, Parse parse, const char* what) {
+    const std::string context = std::string("read the kernel's ") + what;
+    if (socket == nullptr) return posixError(EBADF, context);
+    nv_nl_request_t message;
+    // ifi_family and ifa_family both lead their headers.
+    *static_cast<unsigned char*>(nv_nl_request(&message, request, 0, headerSize)) = family;
+    struct Records {
         std::vector<Record> records;
         Parse* parse;
-    } context{{}, &parse};
-    const int done = nv_linux_netlink_dump(
-        fd, &message.header, reply,
-        [](const nlmsghdr* m, void* raw) {
-            auto* c = static_cast<Context*>(raw);
-            if (auto record = (*c->parse)(m)) c->records.push_back(std::move(*record));
-        },
-        &context, nullptr);
-    if (!done) return std::nullopt;
-    return std::move(context.records);
+    } records{{}, &parse};
+    nv_nl_dump_t dump{};
+    dump.type = reply;
+    dump.visit = [](const nlmsghdr* m, void* raw) {
+        auto* r = static_cast<Records*>(raw);
+        if (auto record = (*r->parse)(m)) r->records.push_back(std::move(*record));
+    };
+    dump.restart = [](void* raw) { static_cast<Records*>(raw)->records.clear(); };
+    dump.context = &records;
+    dump.attempts = kDumpAttempts;
+    if (!nv_nl_dump(socket, &message, &dump)) return posixError(dump.error, context);
+    if (dump.interrupted) return Error{kPosixErrorDomain, EAGAIN, context + ": they kept changing while being read"};
+    return std::move(records.records);
 }
 
 }  // namespace
 
 bool Link::active() const { return (flags & IFF_UP) && (flags & IFF_RUNNING); }
 
-UniqueFd openRoutingSocket() { return UniqueFd(nv_linux_netlink_socket()); }
+NetlinkSocket openRoutingSocket() { return NetlinkSocket(nv_nl_open(NETLINK_ROUTE)); }
 
 std::optional<Link> parseLink(const nlmsghdr* message) {
-    const auto* info = payload<ifinfomsg>(message);
-    if (!info) return std::nullopt;
+    nv_linux_link_t facts;
+    if (!nv_linux_parse_link(message, &facts)) return std::nullopt;
     Link link;
-    link.index = info->ifi_index;
-    link.type = info->ifi_type;
-    link.flags = info->ifi_flags;
-    int lower = 0;
-    bool otherNamespace = false;
-    eachAttribute(IFLA_RTA(info), message->nlmsg_len - NLMSG_LENGTH(sizeof *info),
-                  [&](unsigned short type, const void* data, std::size_t length) {
-                      const auto* bytes = static_cast<const std::uint8_t*>(data);
-                      switch (type) {
-                          case IFLA_IFNAME: link.name.assign(static_cast<const char*>(data), ::strnlen(static_cast<const char*>(data), length)); break;
-                          case IFLA_IFALIAS: link.alias.assign(static_cast<const char*>(data), ::strnlen(static_cast<const char*>(data), length)); break;
-                          case IFLA_ADDRESS: link.address.assign(bytes, bytes + length); break;
-                          case IFLA_LINK:
-                              if (length >= sizeof(std::uint32_t)) std::memcpy(&lower, data, sizeof lower);
-                              break;
-                          case IFLA_LINK_NETNSID: otherNamespace = true; break;
-                          case IFLA_LINKINFO:
-                              eachAttribute(static_cast<const rtattr*>(data), length,
-                                            [&](unsigned short inner, const void* value, std::size_t size) {
-                                                if (inner != IFLA_INFO_KIND) return;
-                                                const auto* chars = static_cast<const char*>(value);
-                                                link.kind.assign(chars, ::strnlen(chars, size));
-                                            });
-                              break;
-                          default: break;
-                      }
-                  });
-    if (link.name.empty()) return std::nullopt;
-    if (isLayeredKind(link.kind) && !otherNamespace && lower != link.index) link.lower = lower;
+    link.index = facts.index;
+    link.name = facts.name;
+    link.type = facts.type;
+    link.flags = facts.flags;
+    link.kind = facts.kind;
+    link.address.assign(facts.address, facts.address + facts.address_length);
+    // The description is no fact of the link's; only this view shows it.
+    const nlattr* table[IFLA_MAX + 1];
+    nv_nl_parse_message(table, IFLA_MAX, message, sizeof(ifinfomsg));
+    std::size_t length = 0;
+    if (const char* alias = nv_nl_text(table[IFLA_IFALIAS], &length)) link.alias.assign(alias, length);
+    if (isLayeredKind(link.kind) && !facts.lower_elsewhere && facts.lower != link.index) link.lower = facts.lower;
     return link;
 }
 
 std::optional<Address> parseAddress(const nlmsghdr* message) {
-    const auto* info = payload<ifaddrmsg>(message);
-    if (!info) return std::nullopt;
-    Address address;
-    address.index = static_cast<int>(info->ifa_index);
-    address.family = info->ifa_family;
-    address.prefixLength = info->ifa_prefixlen;
-    std::string local, peer;
-    eachAttribute(IFA_RTA(info), message->nlmsg_len - NLMSG_LENGTH(sizeof *info),
-                  [&](unsigned short type, const void* data, std::size_t length) {
-                      if (type == IFA_LOCAL) local = addressText(info->ifa_family, data, length);
-                      if (type == IFA_ADDRESS) peer = addressText(info->ifa_family, data, length);
-                  });
-    // IFA_LOCAL is this end where the two differ (point-to-point links).
-    address.address = local.empty() ? peer : local;
+    nv_linux_address_t facts;
+    if (!nv_linux_parse_address(message, &facts)) return std::nullopt;
+    Address address{facts.index, facts.family, addressText(facts.family, facts.local), facts.prefix_length};
     if (address.address.empty()) return std::nullopt;
     return address;
 }
 
-std::optional<std::vector<Link>> dumpLinks(int fd) {
-    return dump<Link>(fd, RTM_GETLINK, RTM_NEWLINK, AF_UNSPEC, sizeof(ifinfomsg), parseLink);
+Result<std::vector<Link>> dumpLinks(nv_nl_socket_t* socket) {
+    return dump<Link>(socket, RTM_GETLINK, RTM_NEWLINK, AF_UNSPEC, sizeof(ifinfomsg), parseLink, "links");
 }
 
-std::optional<std::vector<Address>> dumpAddresses(int fd, unsigned char family) {
-    return dump<Address>(fd, RTM_GETADDR, RTM_NEWADDR, family, sizeof(ifaddrmsg), parseAddress);
+Result<std::vector<Address>> dumpAddresses(nv_nl_socket_t* socket, unsigned char family) {
+    return dump<Address>(socket, RTM_GETADDR, RTM_NEWADDR, family, sizeof(ifaddrmsg), parseAddress, "addresses");
 }
 
-std::optional<PrimaryRoute> primaryRoute(int fd, unsigned char family) {
-    if (fd < 0 || (family != AF_INET && family != AF_INET6)) return std::nullopt;
-    struct {
-        nlmsghdr header;
-        rtmsg route;
-        unsigned char attributes[RTA_SPACE(16)];
-    } request{};
+std::optional<PrimaryRoute> primaryRoute(nv_nl_socket_t* socket, unsigned char family) {
+    if (socket == nullptr || (family != AF_INET && family != AF_INET6)) return std::nullopt;
     std::uint8_t destination[16] = {};
     const std::size_t size = family == AF_INET ? 4 : 16;
     if (::inet_pton(family, family == AF_INET ? kWorldIPv4 : kWorldIPv6, destination) != 1) return std::nullopt;
-    request.header.nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));
-    request.header.nlmsg_type = RTM_GETROUTE;
-    request.header.nlmsg_flags = NLM_F_REQUEST;
-    request.header.nlmsg_seq = nextSequence();
-    request.route.rtm_family = family;
-    request.route.rtm_dst_len = static_cast<unsigned char>(size * 8);
-    auto* attribute = reinterpret_cast<rtattr*>(reinterpret_cast<unsigned char*>(&request) +
-                                                NLMSG_ALIGN(request.header.nlmsg_len));
-    attribute->rta_type = RTA_DST;
-    attribute->rta_len = static_cast<unsigned short>(RTA_LENGTH(size));
-    std::memcpy(RTA_DATA(attribute), destination, size);
-    request.header.nlmsg_len = NLMSG_ALIGN(request.header.nlmsg_len) + RTA_ALIGN(attribute->rta_len);
-
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    if (::sendto(fd, &request, request.header.nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) !=
-        static_cast<ssize_t>(request.header.nlmsg_len)) {
-        return std::nullopt;
+    nv_nl_request_t request;
+    auto* route = static_cast<rtmsg*>(nv_nl_request(&request, RTM_GETROUTE, 0, sizeof(rtmsg)));
+    route->rtm_family = family;
+    route->rtm_dst_len = static_cast<unsigned char>(size * 8);
+    nv_nl_put(&request, RTA_DST, destination, size);
+    // An error reply means no route (unreachable, prohibited) or a refusal.
+    nv_linux_route_t answer;
+    const nlmsghdr* reply = nv_nl_exchange(socket, &request, RTM_NEWROUTE);
+    if (!reply || !nv_linux_parse_route(reply, &answer) || answer.type != RTN_UNICAST) return std::nullopt;
+    char name[IF_NAMESIZE] = {};
+    if (answer.interface <= 0 || !::if_indextoname(static_cast<unsigned>(answer.interface), name)) return std::nullopt;
+    PrimaryRoute primary;
+    primary.interfaceName = name;
+    if (answer.has_gateway) {
+        if (std::string router = addressText(family, answer.gateway); !router.empty()) primary.router = router;
     }
-    alignas(nlmsghdr) unsigned char buffer[kRouteReplySize];
-    for (;;) {
-        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < static_cast<ssize_t>(sizeof(nlmsghdr))) return std::nullopt;
-        const auto* reply = reinterpret_cast<const nlmsghdr*>(buffer);
-        if (!NLMSG_OK(reply, static_cast<std::size_t>(n))) return std::nullopt;
-        if (reply->nlmsg_seq != request.header.nlmsg_seq) continue;  // a stale answer
-        // NLMSG_ERROR: no route (unreachable, prohibited) or a refusal.
-        if (reply->nlmsg_type != RTM_NEWROUTE) return std::nullopt;
-        const auto* route = payload<rtmsg>(reply);
-        if (!route || route->rtm_type != RTN_UNICAST) return std::nullopt;
-        int interface = 0;
-        PrimaryRoute primary;
-        eachAttribute(RTM_RTA(route), reply->nlmsg_len - NLMSG_LENGTH(sizeof *route),
-                      [&](unsigned short type, const void* data, std::size_t length) {
-                          if (type == RTA_OIF && length >= sizeof interface) std::memcpy(&interface, data, sizeof interface);
-                          if (type == RTA_GATEWAY) {
-                              const std::string router = addressText(family, data, length);
-                              if (!router.empty()) primary.router = router;
-                          }
-                      });
-        char name[IF_NAMESIZE] = {};
-        if (interface <= 0 || !::if_indextoname(static_cast<unsigned>(interface), name)) return std::nullopt;
-        primary.interfaceName = name;
-        return primary;
-    }
+    return primary;
 }
 
 std::string hardwareAddressText(const std::vector<std::uint8_t>& bytes) {

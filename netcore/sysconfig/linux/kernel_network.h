@@ -1,7 +1,10 @@
 // What the configuration backends read from the kernel's routing netlink:
 // the links, their addresses, and the route that traffic to the wider world
-// takes, in the caller's network namespace. Every reading is a fresh request;
-// nothing is kept. A failed request gives nothing.
+// takes, in the caller's network namespace. Every reading is a fresh request
+// (the messages are the netlink layer's to parse: nv_linux.h); nothing is
+// kept. A dump that the kernel keeps interrupting (the table changed while
+// it was read, kDumpAttempts times over) fails like any other: its list may
+// lack an entry, and callers that track links must not take it as whole.
 #pragma once
 
 #include <linux/netlink.h>
@@ -11,7 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "support/unique_fd.h"
+#include "netcore/shim/linux/nv_linux_netlink.h"
+#include "support/result.h"
 
 namespace netvane::kernel {
 
@@ -47,15 +51,17 @@ struct PrimaryRoute {
     bool operator==(const PrimaryRoute&) const = default;
 };
 
-// A routing netlink socket; unbound, for requests.
-UniqueFd openRoutingSocket();
+inline constexpr int kDumpAttempts = 3;
 
-std::optional<std::vector<Link>> dumpLinks(int fd);
+// A routing netlink socket for requests; null (with errno) when none opens.
+NetlinkSocket openRoutingSocket();
+
+Result<std::vector<Link>> dumpLinks(nv_nl_socket_t* socket);
 // Both families when `family` is AF_UNSPEC.
-std::optional<std::vector<Address>> dumpAddresses(int fd, unsigned char family);
+Result<std::vector<Address>> dumpAddresses(nv_nl_socket_t* socket, unsigned char family);
 // The kernel's own route choice (policy rules included) for a destination
 // that only a default route reaches; nothing without one.
-std::optional<PrimaryRoute> primaryRoute(int fd, unsigned char family);
+std::optional<PrimaryRoute> primaryRoute(nv_nl_socket_t* socket, unsigned char family);
 
 // One link or address of a netlink message (new or deleted alike).
 std::optional<Link> parseLink(const nlmsghdr* message);

@@ -227,7 +227,7 @@ Result<State> load(sd_bus* bus) {
 Result<std::optional<LoadedProfile>> loadProfile(sd_bus* bus, const std::string& uuid) {
     auto lookup = bus::methodCall(bus, kService, kSettingsPath, kSettingsInterface, "GetConnectionByUuid");
     if (!lookup) return lookup.error();
-    if (int r = sd_bus_message_append((*lookup).get(), "s", uuid.c_str()); r < 0) {
+    if (int r = bus::sd().sd_bus_message_append((*lookup).get(), "s", uuid.c_str()); r < 0) {
         return bus::errorFrom(r, "build GetConnectionByUuid");
     }
     auto found = bus::call(bus, lookup->get());
@@ -236,7 +236,9 @@ Result<std::optional<LoadedProfile>> loadProfile(sd_bus* bus, const std::string&
         return found.error();
     }
     const char* path = nullptr;
-    if (int r = sd_bus_message_read((*found).get(), "o", &path); r < 0) return bus::errorFrom(r, "read a profile path");
+    if (int r = bus::sd().sd_bus_message_read((*found).get(), "o", &path); r < 0) {
+        return bus::errorFrom(r, "read a profile path");
+    }
     const std::string profilePath = path;
 
     std::vector<bus::Message> requests;
@@ -245,7 +247,7 @@ Result<std::optional<LoadedProfile>> loadProfile(sd_bus* bus, const std::string&
     requests.push_back(std::move(*settings));
     auto flags = bus::methodCall(bus, kService, profilePath.c_str(), "org.freedesktop.DBus.Properties", "Get");
     if (!flags) return flags.error();
-    if (int r = sd_bus_message_append((*flags).get(), "ss", kProfileInterface, "Flags"); r < 0) {
+    if (int r = bus::sd().sd_bus_message_append((*flags).get(), "ss", kProfileInterface, "Flags"); r < 0) {
         return bus::errorFrom(r, "build Get Flags");
     }
     requests.push_back(std::move(*flags));
@@ -260,7 +262,9 @@ Result<std::optional<LoadedProfile>> loadProfile(sd_bus* bus, const std::string&
     auto profile = profileFrom(profilePath, *values, static_cast<std::uint32_t>(flagValue->int64().value_or(0)));
     if (!profile || profile->uuid != uuid) return std::optional<LoadedProfile>();
     // Back to the start, so the reply can be copied into an update.
-    if (int r = sd_bus_message_rewind(replies[0]->get(), 1); r < 0) return bus::errorFrom(r, "rewind GetSettings");
+    if (int r = bus::sd().sd_bus_message_rewind(replies[0]->get(), 1); r < 0) {
+        return bus::errorFrom(r, "rewind GetSettings");
+    }
     return std::optional<LoadedProfile>(LoadedProfile{std::move(*profile), std::move(*replies[0])});
 }
 
@@ -268,11 +272,15 @@ Result<bool> isRunning(sd_bus* bus) {
     auto request = bus::methodCall(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                    "NameHasOwner");
     if (!request) return request.error();
-    if (int r = sd_bus_message_append((*request).get(), "s", kService); r < 0) return bus::errorFrom(r, "build NameHasOwner");
+    if (int r = bus::sd().sd_bus_message_append((*request).get(), "s", kService); r < 0) {
+        return bus::errorFrom(r, "build NameHasOwner");
+    }
     auto reply = bus::call(bus, request->get());
     if (!reply) return reply.error();
     int owned = 0;
-    if (int r = sd_bus_message_read((*reply).get(), "b", &owned); r < 0) return bus::errorFrom(r, "read NameHasOwner");
+    if (int r = bus::sd().sd_bus_message_read((*reply).get(), "b", &owned); r < 0) {
+        return bus::errorFrom(r, "read NameHasOwner");
+    }
     return owned != 0;
 }
 

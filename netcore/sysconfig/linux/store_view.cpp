@@ -59,17 +59,17 @@ bool wantsServices(const KeyMatcher& wanted) {
     return wanted.mayMatchUnder(kServiceStatePrefix) || wanted.mayMatchUnder(kServiceSetupPrefix);
 }
 
-void collectGlobal(int routingSocket, const KeyMatcher& wanted, plist::Dictionary& out) {
+void collectGlobal(nv_nl_socket_t* routing, const KeyMatcher& wanted, plist::Dictionary& out) {
     for (const auto& [key, family] : {std::pair{kGlobalIPv4, AF_INET}, std::pair{kGlobalIPv6, AF_INET6}}) {
         if (!wanted.matches(key)) continue;
-        if (auto route = kernel::primaryRoute(routingSocket, static_cast<unsigned char>(family))) {
+        if (auto route = kernel::primaryRoute(routing, static_cast<unsigned char>(family))) {
             out.append(key, globalValue(*route));
         }
     }
 }
 
-void collectInterfaces(int routingSocket, const KeyMatcher& wanted, plist::Dictionary& out) {
-    const auto links = kernel::dumpLinks(routingSocket);
+void collectInterfaces(nv_nl_socket_t* routing, const KeyMatcher& wanted, plist::Dictionary& out) {
+    const auto links = kernel::dumpLinks(routing);
     if (!links) return;
     plist::Array names;
     for (const kernel::Link& link : *links) names.push_back(link.name);
@@ -78,7 +78,7 @@ void collectInterfaces(int routingSocket, const KeyMatcher& wanted, plist::Dicti
     if (!wanted.mayMatchUnder(kInterfacePrefix)) return;
 
     std::map<int, std::pair<plist::Array, plist::Array>> ipv4, ipv6;  // addresses, masks or prefixes
-    if (const auto addresses = kernel::dumpAddresses(routingSocket, AF_UNSPEC)) {
+    if (const auto addresses = kernel::dumpAddresses(routing, AF_UNSPEC)) {
         for (const kernel::Address& address : *addresses) {
             auto& [list, extra] = (address.family == AF_INET ? ipv4 : ipv6)[address.index];
             list.emplace_back(address.address);

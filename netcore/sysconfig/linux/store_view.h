@@ -35,8 +35,8 @@ std::string serviceInterfaceKey(const std::string& uuid);
 plist::Value globalValue(const kernel::PrimaryRoute& route);
 
 // Adds every key of the family that the matcher takes, with its value.
-void collectGlobal(int routingSocket, const KeyMatcher& wanted, plist::Dictionary& out);
-void collectInterfaces(int routingSocket, const KeyMatcher& wanted, plist::Dictionary& out);
+void collectGlobal(nv_nl_socket_t* routing, const KeyMatcher& wanted, plist::Dictionary& out);
+void collectInterfaces(nv_nl_socket_t* routing, const KeyMatcher& wanted, plist::Dictionary& out);
 void collectServices(const nm::State& state, const KeyMatcher& wanted, plist::Dictionary& out);
 
 // Whether a family can hold a key the matcher takes.

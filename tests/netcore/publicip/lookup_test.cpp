@@ -5,7 +5,7 @@
 #include <future>
 
 #include "netcore/publicip/byte_stream.h"
-#include "netcore/publicip/linux/socket_stream.h"
+#include "netcore/publicip/linux/byte_stream.h"
 #include "netcore/publicip/public_ip.h"
 #include "tests/netcore/publicip/support/local_server.h"
 #include "tests/netcore/publicip/support/loopback_names.h"

@@ -6,7 +6,7 @@
 #include <latch>
 
 #include "netcore/publicip/http_exchange.h"
-#include "netcore/publicip/linux/socket_stream.h"
+#include "netcore/publicip/linux/byte_stream.h"
 #include "tests/netcore/publicip/support/local_server.h"
 #include "tests/netcore/publicip/support/loopback_names.h"
 

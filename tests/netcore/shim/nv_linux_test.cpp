@@ -12,15 +12,22 @@
 #include <linux/net_tstamp.h>
 #include <linux/rtnetlink.h>
 
+#include <fcntl.h>
+#include <net/if_arp.h>
+
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "netcore/shim/linux/nv_linux.h"
 #include "netcore/shim/nv_shim.h"
 #include "support/unique_fd.h"
+#include "tests/temporary_directory.h"
 
 namespace {
 
@@ -278,4 +285,77 @@ TEST(LinuxTunnelOwners, NothingWrittenWithoutRoom) {
     EXPECT_EQ(record.unit, 77u);
 }
 
+// A sysfs of the test's making, laid out as the kernel lays it out: each
+// class/net entry links to the interface's directory under devices/, which
+// may hold a link to the device behind it.
+class SysfsListing {
+public:
+    SysfsListing() : root_("netvane-sysfs") {
+        std::filesystem::create_directories(root_.path() + "/class/net");
+        fd_ = netvane::UniqueFd(::open(root_.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    void add(const std::string& name, const std::string& directory, std::optional<std::string> device = {}) {
+        namespace fs = std::filesystem;
+        fs::create_directories(root_.path() + "/" + directory);
+        fs::create_symlink("../../" + directory, root_.path() + "/class/net/" + name);
+        if (device) fs::create_symlink(*device, root_.path() + "/" + directory + "/device");
+    }
+    void file(const std::string& path, const std::string& content) {
+        std::filesystem::create_directories(std::filesystem::path(root_.path() + "/" + path).parent_path());
+        std::ofstream(root_.path() + "/" + path) << content;
+    }
+    int fd() const { return fd_.get(); }
+
+private:
+    netvane::testing::TemporaryDirectory root_;
+    netvane::UniqueFd fd_;
+};
+
+TEST(LinuxHardware, ADeviceBacksOnlyWhatLinksOutsideTheVirtualDevices) {
+    SysfsListing sysfs;
+    sysfs.add("eth9", "devices/pci0000:00/0000:00:03.0/virtio9/net/eth9", "../../../virtio9");
+    sysfs.add("veth9", "devices/virtual/net/veth9");
+    sysfs.add("odd9", "devices/virtual/misc/odd/net/odd9", "../../../odd");
+    sysfs.add("stray9", "devices/platform/stray/net/stray9", "../../../../virtual/misc/stray");
+    sysfs.add("bare9", "devices/platform/bare/net/bare9");
+    EXPECT_EQ(nv_linux_sysfs_has_device(sysfs.fd(), "eth9"), 1) << "device link present";
+    EXPECT_EQ(nv_linux_sysfs_has_device(sysfs.fd(), "veth9"), 0) << "device link absent, virtual directory";
+    EXPECT_EQ(nv_linux_sysfs_has_device(sysfs.fd(), "odd9"), 0) << "device link into devices/virtual";
+    EXPECT_EQ(nv_linux_sysfs_has_device(sysfs.fd(), "stray9"), 0) << "only the device link leads into it";
+    EXPECT_EQ(nv_linux_sysfs_has_device(sysfs.fd(), "bare9"), 0) << "device link absent";
+    EXPECT_EQ(nv_linux_sysfs_has_device(sysfs.fd(), "gone9"), 0) << "not listed at all";
+    EXPECT_EQ(nv_linux_sysfs_has_device(sysfs.fd(), "../eth9"), 0);
+
+    // The one decision: sysfs where the kernel names no parents, the message
+    // where it does, never loopback.
+    nv_linux_link_t link{};
+    std::strcpy(link.name, "eth9");
+    link.type = ARPHRD_ETHER;
+    EXPECT_EQ(nv_linux_link_has_device(&link, 0, sysfs.fd()), 1);
+    EXPECT_EQ(nv_linux_link_has_device(&link, 1, sysfs.fd()), 0) << "a message without a parent";
+    link.names_parent = 1;
+    EXPECT_EQ(nv_linux_link_has_device(&link, 1, sysfs.fd()), 1);
+    std::strcpy(link.name, "veth9");
+    EXPECT_EQ(nv_linux_link_has_device(&link, 0, sysfs.fd()), 0);
+    link.type = ARPHRD_LOOPBACK;
+    EXPECT_EQ(nv_linux_link_has_device(&link, 1, sysfs.fd()), 0);
+}
+
+TEST(LinuxHardware, FunctionalTypeOfBackedInterfacesComesFromTheirSysfsEntries) {
+    SysfsListing sysfs;
+    sysfs.add("eth9", "devices/pci0000:00/0000:00:03.0/virtio9/net/eth9", "../../../virtio9");
+    sysfs.add("wlan9", "devices/pci0000:00/0000:00:04.0/net/wlan9", "../../../0000:00:04.0");
+    sysfs.file("devices/pci0000:00/0000:00:04.0/net/wlan9/phy80211/name", "phy0\n");
+    sysfs.add("wwan9", "devices/pci0000:00/0000:00:05.0/net/wwan9", "../../../0000:00:05.0");
+    sysfs.file("devices/pci0000:00/0000:00:05.0/net/wwan9/uevent", "INTERFACE=wwan9\nDEVTYPE=wwan\n");
+    EXPECT_EQ(nv_linux_read_functional_type(sysfs.fd(), "eth9", ARPHRD_ETHER, 1), 2u);
+    EXPECT_EQ(nv_linux_read_functional_type(sysfs.fd(), "wlan9", ARPHRD_ETHER, 1), 3u);
+    EXPECT_EQ(nv_linux_sysfs_wireless(sysfs.fd(), "wlan9"), 1);
+    EXPECT_EQ(nv_linux_sysfs_wireless(sysfs.fd(), "eth9"), 0);
+    EXPECT_EQ(nv_linux_read_functional_type(sysfs.fd(), "wwan9", ARPHRD_ETHER, 1), 5u);
+    // Not backed: sysfs is not asked, whatever it would say.
+    EXPECT_EQ(nv_linux_read_functional_type(sysfs.fd(), "wlan9", ARPHRD_ETHER, 0), 0u);
+}
+
 }  // namespace
+

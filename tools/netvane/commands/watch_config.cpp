@@ -2,7 +2,6 @@
 // change watcher delivers it, one line each, until N batches or Ctrl-C.
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -10,6 +9,7 @@
 #include "io.h"
 #include "netcore/sysconfig/network_change_watcher.h"
 #include "support/json.h"
+#include "support/mutex.h"
 #include "support/unicode.h"
 
 namespace netvane::cli {
@@ -53,24 +53,26 @@ int run(const Arguments& arguments) {
 
     // The watcher's queue prints; the main thread only waits. Output is
     // touched under the lock alone.
-    std::mutex mutex;
-    std::condition_variable printed;
-    std::uint64_t batches = 0;
-    bool outputEnded = false;
+    struct Printed {
+        Mutex mutex;
+        std::condition_variable another;
+        std::uint64_t batches NV_GUARDED_BY(mutex) = 0;
+        bool outputEnded NV_GUARDED_BY(mutex) = false;
+    } printed;
     auto queue = std::make_shared<SerialQueue>("watch-config");
     NetworkChangeWatcher watcher(queue, [&](const std::vector<std::string>& keys) {
-        const std::lock_guard guard(mutex);
-        if (outputEnded || (count && batches >= *count)) return;
+        MutexLock lock(printed.mutex);
+        if (printed.outputEnded || (count && printed.batches >= *count)) return;
         print(line(keys, json) + "\n");
-        outputEnded = !flushOutput();
-        ++batches;
-        printed.notify_all();
+        printed.outputEnded = !flushOutput();
+        ++printed.batches;
+        printed.another.notify_all();
     });
     if (!watcher.watching()) return failure("cannot watch the network configuration");
-    std::unique_lock guard(mutex);
+    MutexLock lock(printed.mutex);
     // Woken by each batch; the signal flag is looked at a few times a second.
-    while (!interrupted() && !outputEnded && !(count && batches >= *count)) {
-        printed.wait_for(guard, std::chrono::milliseconds(200));
+    while (!interrupted() && !printed.outputEnded && !(count && printed.batches >= *count)) {
+        (void)lock.waitUntil(printed.another, std::chrono::steady_clock::now() + std::chrono::milliseconds(200));
     }
     return kExitOK;
 }

@@ -3,7 +3,7 @@
 // "dual.test" has 127.0.0.1 and ::1, "v4.test" only 127.0.0.1, "v6.test" only ::1.
 #pragma once
 
-#include "netcore/publicip/linux/socket_stream.h"
+#include "netcore/publicip/linux/byte_stream.h"
 
 namespace netvane::testing {
 

@@ -54,16 +54,16 @@ TEST(BusLibrary, ForwardedFunctionsReachTheLibrary) {
     // Conversations on a real bus go through the integration tests; here,
     // the library's own answer arrives, not the loader's.
     sd_bus* raw = nullptr;
-    ASSERT_GE(sd_bus_new(&raw), 0);
+    ASSERT_GE(sd().sd_bus_new(&raw), 0);
     Bus bus(raw);
-    ASSERT_GE(sd_bus_set_address(bus.get(), "unix:path=/nonexistent/netvane-bus"), 0);
-    const int started = sd_bus_start(bus.get());
+    ASSERT_GE(sd().sd_bus_set_address(bus.get(), "unix:path=/nonexistent/netvane-bus"), 0);
+    const int started = sd().sd_bus_start(bus.get());
     EXPECT_LT(started, 0);
     EXPECT_NE(started, -ELIBACC);
 
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    EXPECT_FALSE(sd_bus_error_is_set(&error));
-    sd_bus_error_free(&error);
+    EXPECT_FALSE(sd().sd_bus_error_is_set(&error));
+    sd().sd_bus_error_free(&error);
 }
 
 // Where the dynamic loader finds the library, from its cache, without
@@ -102,11 +102,11 @@ std::string libraryPath() {
     std::fprintf(stderr, "%s\n", opened.error().message.c_str());
     sd_bus* raw = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
-    const bool quiet = sd_bus_open_system(&raw) == -ELIBACC && raw == nullptr &&
-                       sd_bus_message_unref(nullptr) == nullptr && sd_bus_slot_unref(nullptr) == nullptr &&
-                       sd_bus_flush_close_unref(nullptr) == nullptr && !sd_bus_error_is_set(&error) &&
+    const bool quiet = sd().sd_bus_open_system(&raw) == -ELIBACC && raw == nullptr &&
+                       sd().sd_bus_message_unref(nullptr) == nullptr && sd().sd_bus_slot_unref(nullptr) == nullptr &&
+                       sd().sd_bus_flush_close_unref(nullptr) == nullptr && !sd().sd_bus_error_is_set(&error) &&
                        busLibraryFailure() == opened.error().message.substr(opened.error().message.find("cannot load"));
-    sd_bus_error_free(&error);
+    sd().sd_bus_error_free(&error);
     ::_exit(quiet ? 0 : 4);
 }
 

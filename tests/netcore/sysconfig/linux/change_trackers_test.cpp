@@ -92,6 +92,15 @@ TEST_F(KernelChangeTrackerTest, AResyncNamesEveryInterfaceBeforeAndAfter) {
         << "the resync is the new baseline";
 }
 
+TEST_F(KernelChangeTrackerTest, LinksThatCouldNotBeReadAgainAreStillKnown) {
+    KeySet expected = with(interfaceKeys("lo"), {"State:/Network/Interface"});
+    expected.merge(interfaceKeys("eth0"));
+    EXPECT_EQ(apply([&](KeySet& k) { tracker_.unsure(k); }), expected);
+    EXPECT_EQ(apply([&](KeySet& k) { tracker_.linkChanged(link(2, "eth0", false), true, k); }),
+              with(interfaceKeys("eth0"), {"State:/Network/Interface"}))
+        << "a removal after a failed re-read is still news";
+}
+
 TEST(NetworkManagerChangeTracker, ProfilesAndActiveConnectionsNameTheirKeys) {
     const std::string a = "State:/Network/Service/A/", setupA = "Setup:/Network/Service/A";
     NetworkManagerChangeTracker tracker;

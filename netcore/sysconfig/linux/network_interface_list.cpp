@@ -5,11 +5,11 @@
 // people.
 #include <net/if_arp.h>
 #include <net/if.h>
-#include <unistd.h>
 
 #include <map>
 #include <string_view>
 
+#include "netcore/shim/linux/nv_linux.h"
 #include "netcore/sysconfig/linux/kernel_network.h"
 #include "netcore/sysconfig/network_interface_list.h"
 
@@ -34,11 +34,8 @@ std::optional<Kind> kindOf(const kernel::Link& link) {
     // Radios are devices of their drivers' own; a link of a kind (veth,
     // macvlan, ...) never is one. Asking sysfs costs two path walks a link,
     // most of a reading on a host with hundreds of virtual links.
-    if (link.kind.empty()) {
-        const std::string device = "/sys/class/net/" + link.name;
-        if (::access((device + "/wireless").c_str(), F_OK) == 0 || ::access((device + "/phy80211").c_str(), F_OK) == 0) {
-            return Kind{"IEEE80211", "Wi-Fi"};
-        }
+    if (link.kind.empty() && nv_linux_sysfs_wireless(NV_LINUX_SYSFS, link.name.c_str())) {
+        return Kind{"IEEE80211", "Wi-Fi"};
     }
     return Kind{"Ethernet", "Ethernet"};
 }
@@ -62,8 +59,8 @@ NetworkInterface describe(const kernel::Link& link) {
 class LinuxInterfaceList final : public NetworkInterfaceList {
 public:
     std::optional<std::vector<NetworkInterface>> copyAll() override {
-        const UniqueFd fd = kernel::openRoutingSocket();
-        auto links = kernel::dumpLinks(fd.get());
+        const NetlinkSocket routing = kernel::openRoutingSocket();
+        auto links = kernel::dumpLinks(routing.get());
         if (!links) return std::nullopt;
         std::map<int, const kernel::Link*> byIndex;
         for (const kernel::Link& link : *links) byIndex.emplace(link.index, &link);

@@ -1,4 +1,4 @@
-#include "daemon/darwin/authorization_services_authorizer.h"
+#include "daemon/darwin/authorizer.h"
 
 #include <Security/Security.h>
 

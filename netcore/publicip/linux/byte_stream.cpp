@@ -1,4 +1,4 @@
-#include "netcore/publicip/linux/socket_stream.h"
+#include "netcore/publicip/linux/byte_stream.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -56,8 +56,8 @@ private:
 
 // The resolver's answer, shared with its thread, which may outlive the attempt.
 struct PendingResolution {
-    std::mutex mutex;
-    std::optional<Result<std::vector<SocketAddress>>> answer;
+    Mutex mutex;
+    std::optional<Result<std::vector<SocketAddress>>> answer NV_GUARDED_BY(mutex);
     UniqueFd done{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 };
 
@@ -68,7 +68,7 @@ Result<std::vector<SocketAddress>> resolve(const AddressResolver& resolver, cons
     try {
         std::thread([pending, resolver, host, port, version] {
             auto answer = resolver(host, port, version);
-            std::lock_guard lock(pending->mutex);
+            MutexLock lock(pending->mutex);
             pending->answer = std::move(answer);
             const std::uint64_t one = 1;
             [[maybe_unused]] const ssize_t written = ::write(pending->done.get(), &one, sizeof one);
@@ -78,7 +78,7 @@ Result<std::vector<SocketAddress>> resolve(const AddressResolver& resolver, cons
     }
     for (;;) {
         if (auto ready = waiter.wait(pending->done.get(), POLLIN); !ready) return ready.error();
-        std::lock_guard lock(pending->mutex);
+        MutexLock lock(pending->mutex);
         if (pending->answer) return std::move(*pending->answer);
     }
 }
@@ -153,7 +153,7 @@ SocketStreamConnector::SocketStreamConnector(AddressResolver resolver) : resolve
 SocketStreamConnector::~SocketStreamConnector() { freeTLSContext(tlsContext_); }
 
 Result<ssl_ctx_st*> SocketStreamConnector::tlsContext() {
-    std::lock_guard lock(tlsMutex_);
+    MutexLock lock(tlsMutex_);
     if (!tlsContext_) {
         auto context = makeTLSContext();
         if (!context) return context.error();

@@ -1,10 +1,9 @@
-#include "netcore/sysconfig/linux/linux_dynamic_store.h"
+#include "netcore/sysconfig/linux/dynamic_store.h"
 
-#include <mutex>
+#include "support/mutex.h"
 
 #include "netcore/sysconfig/linux/bus.h"
 #include "netcore/sysconfig/linux/store_view.h"
-#include "support/unique_fd.h"
 
 namespace netvane {
 namespace {
@@ -23,7 +22,7 @@ public:
     const nm::State* state() {
         if (!bus_ && !connect()) return nullptr;
         int r = 0;
-        while ((r = sd_bus_process(bus_.get(), nullptr)) > 0) {
+        while ((r = bus::sd().sd_bus_process(bus_.get(), nullptr)) > 0) {
         }
         if (r < 0) {
             disconnect();
@@ -53,7 +52,7 @@ private:
         // Asked for before the first load, and handled by the bus before it.
         for (const char* match : {kNetworkManagerSignals, kOwnerChanges}) {
             sd_bus_slot* slot = nullptr;
-            if (sd_bus_add_match_async(opened->get(), &slot, match, &markStale, nullptr, this) < 0) {
+            if (bus::sd().sd_bus_add_match_async(opened->get(), &slot, match, &markStale, nullptr, this) < 0) {
                 slots_.clear();
                 return false;
             }
@@ -80,13 +79,13 @@ private:
 class NotificationFilter {
 public:
     void set(KeyMatcher matcher) {
-        const std::lock_guard guard(mutex_);
+        MutexLock lock(mutex_);
         matcher_ = std::make_shared<const KeyMatcher>(std::move(matcher));
     }
     plist::Array pick(const KeySet& keys) const {
         std::shared_ptr<const KeyMatcher> matcher;
         {
-            const std::lock_guard guard(mutex_);
+            MutexLock lock(mutex_);
             matcher = matcher_;
         }
         plist::Array picked;
@@ -97,8 +96,8 @@ public:
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::shared_ptr<const KeyMatcher> matcher_ = std::make_shared<const KeyMatcher>();
+    mutable Mutex mutex_;
+    std::shared_ptr<const KeyMatcher> matcher_ NV_GUARDED_BY(mutex_) = std::make_shared<const KeyMatcher>();
 };
 
 class LinuxDynamicStore final : public DynamicStore {
@@ -165,7 +164,7 @@ private:
     const std::shared_ptr<NotificationDelivery> delivery_;
     const std::shared_ptr<NotificationFilter> filter_ = std::make_shared<NotificationFilter>();
     std::unique_ptr<ChangeMonitor> monitor_;
-    UniqueFd routing_;
+    NetlinkSocket routing_;
     NetworkManagerView manager_;
 };
 

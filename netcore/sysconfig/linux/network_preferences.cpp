@@ -34,37 +34,39 @@ Error failure(const std::string& message) { return Error{bus::kBusErrorDomain, 0
 // Copies a GetSettings reply into an update, with "connection.autoconnect"
 // replaced; every other setting goes back exactly as it came.
 int copySettings(sd_bus_message* to, sd_bus_message* from, bool autoconnect) {
-    int r = sd_bus_message_enter_container(from, SD_BUS_TYPE_ARRAY, "{sa{sv}}");
-    if (r >= 0) r = sd_bus_message_open_container(to, SD_BUS_TYPE_ARRAY, "{sa{sv}}");
-    while (r >= 0 && (r = sd_bus_message_enter_container(from, SD_BUS_TYPE_DICT_ENTRY, "sa{sv}")) > 0) {
+    int r = bus::sd().sd_bus_message_enter_container(from, SD_BUS_TYPE_ARRAY, "{sa{sv}}");
+    if (r >= 0) r = bus::sd().sd_bus_message_open_container(to, SD_BUS_TYPE_ARRAY, "{sa{sv}}");
+    while (r >= 0 && (r = bus::sd().sd_bus_message_enter_container(from, SD_BUS_TYPE_DICT_ENTRY, "sa{sv}")) > 0) {
         const char* name = nullptr;
-        r = sd_bus_message_read(from, "s", &name);
+        r = bus::sd().sd_bus_message_read(from, "s", &name);
         const bool connection = r >= 0 && std::string_view(name) == "connection";
-        if (r >= 0) r = sd_bus_message_open_container(to, SD_BUS_TYPE_DICT_ENTRY, "sa{sv}");
-        if (r >= 0) r = sd_bus_message_append(to, "s", name);
-        if (r >= 0) r = sd_bus_message_enter_container(from, SD_BUS_TYPE_ARRAY, "{sv}");
-        if (r >= 0) r = sd_bus_message_open_container(to, SD_BUS_TYPE_ARRAY, "{sv}");
-        while (r >= 0 && (r = sd_bus_message_enter_container(from, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
+        if (r >= 0) r = bus::sd().sd_bus_message_open_container(to, SD_BUS_TYPE_DICT_ENTRY, "sa{sv}");
+        if (r >= 0) r = bus::sd().sd_bus_message_append(to, "s", name);
+        if (r >= 0) r = bus::sd().sd_bus_message_enter_container(from, SD_BUS_TYPE_ARRAY, "{sv}");
+        if (r >= 0) r = bus::sd().sd_bus_message_open_container(to, SD_BUS_TYPE_ARRAY, "{sv}");
+        while (r >= 0 && (r = bus::sd().sd_bus_message_enter_container(from, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
             const char* key = nullptr;
-            r = sd_bus_message_read(from, "s", &key);
+            r = bus::sd().sd_bus_message_read(from, "s", &key);
             if (r >= 0 && connection && std::string_view(key) == "autoconnect") {
-                r = sd_bus_message_skip(from, "v");
+                r = bus::sd().sd_bus_message_skip(from, "v");
             } else if (r >= 0) {
-                r = sd_bus_message_open_container(to, SD_BUS_TYPE_DICT_ENTRY, "sv");
-                if (r >= 0) r = sd_bus_message_append(to, "s", key);
-                if (r >= 0) r = sd_bus_message_copy(to, from, 0);
-                if (r >= 0) r = sd_bus_message_close_container(to);
+                r = bus::sd().sd_bus_message_open_container(to, SD_BUS_TYPE_DICT_ENTRY, "sv");
+                if (r >= 0) r = bus::sd().sd_bus_message_append(to, "s", key);
+                if (r >= 0) r = bus::sd().sd_bus_message_copy(to, from, 0);
+                if (r >= 0) r = bus::sd().sd_bus_message_close_container(to);
             }
-            if (r >= 0) r = sd_bus_message_exit_container(from);
+            if (r >= 0) r = bus::sd().sd_bus_message_exit_container(from);
         }
-        if (r >= 0 && connection) r = sd_bus_message_append(to, "{sv}", "autoconnect", "b", autoconnect ? 1 : 0);
-        if (r >= 0) r = sd_bus_message_close_container(to);
-        if (r >= 0) r = sd_bus_message_exit_container(from);
-        if (r >= 0) r = sd_bus_message_close_container(to);
-        if (r >= 0) r = sd_bus_message_exit_container(from);
+        if (r >= 0 && connection) {
+            r = bus::sd().sd_bus_message_append(to, "{sv}", "autoconnect", "b", autoconnect ? 1 : 0);
+        }
+        if (r >= 0) r = bus::sd().sd_bus_message_close_container(to);
+        if (r >= 0) r = bus::sd().sd_bus_message_exit_container(from);
+        if (r >= 0) r = bus::sd().sd_bus_message_close_container(to);
+        if (r >= 0) r = bus::sd().sd_bus_message_exit_container(from);
     }
-    if (r >= 0) r = sd_bus_message_close_container(to);
-    if (r >= 0) r = sd_bus_message_exit_container(from);
+    if (r >= 0) r = bus::sd().sd_bus_message_close_container(to);
+    if (r >= 0) r = bus::sd().sd_bus_message_exit_container(from);
     return r;
 }
 
@@ -151,8 +153,8 @@ public:
                                       "Update2");
         if (!update) return update.error();
         int r = copySettings(update->get(), loaded.settings.get(), enabled);
-        if (r >= 0) r = sd_bus_message_append(update->get(), "u", kUpdateToDisk);
-        if (r >= 0) r = sd_bus_message_append(update->get(), "a{sv}", 0);
+        if (r >= 0) r = bus::sd().sd_bus_message_append(update->get(), "u", kUpdateToDisk);
+        if (r >= 0) r = bus::sd().sd_bus_message_append(update->get(), "a{sv}", 0);
         if (r < 0) return bus::errorFrom(r, "build Update2 of " + serviceID);
         loaded.profile.autoconnect = enabled;
         pending_ = Pending{loaded.profile, std::move(*update)};
@@ -176,7 +178,8 @@ public:
             auto activation = bus::methodCall(bus_.get(), nm::kService, nm::kManagerPath, nm::kManagerInterface,
                                               "ActivateConnection");
             if (!activation) return activation.error();
-            if (int r = sd_bus_message_append(activation->get(), "ooo", profile.path.c_str(), "/", "/"); r < 0) {
+            if (int r = bus::sd().sd_bus_message_append(activation->get(), "ooo", profile.path.c_str(), "/", "/");
+                r < 0) {
                 return bus::errorFrom(r, "build ActivateConnection");
             }
             auto started = bus::call(bus_.get(), activation->get());
@@ -188,7 +191,7 @@ public:
                 auto deactivation = bus::methodCall(bus_.get(), nm::kService, nm::kManagerPath, nm::kManagerInterface,
                                                     "DeactivateConnection");
                 if (!deactivation) return deactivation.error();
-                if (int r = sd_bus_message_append(deactivation->get(), "o", path.c_str()); r < 0) {
+                if (int r = bus::sd().sd_bus_message_append(deactivation->get(), "o", path.c_str()); r < 0) {
                     return bus::errorFrom(r, "build DeactivateConnection");
                 }
                 auto stopped = bus::call(bus_.get(), deactivation->get());
@@ -227,7 +230,8 @@ private:
     Result<std::vector<std::string>> activeConnectionsOf(const std::string& profilePath) {
         auto list = bus::methodCall(bus_.get(), nm::kService, nm::kManagerPath, "org.freedesktop.DBus.Properties", "Get");
         if (!list) return list.error();
-        if (int r = sd_bus_message_append(list->get(), "ss", nm::kManagerInterface, "ActiveConnections"); r < 0) {
+        if (int r = bus::sd().sd_bus_message_append(list->get(), "ss", nm::kManagerInterface, "ActiveConnections");
+            r < 0) {
             return bus::errorFrom(r, "build Get ActiveConnections");
         }
         auto reply = bus::call(bus_.get(), list->get());
@@ -241,7 +245,7 @@ private:
             auto get = bus::methodCall(bus_.get(), nm::kService, path.string()->c_str(),
                                        "org.freedesktop.DBus.Properties", "Get");
             if (!get) return get.error();
-            if (int r = sd_bus_message_append(get->get(), "ss", nm::kActiveInterface, "Connection"); r < 0) {
+            if (int r = bus::sd().sd_bus_message_append(get->get(), "ss", nm::kActiveInterface, "Connection"); r < 0) {
                 return bus::errorFrom(r, "build Get Connection");
             }
             candidates.push_back(*path.string());

@@ -12,11 +12,11 @@
 #include <sys/socket.h>
 
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "netcore/publicip/byte_stream.h"
+#include "support/mutex.h"
 
 struct ssl_ctx_st;
 
@@ -53,8 +53,8 @@ private:
     Result<ssl_ctx_st*> tlsContext();
 
     AddressResolver resolver_;
-    std::mutex tlsMutex_;
-    ssl_ctx_st* tlsContext_ = nullptr;
+    Mutex tlsMutex_;
+    ssl_ctx_st* tlsContext_ NV_GUARDED_BY(tlsMutex_) = nullptr;
 };
 
 }  // namespace netvane
