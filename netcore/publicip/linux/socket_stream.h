@@ -37,7 +37,6 @@ Result<std::vector<SocketAddress>> resolveWithSystem(const std::string& host, st
 std::optional<SocketAddress> literalAddress(const std::string& text, std::uint16_t port, IPVersion version);
 
 inline constexpr const char* kAddressInfoErrorDomain = "kCFStreamErrorDomainNetDB";
-inline constexpr const char* kTLSErrorDomain = "NetCore.TLS";
 
 class SocketStreamConnector final : public StreamConnector {
 public:

@@ -9,6 +9,7 @@
 #include "netcore/publicip/linux/socket_stream.h"
 #include "tests/netcore/publicip/support/local_server.h"
 #include "tests/netcore/publicip/support/loopback_names.h"
+#include "tests/netcore/publicip/support/python_tls_server.h"
 
 namespace netvane::PublicIPService {
 namespace {
@@ -143,22 +144,55 @@ TEST_F(SocketStreamTest, TLSRefusesUntrustedIssuer) {
     EXPECT_EQ(body.error().message, "The server's certificate isn't valid: unable to get local issuer certificate");
 }
 
-// Without close_notify nothing tells a whole body from one cut short by a
-// bare TCP close (an attacker on the path can send one): both are errors,
-// never a wrong address.
-TEST_F(SocketStreamTest, TLSCloseWithoutNotifyIsAReceiveError) {
-    for (const std::string& body : {std::string("3\r\n127\r\n"), std::string("9\r\n127.0.0.1\r\n0\r\n\r\n")}) {
+// Without close_notify only the answer's own framing tells a whole body from
+// one cut short by a bare TCP close, which anyone on the path can send.
+TEST_F(SocketStreamTest, TLSCloseWithoutNotifyEndsOnlyAProvablyWholeAnswer) {
+    const std::string cut = "error: " + closedWithoutNotifyError().message;
+    const struct {
+        std::string answer;
+        bool notify;
+        std::string outcome;
+    } cases[] = {
+        {"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n127.0.0.1\n", false, "127.0.0.1\n"},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n127.0.0.1\r\n0\r\n\r\n", false, "127.0.0.1"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\n127.0.0.1\n", false, cut},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\n127\r\n", false, cut},
+        {"HTTP/1.1 200 OK\r\n\r\n127.0.0.1\n", false, cut},
+        // close_notify ends any answer: the body is whatever came.
+        {"HTTP/1.1 200 OK\r\n\r\n127.0.0.1\n", true, "127.0.0.1\n"},
+    };
+    for (const auto& c : cases) {
         LocalServer server(
-            [body](Peer& peer) {
+            [&c](Peer& peer) {
                 if (peer.readRequest().empty()) return;
-                peer.write("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + body);
-                peer.closeWithoutNotify();
+                peer.write(c.answer);
+                if (!c.notify) peer.closeWithoutNotify();
             },
             trustedTestCA().issue({"dual.test"}, {}));
         const auto fetched = fetch("https://dual.test:" + std::to_string(server.port()) + "/ip", IPVersion::v4);
-        ASSERT_FALSE(fetched.ok()) << "accepted " << text(*fetched);
-        EXPECT_EQ(fetched.error().domain, kTLSErrorDomain);
-        EXPECT_EQ(fetched.error().message, "The secure connection was closed before the response was complete");
+        EXPECT_EQ(fetched ? text(*fetched) : "error: " + fetched.error().message, c.outcome) << c.answer;
+        if (!fetched) {
+            EXPECT_EQ(fetched.error(), closedWithoutNotifyError());
+        }
+    }
+}
+
+// The same against Python's own HTTPS server, which never sends close_notify.
+TEST_F(SocketStreamTest, PythonsHTTPSServerWithoutCloseNotify) {
+    testing::PythonTLSServer server(trustedTestCA().issue({"dual.test"}, {}));
+    const std::string base = "https://dual.test:" + std::to_string(server.port());
+    for (const IPVersion version : {IPVersion::v4, IPVersion::v6}) {
+        const std::string address = version == IPVersion::v4 ? "127.0.0.1" : "::1";
+        for (const char* whole : {"/length", "/chunked"}) {
+            const auto fetched = fetch(base + whole, version);
+            ASSERT_TRUE(fetched.ok()) << whole << ": " << fetched.error().message;
+            EXPECT_EQ(text(*fetched), address + "\n") << whole;
+        }
+        for (const char* cutShort : {"/short", "/cut", "/unframed"}) {
+            const auto fetched = fetch(base + cutShort, version);
+            ASSERT_FALSE(fetched.ok()) << cutShort << " accepted " << text(*fetched);
+            EXPECT_EQ(fetched.error(), closedWithoutNotifyError()) << cutShort;
+        }
     }
 }
 
