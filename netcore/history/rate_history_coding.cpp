@@ -51,6 +51,21 @@ Result<double> decodeDouble(const plist::Value& dict, const char* key) {
     return corrupt(std::string("\"") + key + "\" is not a number");
 }
 
+// Whatever a reader sums (an aggregate reads a stretch of one tier; a chart
+// may join stretches of several) fits in 64 bits when all of it does.
+// Overflow while counting stops the process, so a file must not carry it in.
+bool totalsFit(const RateHistory& history) {
+    std::uint64_t in = 0, out = 0;
+    for (const Tier& tier : history.tiers) {
+        for (const Bucket& bucket : tier.buckets) {
+            if (__builtin_add_overflow(in, bucket.bytesIn, &in) || __builtin_add_overflow(out, bucket.bytesOut, &out)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 void packBuckets(const std::deque<Bucket>& buckets, std::size_t offset, std::span<std::uint8_t> out) {
@@ -137,6 +152,7 @@ Result<RateHistory> RateHistory::decode(const plist::Value& value) {
         if (!tier) return tier.error();
         history.tiers.push_back(std::move(*tier));
     }
+    if (!totalsFit(history)) return corrupt("the byte counts of its buckets add up to more than 64 bits");
     return history;
 }
 
