@@ -9,6 +9,8 @@
 # both 127.0.0.1 and ::1, so the script runs itself under `unshare -m` with its
 # own hosts file bound over /etc/hosts. Nothing outside that namespace changes.
 set -euo pipefail
+# shellcheck source-path=SCRIPTDIR source=../checked_timing.sh
+source "$(dirname "$0")/../checked_timing.sh"
 
 build=${1:?usage: $0 BUILD_DIR [RUNS]}
 runs=${2:-200}
@@ -54,23 +56,13 @@ tls_port=$port
 export SSL_CERT_FILE="$work/ca.pem" SSL_CERT_DIR="$work/empty"
 mkdir -p "$SSL_CERT_DIR"
 
-now_ns() { date +%s%N; }
-
-# Mean wall time per run in milliseconds of a shell command, after one warm-up.
-measure() {
-  local command=$1
-  eval "$command" > /dev/null
-  local start end
-  start=$(now_ns)
-  for ((i = 0; i < runs; i++)); do eval "$command" > /dev/null; done
-  end=$(now_ns)
-  awk -v ns=$((end - start)) -v n="$runs" 'BEGIN { printf "%.2f", ns / n / 1e6 }'
-}
-
-check() {
-  local label=$1 output=$2
-  grep -q '127.0.0.1' <<< "$output" && grep -q '::1' <<< "$output" ||
-    { echo "$label did not report both addresses: $output" >&2; exit 1; }
+# Both addresses, whoever asked.
+both_addresses() { grep -q '127\.0\.0\.1' "$1" && grep -q '::1' "$1"; }
+ours() { "$netvane" public-ip --url "$url"; }
+# The two curls at once; the pair fails when either does.
+pair() {
+  curl -4 -s --cacert "$SSL_CERT_FILE" "$url" &
+  curl -6 -s --cacert "$SSL_CERT_FILE" "$url" && wait $!
 }
 
 printf '%-6s %-28s %10s\n' scheme client "ms/run"
@@ -78,11 +70,11 @@ for scheme in http https; do
   port=$plain_port
   [[ $scheme == https ]] && port=$tls_port
   url="$scheme://echo.test:$port/ip"
-  ours="'$netvane' public-ip --url '$url'"
-  pair="curl -4 -s --cacert '$SSL_CERT_FILE' '$url' & curl -6 -s --cacert '$SSL_CERT_FILE' '$url' & wait"
-  check netvane "$(eval "$ours")"
-  check curl "$(eval "$pair")"
-  printf '%-6s %-28s %10s\n' "$scheme" "netvane public-ip" "$(measure "$ours")"
-  printf '%-6s %-28s %10s\n' "$scheme" "curl -4 & curl -6" "$(measure "$pair")"
+  ours > /dev/null  # warm caches once for both
+  pair > /dev/null
+  ms_ours=$(mean_ms both_addresses ours)
+  ms_pair=$(mean_ms both_addresses pair)
+  printf '%-6s %-28s %10s\n' "$scheme" "netvane public-ip" "$ms_ours"
+  printf '%-6s %-28s %10s\n' "$scheme" "curl -4 & curl -6" "$ms_pair"
 done
 echo "($runs runs each)"
