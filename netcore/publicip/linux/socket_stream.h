@@ -5,18 +5,25 @@
 // Names resolve in a helper thread so that the attempt's deadline and
 // cancellation also cut a hung resolver short; the thread then finishes on its
 // own and its answer is dropped. Literal addresses skip it. The connector is
-// thread-safe; its TLS context is built on the first TLS attempt, which is when the
-// trust-store variables are read.
+// thread-safe. Its TLS context (the TLS library loaded, the trust store read,
+// which is when the trust-store variables are read) is built once, on a
+// thread of the connector's own that the first TLS attempt starts before it
+// resolves and connects: building costs more than both on a fast network.
+// Attempts wait for it within their own limits; a build that failed is tried
+// again by the next TLS attempt. Destroying the connector waits for a build
+// still running.
 #pragma once
 
 #include <sys/socket.h>
 
 #include <functional>
-#include <mutex>
+#include <memory>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "netcore/publicip/byte_stream.h"
+#include "support/mutex.h"
 
 struct ssl_ctx_st;
 
@@ -49,11 +56,14 @@ public:
                                              const Cancellation* cancellation) override;
 
 private:
-    Result<ssl_ctx_st*> tlsContext();
+    struct TLSBuild;
+    // The build under way or done, started if there is none (or it failed).
+    std::shared_ptr<TLSBuild> prepareTLS() NV_EXCLUDES(tlsMutex_);
 
     AddressResolver resolver_;
-    std::mutex tlsMutex_;
-    ssl_ctx_st* tlsContext_ = nullptr;
+    Mutex tlsMutex_;
+    std::shared_ptr<TLSBuild> tlsBuild_ NV_GUARDED_BY(tlsMutex_);
+    std::thread tlsBuilder_ NV_GUARDED_BY(tlsMutex_);
 };
 
 }  // namespace netvane

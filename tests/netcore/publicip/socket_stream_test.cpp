@@ -1,6 +1,9 @@
 // One attempt over the Linux sockets and TLS against servers on 127.0.0.1 and ::1.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <future>
 #include <latch>
@@ -10,6 +13,7 @@
 #include "tests/netcore/publicip/support/local_server.h"
 #include "tests/netcore/publicip/support/loopback_names.h"
 #include "tests/netcore/publicip/support/python_tls_server.h"
+#include "tests/temporary_directory.h"
 
 namespace netvane::PublicIPService {
 namespace {
@@ -289,6 +293,38 @@ TEST_F(SocketStreamTest, HungResolverIsCutShortByTheDeadline) {
     release->count_down();
     ASSERT_FALSE(body.ok());
     EXPECT_EQ(body.error(), timedOutError());
+}
+
+// Building the TLS context reads the trust store, which may never answer (a
+// FIFO named by SSL_CERT_FILE): the attempt still ends at its deadline.
+TEST_F(SocketStreamTest, TrustStoreThatNeverAnswersIsCutShortByTheDeadline) {
+    LocalServer server(echoAddress, trustedTestCA().issue({"dual.test"}, {}));
+    testing::TemporaryDirectory directory("netvane-trust-fifo");
+    const std::string fifo = directory.path() + "/ca.pem";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const std::string trusted = testing::trustedTestCAFile();
+    ::setenv("SSL_CERT_FILE", fifo.c_str(), 1);
+    // Once the attempt is over (or, should it hang, after a while), the
+    // reader blocked on the FIFO is let go: opening the other end and closing
+    // it gives it an empty file.
+    std::promise<void> attemptOver;
+    std::thread releaser([&fifo, over = attemptOver.get_future()] {
+        over.wait_for(5s);
+        const int fd = ::open(fifo.c_str(), O_WRONLY);
+        if (fd >= 0) ::close(fd);
+    });
+    {
+        SocketStreamConnector connector(testing::loopbackResolver());
+        const auto body = get("https://dual.test:" + std::to_string(server.port()) + "/ip", IPVersion::v4,
+                              {.timeout = 200ms, .connector = &connector});
+        attemptOver.set_value();
+        ::setenv("SSL_CERT_FILE", trusted.c_str(), 1);
+        EXPECT_FALSE(body.ok());
+        if (!body.ok()) {
+            EXPECT_EQ(body.error(), timedOutError());
+        }
+    }
+    releaser.join();
 }
 
 }  // namespace
