@@ -9,7 +9,9 @@
 //   `keepAside` moves that file beside itself ("<name>.unreadable-<UTC
 //   time>", never over another file) so that the next save cannot replace
 //   what it held; otherwise the file is left where it is, and the next save
-//   replaces it. Callers that share the file serialise their loads and saves.
+//   replaces it. So a caller that goes on to save keeps a bad file aside (or
+//   refuses to start over it); one that only reads leaves it. Callers that
+//   share the file serialise their loads and saves.
 // - `save` writes only histories that moved a byte, encodes them, then
 //   creates missing parent directories and replaces the file atomically: on
 //   any error the previous file stays intact and the error is returned, and
