@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Whole-process comparison: `netvane public-ip` against `curl -4` and `curl -6`
 # started in parallel (what a user would type to learn both addresses), both
-# asking a local dual-stack echo service, over plain HTTP and over TLS.
+# asking a local dual-stack echo service, over plain HTTP and over TLS; beside
+# them, over TLS, the floor of such a process, publicip_bare_lookup (both
+# families at once, the system's TLS library linked at start, no name to
+# resolve).
 #
 #   bench/publicip/compare_with_curl.sh BUILD_DIR [RUNS]
 #
@@ -17,8 +20,9 @@ runs=${2:-200}
 build=$(cd "$build" && pwd)
 netvane="$build/tools/netvane/netvane"
 server="$build/bench/publicip/publicip_echo_server"
-for tool in "$netvane" "$server"; do
-  [[ -x $tool ]] || { echo "missing $tool: build the netvane and publicip_echo_server targets" >&2; exit 1; }
+bare_lookup="$build/bench/publicip/publicip_bare_lookup"
+for tool in "$netvane" "$server" "$bare_lookup"; do
+  [[ -x $tool ]] || { echo "missing $tool: build the netvane, publicip_echo_server and publicip_bare_lookup targets" >&2; exit 1; }
 done
 command -v curl >/dev/null || { echo "curl is not installed" >&2; exit 1; }
 
@@ -59,6 +63,7 @@ mkdir -p "$SSL_CERT_DIR"
 # Both addresses, whoever asked.
 both_addresses() { grep -q '127\.0\.0\.1' "$1" && grep -q '::1' "$1"; }
 ours() { "$netvane" public-ip --url "$url"; }
+bare() { "$bare_lookup" "$port" --tls echo.test; }
 # The two curls at once; the pair fails when either does.
 pair() {
   curl -4 -s --cacert "$SSL_CERT_FILE" "$url" &
@@ -76,5 +81,10 @@ for scheme in http https; do
   ms_pair=$(mean_ms both_addresses pair)
   printf '%-6s %-28s %10s\n' "$scheme" "netvane public-ip" "$ms_ours"
   printf '%-6s %-28s %10s\n' "$scheme" "curl -4 & curl -6" "$ms_pair"
+  # Over TLS only: linked at start, the library costs the plain floor too.
+  if [[ $scheme == https ]]; then
+    ms_bare=$(mean_ms both_addresses bare)
+    printf '%-6s %-28s %10s\n' "$scheme" "bare lookup (floor)" "$ms_bare"
+  fi
 done
 echo "($runs runs each)"

@@ -9,14 +9,10 @@
 // client context across iterations, as the lookup's connector keeps its own,
 // and names no host to resolve.
 #include <benchmark/benchmark.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <openssl/ssl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <thread>
 
+#include "bench/publicip/bare_client.h"
 #include "netcore/publicip/http_exchange.h"
 #include "netcore/publicip/linux/socket_stream.h"
 #include "netcore/publicip/public_ip.h"
@@ -58,70 +54,10 @@ void lookups(benchmark::State& state, bool tls) {
     }
 }
 
-// One family's bare exchange: the whole response, or empty on any failure.
-class BareClient {
-public:
-    explicit BareClient(bool tls) {
-        if (!tls) return;
-        context_ = SSL_CTX_new(TLS_client_method());
-        SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
-        SSL_CTX_set_verify(context_, SSL_VERIFY_PEER, nullptr);
-        SSL_CTX_set_default_verify_paths(context_);
-    }
-    ~BareClient() { SSL_CTX_free(context_); }
-    BareClient(const BareClient&) = delete;
-    BareClient& operator=(const BareClient&) = delete;
-
-    std::string exchange(IPVersion version, std::uint16_t port, const std::string& request) const {
-        const int fd = connectTo(version, port);
-        if (fd < 0) return "";
-        std::string response = context_ ? overTLS(fd, request) : plain(fd, request);
-        ::close(fd);
-        return response;
-    }
-
-private:
-    static int connectTo(IPVersion version, std::uint16_t port) {
-        const auto address = literalAddress(version == IPVersion::v4 ? "127.0.0.1" : "::1", port, version);
-        const int fd = ::socket(address->storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address->storage), address->length) == 0) {
-            return fd;
-        }
-        if (fd >= 0) ::close(fd);
-        return -1;
-    }
-
-    static std::string plain(int fd, const std::string& request) {
-        if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size())) return "";
-        std::string response;
-        char buffer[65'536];
-        ssize_t n;
-        while ((n = ::recv(fd, buffer, sizeof buffer, 0)) > 0) response.append(buffer, static_cast<std::size_t>(n));
-        return response;
-    }
-
-    std::string overTLS(int fd, const std::string& request) const {
-        SSL* ssl = SSL_new(context_);
-        std::string response;
-        SSL_set_fd(ssl, fd);
-        SSL_set_tlsext_host_name(ssl, kHost);
-        SSL_set1_host(ssl, kHost);
-        if (SSL_connect(ssl) == 1 && SSL_write(ssl, request.data(), static_cast<int>(request.size())) > 0) {
-            char buffer[65'536];
-            int n;
-            while ((n = SSL_read(ssl, buffer, sizeof buffer)) > 0) response.append(buffer, static_cast<std::size_t>(n));
-        }
-        SSL_free(ssl);
-        return response;
-    }
-
-    SSL_CTX* context_ = nullptr;
-};
-
 void floor(benchmark::State& state, bool tls) {
     (void)testing::trustedTestCA();  // the trust-store variables, before the client context reads them
     LocalServer server(echoAddress, identityFor(tls));
-    const BareClient client(tls);
+    const BareClient client(tls ? kHost : nullptr);
     const std::string request = PublicIPService::requestText(*PublicIPService::parseLookupURL(lookupURL(tls, server)));
     for (auto _ : state) {
         std::string v4;

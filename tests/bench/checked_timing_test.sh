@@ -55,7 +55,8 @@ exec "$build/tools/netvane/netvane" "\$@"
 SCRIPT
 chmod +x "$work/build/tools/netvane/netvane"
 ln -s "$build/bench/interfaces/interfaces_bench" "$work/build/bench/interfaces/"
-ln -s "$build/bench/publicip/publicip_echo_server" "$work/build/bench/publicip/"
+ln -s "$build/bench/publicip/publicip_echo_server" "$build/bench/publicip/publicip_bare_lookup" \
+  "$work/build/bench/publicip/"
 
 for script in interfaces/compare_with_iproute2.sh publicip/compare_with_curl.sh; do
   rm -f "$work/calls"
