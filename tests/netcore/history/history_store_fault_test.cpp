@@ -16,6 +16,8 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <string_view>
+#include <vector>
 
 #include "netcore/history/history_store.h"
 #include "support/files.h"
@@ -126,8 +128,21 @@ WriterRun saveUnderFault(const std::string& point, const std::string& file) {
     const std::string command = "enable name=" + point + ",failinfo=" + std::to_string(EIO);
     const char* argv[] = {"fiu-run", "-x", "-f", "", "-c", command.c_str(), NETVANE_HISTORY_WRITER, file.c_str(),
                           nullptr};
+    // The injector's preload library keeps an allocation of its own that a
+    // leak checker in the writer (sanitizer builds) would fail it for.
+    std::vector<std::string> variables;
+    for (char** variable = environ; *variable; ++variable) {
+        if (!std::string_view(*variable).starts_with("ASAN_OPTIONS=")) variables.emplace_back(*variable);
+    }
+    const char* sanitizer = std::getenv("ASAN_OPTIONS");
+    variables.push_back(std::string("ASAN_OPTIONS=") + (sanitizer ? std::string(sanitizer) + ":" : "") +
+                        "detect_leaks=0");
+    std::vector<char*> environment;
+    for (std::string& variable : variables) environment.push_back(variable.data());
+    environment.push_back(nullptr);
     pid_t pid = -1;
-    const int spawned = ::posix_spawnp(&pid, "fiu-run", &actions, nullptr, const_cast<char**>(argv), environ);
+    const int spawned =
+        ::posix_spawnp(&pid, "fiu-run", &actions, nullptr, const_cast<char**>(argv), environment.data());
     posix_spawn_file_actions_destroy(&actions);
     ::close(pipe[1]);
     WriterRun run;
