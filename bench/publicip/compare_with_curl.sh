@@ -8,6 +8,10 @@
 #
 #   bench/publicip/compare_with_curl.sh BUILD_DIR [RUNS]
 #
+# The clients take turns in 5 rounds of RUNS/5 runs each, and each figure is
+# the median of a client's 5 round means: on a shared machine the load moves
+# during a run, and taking turns lets every client meet the same load.
+#
 # Needs root for a private mount namespace: the name echo.test must resolve to
 # both 127.0.0.1 and ::1, so the script runs itself under `unshare -m` with its
 # own hosts file bound over /etc/hosts. Nothing outside that namespace changes.
@@ -70,21 +74,36 @@ pair() {
   curl -6 -s --cacert "$SSL_CERT_FILE" "$url" && wait $!
 }
 
+rounds=5
+total_runs=$runs
+runs=$(((total_runs + rounds - 1) / rounds))  # what mean_ms runs in one round
+median() { printf '%s\n' "$@" | sort -n | awk '{ v[NR] = $1 } END { printf "%.2f", v[int((NR + 1) / 2)] }'; }
+
 printf '%-6s %-28s %10s\n' scheme client "ms/run"
 for scheme in http https; do
   port=$plain_port
   [[ $scheme == https ]] && port=$tls_port
   url="$scheme://echo.test:$port/ip"
-  ours > /dev/null  # warm caches once for both
-  pair > /dev/null
-  ms_ours=$(mean_ms both_addresses ours)
-  ms_pair=$(mean_ms both_addresses pair)
-  printf '%-6s %-28s %10s\n' "$scheme" "netvane public-ip" "$ms_ours"
-  printf '%-6s %-28s %10s\n' "$scheme" "curl -4 & curl -6" "$ms_pair"
+  clients=(ours pair)
   # Over TLS only: linked at start, the library costs the plain floor too.
-  if [[ $scheme == https ]]; then
-    ms_bare=$(mean_ms both_addresses bare)
-    printf '%-6s %-28s %10s\n' "$scheme" "bare lookup (floor)" "$ms_bare"
-  fi
+  [[ $scheme == https ]] && clients+=(bare)
+  for client in "${clients[@]}"; do "$client" > /dev/null; done  # warm caches once for all
+  declare -A means=()
+  for ((round = 0; round < rounds; ++round)); do
+    for client in "${clients[@]}"; do
+      ms=$(mean_ms both_addresses "$client")
+      means[$client]+="$ms "
+    done
+  done
+  # shellcheck disable=SC2086  # the means are words
+  for client in "${clients[@]}"; do
+    case $client in
+      ours) label="netvane public-ip" ;;
+      pair) label="curl -4 & curl -6" ;;
+      bare) label="bare lookup (floor)" ;;
+    esac
+    printf '%-6s %-28s %10s\n' "$scheme" "$label" "$(median ${means[$client]})"
+  done
+  unset means
 done
-echo "($runs runs each)"
+echo "(median of $rounds rounds of $runs runs each, taking turns)"
