@@ -8,11 +8,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 #include <system_error>
 #include <thread>
 
 #include "netcore/publicip/attempt_waiter.h"
+#include "netcore/publicip/linux/resolver_threads.h"
 #include "netcore/publicip/linux/tls_stream.h"
 #include "netcore/publicip/public_ip.h"
 
@@ -59,8 +59,8 @@ private:
 
 // The resolver's answer, shared with its thread, which may outlive the attempt.
 struct PendingResolution {
-    std::mutex mutex;
-    std::optional<Result<std::vector<SocketAddress>>> answer;
+    Mutex mutex;
+    std::optional<Result<std::vector<SocketAddress>>> answer NV_GUARDED_BY(mutex);
     UniqueFd done{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 };
 
@@ -68,20 +68,17 @@ Result<std::vector<SocketAddress>> resolve(const AddressResolver& resolver, cons
                                            std::uint16_t port, IPVersion version, const AttemptWaiter& waiter) {
     auto pending = std::make_shared<PendingResolution>();
     if (!pending->done) return posixError(errno, "eventfd");
-    try {
-        std::thread([pending, resolver, host, port, version] {
-            auto answer = resolver(host, port, version);
-            std::lock_guard lock(pending->mutex);
-            pending->answer = std::move(answer);
-            const std::uint64_t one = 1;
-            [[maybe_unused]] const ssize_t written = ::write(pending->done.get(), &one, sizeof one);
-        }).detach();
-    } catch (const std::system_error& error) {
-        return posixError(error.code().value(), "resolver thread");
-    }
+    const bool started = runOnResolverThread([pending, resolver, host, port, version] {
+        auto answer = resolver(host, port, version);
+        MutexLock lock(pending->mutex);
+        pending->answer = std::move(answer);
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(pending->done.get(), &one, sizeof one);
+    });
+    if (!started) return posixError(EAGAIN, "resolver thread");
     for (;;) {
         if (auto ready = waiter.wait(pending->done.get(), POLLIN); !ready) return ready.error();
-        std::lock_guard lock(pending->mutex);
+        MutexLock lock(pending->mutex);
         if (pending->answer) return std::move(*pending->answer);
     }
 }

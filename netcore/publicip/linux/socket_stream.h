@@ -2,9 +2,10 @@
 // trust store (which honours SSL_CERT_FILE and SSL_CERT_DIR), SNI and host-name
 // verification.
 //
-// Names resolve in a helper thread so that the attempt's deadline and
-// cancellation also cut a hung resolver short; the thread then finishes on its
-// own and its answer is dropped. Literal addresses skip it. The connector is
+// Names resolve on a resolver thread (resolver_threads.h) so that the
+// attempt's deadline and cancellation also cut a hung resolver short; the
+// thread then finishes on its own and its answer is dropped. Literal
+// addresses skip it. The connector is
 // thread-safe. Its TLS context (the TLS library loaded, the trust store read,
 // which is when the trust-store variables are read) is built once, on a
 // thread of the connector's own that the first TLS attempt starts before it

@@ -7,6 +7,8 @@
 
 #include <future>
 #include <latch>
+#include <mutex>
+#include <set>
 
 #include "netcore/publicip/http_exchange.h"
 #include "netcore/publicip/linux/socket_stream.h"
@@ -293,6 +295,40 @@ TEST_F(SocketStreamTest, HungResolverIsCutShortByTheDeadline) {
     release->count_down();
     ASSERT_FALSE(body.ok());
     EXPECT_EQ(body.error(), timedOutError());
+}
+
+// Resolutions run on threads that wait for the next one, so that many
+// lookups do not start a thread each; one that hangs keeps its thread, and
+// the next resolution gets another.
+TEST_F(SocketStreamTest, ResolverThreadsServeOneResolutionAfterAnother) {
+    LocalServer server(echoAddress);
+    const std::string url = "http://dual.test:" + std::to_string(server.port()) + "/ip";
+    auto threads = std::make_shared<std::set<pid_t>>();
+    auto threadsMutex = std::make_shared<std::mutex>();
+    auto release = std::make_shared<std::latch>(1);
+    SocketStreamConnector connector([=](const std::string& host, std::uint16_t port, IPVersion version) {
+        {
+            std::lock_guard lock(*threadsMutex);
+            threads->insert(::gettid());
+        }
+        if (host == "hang.test") release->wait();
+        return testing::loopbackResolver()(host, port, version);
+    });
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_TRUE(get(url, i % 2 ? IPVersion::v4 : IPVersion::v6, {.timeout = 5s, .connector = &connector}).ok());
+    }
+    {
+        std::lock_guard lock(*threadsMutex);
+        EXPECT_LE(threads->size(), 2u) << "a thread for each resolution";
+    }
+    SocketStreamConnector& hanging = connector;
+    const auto hung = get("http://hang.test/", IPVersion::v4, {.timeout = 200ms, .connector = &hanging});
+    ASSERT_FALSE(hung.ok());
+    EXPECT_EQ(hung.error(), timedOutError());
+    const auto next = get(url, IPVersion::v4, {.timeout = 5s, .connector = &hanging});
+    release->count_down();
+    ASSERT_TRUE(next.ok()) << next.error().message;
+    EXPECT_EQ(text(*next), "127.0.0.1\n");
 }
 
 // Building the TLS context reads the trust store, which may never answer (a
