@@ -20,12 +20,12 @@
 namespace netvane {
 namespace {
 
-Status writeAll(int fd, const std::string& path, const std::uint8_t* data, std::size_t size) {
+Status writeAll(int fd, const std::uint8_t* data, std::size_t size) {
     while (size > 0) {
         const ssize_t n = ::write(fd, data, size);
         if (n < 0) {
             if (errno == EINTR) continue;
-            return posixError(errno, "write " + path);
+            return posixError(errno, "write");
         }
         data += n;
         size -= static_cast<std::size_t>(n);
@@ -81,7 +81,9 @@ Status writeAtomically(const std::string& path, const std::function<Status(const
     const ByteSink sink = [&](std::span<const std::uint8_t> piece) {
         while (!piece.empty()) {
             const std::size_t step = std::min(piece.size(), sent + kWritebackStride - total);
-            if (auto status = writeAll(fd.get(), temporary, piece.data(), step); !status.ok()) return status;
+            if (auto status = writeAll(fd.get(), piece.data(), step); !status.ok()) {
+                return Status(posixError(static_cast<int>(status.error().code), "write " + temporary));
+            }
             total += step;
             piece = piece.subspan(step);
             if (total - sent == kWritebackStride) {
