@@ -127,7 +127,9 @@ Status writeAtomically(const std::string& requested, const std::function<Status(
     const ByteSink sink = [&](std::span<const std::uint8_t> piece) {
         while (!piece.empty()) {
             const std::size_t step = std::min(piece.size(), sent + kWritebackStride - total);
-            if (auto status = writeAll(fd.get(), piece.data(), step); !status.ok()) return status;
+            if (auto status = writeAll(fd.get(), piece.data(), step); !status.ok()) {
+                return Status(posixError(static_cast<int>(status.error().code), "write " + temporary));
+            }
             total += step;
             piece = piece.subspan(step);
             if (total - sent == kWritebackStride) {

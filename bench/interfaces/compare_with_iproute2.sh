@@ -12,6 +12,8 @@
 # interface it makes vanishes with it; the processes it starts are killed on
 # exit. No packet leaves the namespace.
 set -euo pipefail
+# shellcheck source-path=SCRIPTDIR source=../checked_timing.sh
+source "$(dirname "$0")/../checked_timing.sh"
 
 build=${1:?usage: $0 BUILD_DIR [RUNS]}
 runs=${2:-50}
@@ -53,14 +55,14 @@ done > "$batch"
 ip -batch "$batch"
 rm -f "$batch"
 
-# Mean wall time of RUNS runs of a command, in milliseconds.
-mean_ms() {
-  local start end
-  start=$EPOCHREALTIME
-  for ((i = 0; i < runs; ++i)); do "$@" > /dev/null 2>&1; done
-  end=$EPOCHREALTIME
-  awk -v s="$start" -v e="$end" -v n="$runs" 'BEGIN { printf "%.2f", (e - s) * 1000 / n }'
-}
+# What each timed command must print: the last interface or tunnel made
+# (a reading that holds it holds the others), or the program's name.
+last=nvb199
+reading() { grep -q "\"name\": \"$last\"" "$1"; }
+listing() { grep -q ": $last@" "$1"; }
+owners() { grep -q '"nvtun9"' "$1"; }
+tuntaps() { grep -q '^nvtun9:' "$1"; }
+versions() { grep -qE '^netvane |iproute2' "$1"; }
 
 report() {  # label ours theirs
   awk -v l="$1" -v a="$2" -v b="$3" 'BEGIN { printf "%-44s %8.2f ms  vs %8.2f ms  ratio %.2fx\n", l, a, b, a / b }'
@@ -70,11 +72,13 @@ report() {  # label ours theirs
 ip -s -d addr show > /dev/null
 "$netvane" --version > /dev/null
 interfaces=$(ip -o link show | wc -l)
-status=$(mean_ms "$netvane" status --json)
-ip_addr=$(mean_ms ip -s -d addr show)
+status=$(mean_ms reading "$netvane" status --json)
+ip_addr=$(mean_ms listing ip -s -d addr show)
 echo "namespace: $interfaces interfaces, $runs runs each"
 report "netvane status --json vs ip -s -d addr show" "$status" "$ip_addr"
-report "(process start: netvane --version vs ip -V)" "$(mean_ms "$netvane" --version)" "$(mean_ms ip -V)"
+start_ours=$(mean_ms versions "$netvane" --version)
+start_theirs=$(mean_ms versions ip -V)
+report "(process start: netvane --version vs ip -V)" "$start_ours" "$start_theirs"
 
 for i in $(seq 1 1000); do sleep 100000 & pids+=($!); done
 for i in $(seq 0 9); do
@@ -91,8 +95,8 @@ for _ in $(seq 1 100); do
 done
 owners=$("$netvane" tunnels --json | grep -c '"pid"' || true)
 echo "processes: $(ls -d /proc/[0-9]* | wc -l), tunnel owners found: $owners"
-tunnels=$(mean_ms "$netvane" tunnels --json)
-tuntap=$(mean_ms ip -d tuntap show)
+tunnels=$(mean_ms owners "$netvane" tunnels --json)
+tuntap=$(mean_ms tuntaps ip -d tuntap show)
 report "netvane tunnels --json vs ip -d tuntap show" "$tunnels" "$tuntap"
 
 echo

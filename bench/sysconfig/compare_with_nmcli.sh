@@ -13,6 +13,8 @@
 # `unshare -n -m`; NetworkManager runs in the sandbox the integration tests
 # use, so nothing reaches the host. Everything it starts is stopped on exit.
 set -euo pipefail
+# shellcheck source-path=SCRIPTDIR source=../checked_timing.sh
+source "$(dirname "$0")/../checked_timing.sh"
 
 build=${1:?usage: $0 BUILD_DIR [RUNS]}
 runs=${2:-30}
@@ -72,29 +74,28 @@ seq 1 100 | xargs -P 4 -I{} sh -c 'i={}; nmcli connection add type ethernet ifna
 services=$("$netvane" services --json | grep -c '"id"' || true)
 echo "namespace: $(nmcli -t connection show | wc -l) profiles, $services services read, $runs runs each"
 
-# Mean wall time of RUNS runs of a command, in milliseconds.
-mean_ms() {
-  local start end
-  start=$EPOCHREALTIME
-  for ((i = 0; i < runs; ++i)); do "$@" > /dev/null 2>&1; done
-  end=$EPOCHREALTIME
-  awk -v s="$start" -v e="$end" -v n="$runs" 'BEGIN { printf "%.2f", (e - s) * 1000 / n }'
-}
 peer() {
-  nmcli -t connection show
-  ip route get 203.0.113.1
-  ip -6 route get 2001:db8::1
+  nmcli -t connection show &&
+    ip route get 203.0.113.1 &&
+    ip -6 route get 2001:db8::1
 }
+# What each timed command must print: every profile, and the primary
+# interface that the peers' routes make; or the program's name.
+services() { [[ $(grep -c '"id"' "$1") -ge 100 ]] && grep -q '"primaryIPv4Interface": "nv0' "$1"; }
+profiles() { [[ $(grep -c '^Profile ' "$1") -eq 100 ]] && grep -q 'dev nv0' "$1"; }
+versions() { grep -qE '^netvane |^nmcli ' "$1"; }
 report() {  # label ours theirs
   awk -v l="$1" -v a="$2" -v b="$3" 'BEGIN { printf "%-64s %8.2f ms  vs %8.2f ms  ratio %.2fx\n", l, a, b, a / b }'
 }
 
 "$netvane" services --json > /dev/null  # warm caches once for both
 peer > /dev/null
-ours=$(mean_ms "$netvane" services --json)
-theirs=$(mean_ms peer)
+ours=$(mean_ms services "$netvane" services --json)
+theirs=$(mean_ms profiles peer)
 report "netvane services --json vs nmcli -t connection show + 2x ip route get" "$ours" "$theirs"
-report "(process start: netvane --version vs nmcli --version)" "$(mean_ms "$netvane" --version)" "$(mean_ms nmcli --version)"
+start_ours=$(mean_ms versions "$netvane" --version)
+start_theirs=$(mean_ms versions nmcli --version)
+report "(process start: netvane --version vs nmcli --version)" "$start_ours" "$start_theirs"
 
 echo
 "$bench" --benchmark_min_time=1

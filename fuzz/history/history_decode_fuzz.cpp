@@ -1,8 +1,11 @@
-// Any input: reading a history file never crashes. Whatever reads back is
-// written the same whether its buckets are packed on the way out or into the
-// document first, and reading and writing that again changes no byte.
-// Bytes, not values, are compared: a bucket may hold NaN.
+// Any input: reading a history file never crashes, and neither does summing
+// what reads back over any period (totals that cannot be summed are refused
+// when read). Whatever reads back is written the same whether its buckets are
+// packed on the way out or into the document first, and reading and writing
+// that again changes no byte. Bytes, not values, are compared: a bucket may
+// hold NaN.
 #include <cstdlib>
+#include <limits>
 
 #include "netcore/history/history_store.h"
 #include "support/plist/plist.h"
@@ -27,6 +30,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!document) return 0;
     auto histories = HistoryStore::decode(*document);
     if (!histories) return 0;
+
+    for (const auto& [name, history] : *histories) {
+        for (const double period : {std::numeric_limits<double>::infinity(), 3600.0}) {
+            for (const double now : {0.0, 1e9}) (void)history.aggregate(period, Date{now});
+        }
+    }
 
     const plist::Data streamed = written(*histories);
     auto whole = plist::encodeBinary(HistoryStore::encode(*histories));

@@ -1,5 +1,6 @@
 #include "netcore/history/history_store.h"
 
+#include <cerrno>
 #include <filesystem>
 
 #include "support/files.h"
@@ -96,6 +97,28 @@ Result<HistorySet> HistoryStore::loadReportingErrors() const {
 HistorySet HistoryStore::load() const {
     auto histories = loadReportingErrors();
     return histories ? std::move(*histories) : HistorySet{};
+}
+
+HistoryLoad HistoryStore::load(UnreadableFile whenUnreadable) const {
+    HistoryLoad loaded;
+    auto histories = loadReportingErrors();
+    if (histories) {
+        loaded.histories = std::move(*histories);
+        return loaded;
+    }
+    const Error& error = histories.error();
+    const bool missing = error.domain == kPosixErrorDomain && (error.code == ENOENT || error.code == ENOTDIR);
+    if (missing) return loaded;
+    loaded.unreadable = error;
+    if (whenUnreadable == UnreadableFile::keepAside) {
+        auto kept = keepAside(url);
+        if (kept) {
+            loaded.keptAs = std::move(*kept);
+        } else {
+            loaded.keepAsideError = kept.error();
+        }
+    }
+    return loaded;
 }
 
 }  // namespace netvane

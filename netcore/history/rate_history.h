@@ -31,7 +31,9 @@
 // data, so it comes from a writer with another layout, and grouping its
 // doubles by eight would misread every bucket, not only the last one. Byte
 // totals that are negative, not finite or beyond 64 bits are rejected too
-// (fractions are truncated).
+// (fractions are truncated), and so is a history whose buckets, all tiers
+// together, hold more than 2^64 - 1 bytes in either direction: summing them
+// is fatal, and a file is input, so it is refused before anyone counts.
 #pragma once
 
 #include <cstdint>

@@ -51,6 +51,24 @@ Result<double> decodeDouble(const plist::Value& dict, const char* key) {
     return corrupt(std::string("\"") + key + "\" is not a number");
 }
 
+// The byte totals of everything decoded so far. Whatever a reader sums (an
+// aggregate reads a stretch of one tier; a chart may join stretches of
+// several) fits in 64 bits when all of it does. Overflow while counting
+// stops the process, so a file must not carry it in. Counted while the
+// buckets are read: a second pass over them costs more than the sums.
+struct Totals {
+    std::uint64_t in = 0;
+    std::uint64_t out = 0;
+    bool overflowed = false;
+
+    void add(std::uint64_t bytesIn, std::uint64_t bytesOut) {
+        overflowed |= __builtin_add_overflow(in, bytesIn, &in);
+        overflowed |= __builtin_add_overflow(out, bytesOut, &out);
+    }
+};
+
+Result<Tier> decodeTier(const plist::Value& value, Totals& totals);
+
 }  // namespace
 
 void packBuckets(const std::deque<Bucket>& buckets, std::size_t offset, std::span<std::uint8_t> out) {
@@ -85,6 +103,13 @@ plist::Value Tier::encode(bool withBuckets) const {
 }
 
 Result<Tier> Tier::decode(const plist::Value& value) {
+    Totals ignored;
+    return decodeTier(value, ignored);
+}
+
+namespace {
+
+Result<Tier> decodeTier(const plist::Value& value, Totals& totals) {
     if (!value.dictionary()) return corrupt("a tier is not a dictionary");
     Tier tier;
     auto granularity = decodeDouble(value, "granularity");
@@ -110,10 +135,13 @@ Result<Tier> Tier::decode(const plist::Value& value) {
         if (!byteCountFromDouble(f[2], bucket.bytesIn) || !byteCountFromDouble(f[3], bucket.bytesOut)) {
             return corrupt("a bucket's byte count is not a 64-bit count");
         }
+        totals.add(bucket.bytesIn, bucket.bytesOut);
         tier.buckets.push_back(bucket);
     }
     return tier;
 }
+
+}  // namespace
 
 plist::Value RateHistory::encode(bool withBuckets) const {
     plist::Array encoded;
@@ -132,11 +160,13 @@ Result<RateHistory> RateHistory::decode(const plist::Value& value) {
     if (!encoded) return corrupt("\"tiers\" is not an array");
     RateHistory history;
     history.tiers.reserve(encoded->size());
+    Totals totals;
     for (const plist::Value& element : *encoded) {
-        auto tier = Tier::decode(element);
+        auto tier = decodeTier(element, totals);
         if (!tier) return tier.error();
         history.tiers.push_back(std::move(*tier));
     }
+    if (totals.overflowed) return corrupt("the byte counts of its buckets add up to more than 64 bits");
     return history;
 }
 

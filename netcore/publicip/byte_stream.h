@@ -6,6 +6,12 @@
 // data is ready, when the attempt's timeout has run out (`timedOutError`) or
 // when its cancellation fires (`cancelledError`), whichever comes first. A
 // connector may be shared by concurrent attempts; a stream belongs to one.
+//
+// A TLS stream ends cleanly only with the peer's close_notify. A peer that
+// closes the connection without it makes the receive that meets the close
+// fail with `closedWithoutNotifyError`, after every byte that arrived before
+// it was returned: the stream cannot tell a whole answer from one cut short
+// on the way, so the reader decides from what it received.
 #pragma once
 
 #include <atomic>
@@ -55,7 +61,8 @@ public:
     virtual ~ByteStream() = default;
     virtual Status sendAll(std::span<const std::uint8_t> bytes) = 0;
     // Waits for at least one byte and returns how many were stored in
-    // `buffer`; 0 when the peer has closed the stream.
+    // `buffer`; 0 when the peer has closed the stream (with close_notify,
+    // under TLS).
     virtual Result<std::size_t> receive(std::span<std::uint8_t> buffer) = 0;
 };
 
@@ -74,8 +81,15 @@ StreamConnector& systemStreamConnector();
 // The texts the user sees when an attempt runs out of time or is cancelled.
 Error timedOutError();
 Error cancelledError();
+// A TLS peer closed the connection without close_notify.
+Error closedWithoutNotifyError();
 
 inline constexpr const char* kURLErrorDomain = "NSURLErrorDomain";
 inline constexpr std::int64_t kURLErrorTimedOut = -1001;
+inline constexpr const char* kTLSErrorDomain = "NetCore.TLS";
+// The code of closedWithoutNotifyError on every platform; IMPORTANT: it
+// equals the Linux TLS library's reason code for the same condition
+// (checked in linux/tls_stream.cpp).
+inline constexpr std::int64_t kTLSClosedWithoutNotify = 294;
 
 }  // namespace netvane

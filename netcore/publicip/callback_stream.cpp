@@ -118,6 +118,7 @@ public:
     Result<std::size_t> receive(std::span<std::uint8_t> buffer) override {
         if (buffer.empty()) return std::size_t{0};
         while (pending_.empty()) {
+            if (failure_) return fail(*failure_);
             if (ended_) return std::size_t{0};
             const std::uint64_t ticket = mailbox_->expect();
             connection_->receive(std::min(buffer.size(), kReceiveMaximum),
@@ -128,6 +129,7 @@ public:
             if (!received) return fail(received.error());
             pending_ = std::move(received->data);
             ended_ = received->complete;
+            failure_ = std::move(received->failure);
         }
         // A connection that answers with more than was asked keeps the rest
         // for the next call.
@@ -156,6 +158,7 @@ private:
     AttemptWaiter waiter_;
     std::vector<std::uint8_t> pending_;
     bool ended_ = false;
+    std::optional<Error> failure_;  // the next receive's, once pending_ is handed out
 };
 
 }  // namespace
@@ -167,6 +170,7 @@ Error connectionError(ConnectionErrorKind kind, int code) {
     case ConnectionErrorKind::dns:
         return Error{kDNSErrorDomain, code, "The host name could not be resolved (error " + std::to_string(code) + ")."};
     case ConnectionErrorKind::tls:
+        if (code == kTLSStatusClosedWithoutNotify) return closedWithoutNotifyError();
         return Error{kOSStatusErrorDomain, code,
                      "A secure connection could not be made (error " + std::to_string(code) + ")."};
     case ConnectionErrorKind::other:

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "netcore/publicip/attempt_waiter.h"
@@ -27,6 +28,9 @@ public:
     struct Received {
         std::vector<std::uint8_t> data;
         bool complete = false;  // the peer has finished sending
+        // The receive also ended in this error. The data is handed out
+        // first: whether an answer was whole may hang on its last bytes.
+        std::optional<Error> failure;
     };
     using Done = std::function<void(Status)>;
     using ReceiveDone = std::function<void(Result<Received>)>;
@@ -37,7 +41,8 @@ public:
     virtual void start(Done ready) = 0;
     // The whole buffer, as one complete message.
     virtual void send(std::vector<std::uint8_t> bytes, Done done) = 0;
-    // At least 1 and at most `maximum` bytes, or the end of the stream.
+    // At least 1 and at most `maximum` bytes, the end of the stream, or an
+    // error (with the bytes that came with it, if any).
     virtual void receive(std::size_t maximum, ReceiveDone done) = 0;
     // Ends the connection; pending callbacks may still run afterwards.
     virtual void cancel() = 0;
@@ -51,9 +56,14 @@ Result<std::unique_ptr<ByteStream>> openCallbackStream(std::shared_ptr<CallbackC
 
 // What a connection's error becomes, by the kind of error the platform
 // reports: a POSIX error keeps its errno; name resolution and TLS errors keep
-// their codes under their own domains.
+// their codes under their own domains, except the TLS status of a peer that
+// closed without close_notify, which is closedWithoutNotifyError.
 enum class ConnectionErrorKind { posix, dns, tls, other };
 Error connectionError(ConnectionErrorKind kind, int code);
+
+// IMPORTANT: the platform's TLS status for a close without close_notify;
+// darwin/network_stream.cpp checks it against the system's header.
+inline constexpr int kTLSStatusClosedWithoutNotify = -9816;
 
 inline constexpr const char* kDNSErrorDomain = "kDNSServiceErrorDomain";
 inline constexpr const char* kOSStatusErrorDomain = "NSOSStatusErrorDomain";

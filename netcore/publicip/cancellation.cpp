@@ -30,4 +30,9 @@ Error timedOutError() { return Error{kURLErrorDomain, kURLErrorTimedOut, "The re
 
 Error cancelledError() { return posixError(ECANCELED); }
 
+Error closedWithoutNotifyError() {
+    return Error{kTLSErrorDomain, kTLSClosedWithoutNotify,
+                 "The secure connection was closed before the response was complete"};
+}
+
 }  // namespace netvane

@@ -61,6 +61,98 @@ bool isChunkedHeader(std::string_view line) {
 
 Error malformed() { return PublicIPError::malformed().toError(); }
 
+// The head and the body of a response, split at the first empty line.
+struct Split {
+    std::string_view head;
+    std::span<const std::uint8_t> body;
+};
+
+std::optional<Split> splitResponse(std::span<const std::uint8_t> response) {
+    const std::string_view text = asText(response);
+    const auto headerEnd = text.find(kHeaderEnd);
+    if (headerEnd == std::string_view::npos) return std::nullopt;
+    return Split{text.substr(0, headerEnd), response.subspan(headerEnd + kHeaderEnd.size())};
+}
+
+// Calls `use` with each line of the head, the status line included, until it returns true.
+template <class Use>
+bool anyHeadLine(std::string_view head, Use use) {
+    for (std::size_t start = 0; start <= head.size();) {
+        const std::size_t end = std::min(head.find(kCRLF, start), head.size());
+        if (use(head.substr(start, end - start))) return true;
+        start = end + kCRLF.size();
+    }
+    return false;
+}
+
+bool isChunked(std::string_view head) { return anyHeadLine(head, isChunkedHeader); }
+
+bool startsWithName(std::string_view line, std::string_view lowerName) {
+    if (line.size() < lowerName.size()) return false;
+    for (std::size_t i = 0; i < lowerName.size(); ++i) {
+        const auto c = static_cast<unsigned char>(line[i]);
+        if ((c >= 'A' && c <= 'Z' ? c + 32 : c) != static_cast<unsigned char>(lowerName[i])) return false;
+    }
+    return true;
+}
+
+// The one length every Content-Length header of the head declares; nothing
+// when there is none, when one is not a plain decimal number, or when two
+// disagree (the body's end is then unknown).
+std::optional<std::uint64_t> declaredLength(std::string_view head) {
+    constexpr std::string_view kName = "content-length:";
+    std::optional<std::uint64_t> length;
+    const bool unusable = anyHeadLine(head, [&](std::string_view line) {
+        if (!startsWithName(line, kName)) return false;
+        std::string_view value = line.substr(kName.size());
+        const auto first = value.find_first_not_of(" \t");
+        const auto last = value.find_last_not_of(" \t");
+        value = first == std::string_view::npos ? std::string_view{} : value.substr(first, last - first + 1);
+        std::uint64_t parsed = 0;
+        const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), parsed, 10);
+        if (value.empty() || ec != std::errc{} || end != value.data() + value.size()) return true;
+        if (length && *length != parsed) return true;
+        length = parsed;
+        return false;
+    });
+    return unusable ? std::nullopt : length;
+}
+
+struct Dechunked {
+    Bytes data;
+    bool lastChunkSeen = false;
+};
+
+Result<Dechunked> dechunkBody(std::span<const std::uint8_t> body) {
+    Dechunked output;
+    std::span<const std::uint8_t> rest = body;
+    for (;;) {
+        const std::string_view text = asText(rest);
+        const auto lineEnd = text.find(kCRLF);
+        // A missing final chunk is tolerated: the server's close ends the body.
+        if (lineEnd == std::string_view::npos) return output;
+        std::string_view sizeText = text.substr(0, lineEnd);
+        const auto firstPiece = sizeText.find_first_not_of(';');
+        if (firstPiece == std::string_view::npos) return malformed();
+        sizeText = sizeText.substr(firstPiece);
+        sizeText = sizeText.substr(0, sizeText.find(';'));
+        const auto size = parseInteger(sizeText, 16);
+        if (!size || *size < 0) return malformed();
+        if (*size == 0) {  // trailers are ignored
+            output.lastChunkSeen = true;
+            return output;
+        }
+
+        const auto data = rest.subspan(lineEnd + kCRLF.size());
+        if (data.size() < static_cast<std::uint64_t>(*size)) return malformed();
+        const auto length = static_cast<std::size_t>(*size);
+        output.data.insert(output.data.end(), data.begin(), data.begin() + static_cast<std::ptrdiff_t>(length));
+        // The two bytes after the data are skipped unchecked.
+        const auto after = data.subspan(length);
+        rest = after.size() < 2 ? std::span<const std::uint8_t>{} : after.subspan(2);
+    }
+}
+
 }  // namespace
 
 Result<Bytes> get(std::string_view url, IPVersion version, const AttemptOptions& options) {
@@ -82,7 +174,10 @@ Result<Bytes> exchange(ByteStream& stream, std::string_view request) {
     Bytes chunk(kReadSize);
     for (;;) {
         auto received = stream.receive(chunk);
-        if (!received) return received.error();
+        if (!received) {
+            if (received.error() == closedWithoutNotifyError() && isProvablyWhole(response)) return response;
+            return received.error();
+        }
         if (*received == 0) return response;
         response.insert(response.end(), chunk.begin(), chunk.begin() + static_cast<std::ptrdiff_t>(*received));
         // The rest of an oversized response is never read.
@@ -91,51 +186,31 @@ Result<Bytes> exchange(ByteStream& stream, std::string_view request) {
 }
 
 Result<Bytes> parseHTTP(std::span<const std::uint8_t> response) {
-    const std::string_view text = asText(response);
-    const auto headerEnd = text.find(kHeaderEnd);
-    if (headerEnd == std::string_view::npos) return malformed();
-    const std::string_view head = text.substr(0, headerEnd);
-    const auto body = response.subspan(headerEnd + kHeaderEnd.size());
-
-    const std::string_view statusLine = head.substr(0, head.find(kCRLF));
+    const auto split = splitResponse(response);
+    if (!split) return malformed();
+    const std::string_view statusLine = split->head.substr(0, split->head.find(kCRLF));
     const std::int64_t status = statusCode(statusLine);
     if (status < 200 || status > 299) return PublicIPError::http(status).toError();
-
-    bool chunked = false;
-    for (std::size_t start = 0; start <= head.size() && !chunked;) {
-        const std::size_t end = std::min(head.find(kCRLF, start), head.size());
-        chunked = isChunkedHeader(head.substr(start, end - start));
-        start = end + kCRLF.size();
-    }
-    if (chunked) return dechunk(body);
-    return Bytes(body.begin(), body.end());
+    if (isChunked(split->head)) return dechunk(split->body);
+    return Bytes(split->body.begin(), split->body.end());
 }
 
 Result<Bytes> dechunk(std::span<const std::uint8_t> body) {
-    Bytes output;
-    std::span<const std::uint8_t> rest = body;
-    for (;;) {
-        const std::string_view text = asText(rest);
-        const auto lineEnd = text.find(kCRLF);
-        // A missing final chunk is tolerated: the server's close ends the body.
-        if (lineEnd == std::string_view::npos) return output;
-        std::string_view sizeText = text.substr(0, lineEnd);
-        const auto firstPiece = sizeText.find_first_not_of(';');
-        if (firstPiece == std::string_view::npos) return malformed();
-        sizeText = sizeText.substr(firstPiece);
-        sizeText = sizeText.substr(0, sizeText.find(';'));
-        const auto size = parseInteger(sizeText, 16);
-        if (!size || *size < 0) return malformed();
-        if (*size == 0) return output;  // trailers are ignored
+    auto dechunked = dechunkBody(body);
+    if (!dechunked) return dechunked.error();
+    return std::move(dechunked->data);
+}
 
-        const auto data = rest.subspan(lineEnd + kCRLF.size());
-        if (data.size() < static_cast<std::uint64_t>(*size)) return malformed();
-        const auto length = static_cast<std::size_t>(*size);
-        output.insert(output.end(), data.begin(), data.begin() + static_cast<std::ptrdiff_t>(length));
-        // The two bytes after the data are skipped unchecked.
-        const auto after = data.subspan(length);
-        rest = after.size() < 2 ? std::span<const std::uint8_t>{} : after.subspan(2);
+bool isProvablyWhole(std::span<const std::uint8_t> response) {
+    const auto split = splitResponse(response);
+    if (!split) return false;
+    // Chunked coding wins over a length, as it does when the body is read.
+    if (isChunked(split->head)) {
+        const auto dechunked = dechunkBody(split->body);
+        return dechunked && dechunked->lastChunkSeen;
     }
+    const auto length = declaredLength(split->head);
+    return length && split->body.size() >= *length;
 }
 
 }  // namespace netvane::PublicIPService

@@ -1,6 +1,12 @@
 // The minimal HTTP/1.1 client under the public-IP lookup: one GET over one IP
 // family, read until the server closes, then the body and its address.
 //
+// Under TLS only close_notify proves that the server closed: a bare close
+// may come from anyone on the path. Such a close still ends an answer whose
+// body is provably whole (its Content-Length all there, or its last chunk
+// seen); any other answer it ends is a receive error. The length is used
+// for nothing else.
+//
 // Internal to the lookup; exposed for tests and fuzzers. The parsers are pure
 // functions of their input and safe on any bytes; `get` blocks for at most its
 // timeout.
@@ -54,8 +60,15 @@ struct AttemptOptions {
 Result<Bytes> get(std::string_view url, IPVersion version, const AttemptOptions& options = {});
 
 // Sends the request and reads until the peer closes or more than kResponseCap
-// bytes have arrived.
+// bytes have arrived; a close without close_notify ends only a provably whole
+// response.
 Result<Bytes> exchange(ByteStream& stream, std::string_view request);
+
+// Whether the response's own framing shows that all of it arrived: a body of
+// at least its declared Content-Length, or a chunked body up to its last
+// chunk (trailers need not have come). Anything else, a response without
+// either included, is not provably whole.
+bool isProvablyWhole(std::span<const std::uint8_t> response);
 
 // Status line, headers and chunked coding; the body as it followed the headers otherwise.
 Result<Bytes> parseHTTP(std::span<const std::uint8_t> response);

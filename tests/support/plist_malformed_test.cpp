@@ -76,6 +76,55 @@ TEST(PlistMalformed, StructuralDamageIsAnError) {
     EXPECT_FALSE(decodeBinary(counted).ok());
 }
 
+// A valid trailer and offset table, and one object whose contents run past
+// the object area into the offset table: the bounds check of that very kind
+// of object must refuse it (truncating a document never gets this far: it
+// moves the trailer, which the start-up checks refuse).
+TEST(PlistMalformed, ObjectsRunningPastTheObjectAreaAreRefusedByTheirOwnCheck) {
+    const struct {
+        const char* what;
+        Data objects;
+        const char* problem;
+    } cases[] = {
+        {"data", {0x45, 'a', 'b'}, "data runs past the end"},
+        {"data with a long length", {0x4F, 0x10, 0x05, 'a'}, "data runs past the end"},
+        {"ASCII string", {0x55, 'a', 'b'}, "string runs past the end"},
+        {"UTF-16 string", {0x62, 0x00, 'a', 0x00}, "string runs past the end"},
+        {"UTF-16 string, half a unit", {0x61, 0x00}, "string runs past the end"},
+        {"array", {0xA3, 0, 0}, "array runs past the end"},
+        {"dictionary", {0xD2, 0, 0, 0}, "dictionary runs past the end"},
+        {"1-byte integer", {0x10}, "truncated integer"},
+        {"2-byte integer", {0x11, 1}, "truncated integer"},
+        {"4-byte integer", {0x12, 1, 2, 3}, "truncated integer"},
+        {"8-byte integer", {0x13, 1, 2, 3, 4, 5, 6, 7}, "truncated integer"},
+        {"16-byte integer", {0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, "truncated integer"},
+        {"length marker at the end", {0x4F}, "truncated length"},
+        {"1-byte length", {0x4F, 0x10}, "truncated length"},
+        {"2-byte length", {0x4F, 0x11, 0}, "truncated length"},
+        {"4-byte length", {0x4F, 0x12, 0, 0, 0}, "truncated length"},
+        {"8-byte length", {0x4F, 0x13, 0, 0, 0, 0, 0, 0, 0}, "truncated length"},
+        {"4-byte real", {0x22, 0, 0, 0}, "truncated real"},
+        {"8-byte real", {0x23, 0, 0, 0, 0, 0, 0, 0}, "truncated real"},
+        {"date", {0x33, 0, 0, 0, 0, 0, 0, 0}, "truncated date"},
+        {"UID", {0x81, 1}, "truncated UID"},
+    };
+    for (const auto& c : cases) {
+        auto decoded = decodeBinary(document(c.objects, {8}, 1), {.uids = UIDs::read});
+        ASSERT_FALSE(decoded.ok()) << c.what;
+        EXPECT_EQ(decoded.error().message, std::string("malformed binary property list: ") + c.problem) << c.what;
+    }
+
+    // A dictionary key is read by the string check too: {key: true} with the key last.
+    auto key = decodeBinary(document({0xD1, 2, 1, 0x09, 0x53, 'k', 'e'}, {8, 11, 12}, 1));
+    ASSERT_FALSE(key.ok());
+    EXPECT_EQ(key.error().message, "malformed binary property list: string runs past the end");
+    // The same kinds of object, whole, decode: the checks refuse only what
+    // really runs past.
+    EXPECT_TRUE(decodeBinary(document({0x44, 'a', 'b', 'c', 'd'}, {8}, 1)).ok());
+    EXPECT_TRUE(decodeBinary(document({0x13, 1, 2, 3, 4, 5, 6, 7, 8}, {8}, 1)).ok());
+    EXPECT_TRUE(decodeBinary(document({0x62, 0x00, 'a', 0x00, 'b'}, {8}, 1)).ok());
+}
+
 // Keyed archives reference their objects by UID (marker 0x8, one to eight
 // bytes); documents of ours never hold one.
 TEST(PlistUID, ReadOnlyWhenAskedAtEveryWidth) {

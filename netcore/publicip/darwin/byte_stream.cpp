@@ -4,6 +4,7 @@
 // that the connection may use that family only. The waiting, deadlines and
 // cancellation are callback_stream.h's; this file only issues the calls.
 #include <Network/Network.h>
+#include <Security/SecBase.h>
 #include <dispatch/dispatch.h>
 
 #include <string>
@@ -12,6 +13,8 @@
 
 namespace netvane {
 namespace {
+
+static_assert(kTLSStatusClosedWithoutNotify == errSSLClosedNoNotify);
 
 // Owner of one reference to a Network framework object.
 template <class T>
@@ -95,14 +98,14 @@ public:
     }
 
     void receive(std::size_t maximum, ReceiveDone done) override {
+        // An error may come with the last bytes: both are handed on, the
+        // bytes first, so that an answer ended by a close without
+        // close_notify can still be judged whole.
         nw_connection_receive(connection_, 1, static_cast<std::uint32_t>(maximum),
                               ^(dispatch_data_t content, nw_content_context_t, bool complete, nw_error_t error) {
-                                if (error != nullptr) {
-                                    done(errorOf(error));
-                                    return;
-                                }
                                 Received received;
                                 received.complete = complete;
+                                if (error != nullptr) received.failure = errorOf(error);
                                 if (content != nullptr) {
                                     std::vector<std::uint8_t>* gathered = &received.data;
                                     dispatch_data_apply(content, ^bool(dispatch_data_t, size_t, const void* buffer,

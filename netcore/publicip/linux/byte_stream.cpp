@@ -8,10 +8,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <thread>
 
 #include "netcore/publicip/attempt_waiter.h"
+#include "netcore/publicip/linux/resolver_threads.h"
 #include "netcore/publicip/linux/tls_stream.h"
+#include "netcore/publicip/public_ip.h"
 
 namespace netvane {
 namespace {
@@ -65,17 +68,14 @@ Result<std::vector<SocketAddress>> resolve(const AddressResolver& resolver, cons
                                            std::uint16_t port, IPVersion version, const AttemptWaiter& waiter) {
     auto pending = std::make_shared<PendingResolution>();
     if (!pending->done) return posixError(errno, "eventfd");
-    try {
-        std::thread([pending, resolver, host, port, version] {
-            auto answer = resolver(host, port, version);
-            MutexLock lock(pending->mutex);
-            pending->answer = std::move(answer);
-            const std::uint64_t one = 1;
-            [[maybe_unused]] const ssize_t written = ::write(pending->done.get(), &one, sizeof one);
-        }).detach();
-    } catch (const std::system_error& error) {
-        return posixError(error.code().value(), "resolver thread");
-    }
+    const bool started = runOnResolverThread([pending, resolver, host, port, version] {
+        auto answer = resolver(host, port, version);
+        MutexLock lock(pending->mutex);
+        pending->answer = std::move(answer);
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(pending->done.get(), &one, sizeof one);
+    });
+    if (!started) return posixError(EAGAIN, "resolver thread");
     for (;;) {
         if (auto ready = waiter.wait(pending->done.get(), POLLIN); !ready) return ready.error();
         MutexLock lock(pending->mutex);
@@ -107,6 +107,37 @@ Result<UniqueFd> connectTo(const SocketAddress& address, const AttemptWaiter& wa
 bool isLimitError(const Error& error) { return error == timedOutError() || error == cancelledError(); }
 
 }  // namespace
+
+struct SocketStreamConnector::TLSBuild {
+    UniqueFd done{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};  // readable once `result` is set
+    Mutex mutex;
+    std::optional<Result<ssl_ctx_st*>> result NV_GUARDED_BY(mutex);
+
+    void run() {
+        auto context = makeTLSContext();
+        {
+            MutexLock lock(mutex);
+            result = std::move(context);
+        }
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(done.get(), &one, sizeof one);
+    }
+
+    bool failed() {
+        MutexLock lock(mutex);
+        return result && !result->ok();
+    }
+
+    Result<ssl_ctx_st*> await(const AttemptWaiter& waiter) {
+        for (;;) {
+            {
+                MutexLock lock(mutex);
+                if (result) return *result;
+            }
+            if (auto ready = waiter.wait(done.get(), POLLIN); !ready) return ready.error();
+        }
+    }
+};
 
 std::optional<SocketAddress> literalAddress(const std::string& text, std::uint16_t port, IPVersion version) {
     SocketAddress address;
@@ -150,16 +181,45 @@ Result<std::vector<SocketAddress>> resolveWithSystem(const std::string& host, st
 
 SocketStreamConnector::SocketStreamConnector(AddressResolver resolver) : resolver_(std::move(resolver)) {}
 
-SocketStreamConnector::~SocketStreamConnector() { freeTLSContext(tlsContext_); }
-
-Result<ssl_ctx_st*> SocketStreamConnector::tlsContext() {
+SocketStreamConnector::~SocketStreamConnector() {
     MutexLock lock(tlsMutex_);
-    if (!tlsContext_) {
-        auto context = makeTLSContext();
-        if (!context) return context.error();
-        tlsContext_ = *context;
+    if (tlsBuilder_.joinable()) {
+        // A build still running is waited for: the process may be exiting,
+        // and the TLS library must not be torn down under it. One that
+        // outlasts an attempt's budget (a trust store that never answers)
+        // is left to finish on its own.
+        pollfd done{tlsBuild_->done.get(), POLLIN, 0};
+        const auto budget = static_cast<int>(PublicIPService::kAttemptTimeout.count());
+        while (::poll(&done, 1, budget) < 0 && errno == EINTR) {
+        }
+        if (done.revents == 0) {
+            tlsBuilder_.detach();
+            return;
+        }
+        tlsBuilder_.join();
     }
-    return tlsContext_;
+    if (!tlsBuild_) return;
+    MutexLock built(tlsBuild_->mutex);
+    if (tlsBuild_->result && tlsBuild_->result->ok()) freeTLSContext(**tlsBuild_->result);
+}
+
+std::shared_ptr<SocketStreamConnector::TLSBuild> SocketStreamConnector::prepareTLS() {
+    MutexLock lock(tlsMutex_);
+    if (tlsBuild_ && !tlsBuild_->failed()) return tlsBuild_;
+    // A failed build's thread has set its result, so it is ending anyway.
+    if (tlsBuilder_.joinable()) tlsBuilder_.join();
+    auto build = std::make_shared<TLSBuild>();
+    tlsBuild_ = build;
+    if (!build->done) {
+        build->run();  // without a descriptor to wait on, the caller builds
+        return build;
+    }
+    try {
+        tlsBuilder_ = std::thread([build] { build->run(); });
+    } catch (const std::system_error&) {
+        build->run();  // no thread to spare: the caller builds
+    }
+    return build;
 }
 
 Result<std::unique_ptr<ByteStream>> SocketStreamConnector::open(const StreamTarget& target,
@@ -168,6 +228,8 @@ Result<std::unique_ptr<ByteStream>> SocketStreamConnector::open(const StreamTarg
     auto waiter = AttemptWaiter::start(timeout, cancellation);
     if (!waiter) return waiter.error();
     if (auto live = waiter->check(); !live) return live.error();
+    // Started first, so that building the context overlaps resolving and connecting.
+    const std::shared_ptr<TLSBuild> tls = target.tls ? prepareTLS() : nullptr;
 
     const IPVersion other = target.version == IPVersion::v4 ? IPVersion::v6 : IPVersion::v4;
     Result<std::vector<SocketAddress>> addresses = std::vector<SocketAddress>{};
@@ -189,8 +251,8 @@ Result<std::unique_ptr<ByteStream>> SocketStreamConnector::open(const StreamTarg
     }
     if (!socket) return socket.error();
 
-    if (!target.tls) return std::unique_ptr<ByteStream>(new PlainStream(std::move(*socket), std::move(*waiter)));
-    auto context = tlsContext();
+    if (!tls) return std::unique_ptr<ByteStream>(new PlainStream(std::move(*socket), std::move(*waiter)));
+    auto context = tls->await(*waiter);
     if (!context) return context.error();
     return startTLS(std::move(*socket), std::move(*waiter), *context, target.host);
 }

@@ -2,17 +2,25 @@
 // trust store (which honours SSL_CERT_FILE and SSL_CERT_DIR), SNI and host-name
 // verification.
 //
-// Names resolve in a helper thread so that the attempt's deadline and
-// cancellation also cut a hung resolver short; the thread then finishes on its
-// own and its answer is dropped. Literal addresses skip it. The connector is
-// thread-safe; its TLS context is built on the first TLS attempt, which is when the
-// trust-store variables are read.
+// Names resolve on a resolver thread (resolver_threads.h) so that the
+// attempt's deadline and cancellation also cut a hung resolver short; the
+// thread then finishes on its own and its answer is dropped. Literal
+// addresses skip it. The connector is
+// thread-safe. Its TLS context (the TLS library loaded, the trust store read,
+// which is when the trust-store variables are read) is built once, on a
+// thread of the connector's own that the first TLS attempt starts before it
+// resolves and connects: building costs more than both on a fast network.
+// Attempts wait for it within their own limits; a build that failed is tried
+// again by the next TLS attempt. Destroying the connector waits for a build
+// still running.
 #pragma once
 
 #include <sys/socket.h>
 
 #include <functional>
+#include <memory>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "netcore/publicip/byte_stream.h"
@@ -37,7 +45,6 @@ Result<std::vector<SocketAddress>> resolveWithSystem(const std::string& host, st
 std::optional<SocketAddress> literalAddress(const std::string& text, std::uint16_t port, IPVersion version);
 
 inline constexpr const char* kAddressInfoErrorDomain = "kCFStreamErrorDomainNetDB";
-inline constexpr const char* kTLSErrorDomain = "NetCore.TLS";
 
 class SocketStreamConnector final : public StreamConnector {
 public:
@@ -50,11 +57,14 @@ public:
                                              const Cancellation* cancellation) override;
 
 private:
-    Result<ssl_ctx_st*> tlsContext();
+    struct TLSBuild;
+    // The build under way or done, started if there is none (or it failed).
+    std::shared_ptr<TLSBuild> prepareTLS() NV_EXCLUDES(tlsMutex_);
 
     AddressResolver resolver_;
     Mutex tlsMutex_;
-    ssl_ctx_st* tlsContext_ NV_GUARDED_BY(tlsMutex_) = nullptr;
+    std::shared_ptr<TLSBuild> tlsBuild_ NV_GUARDED_BY(tlsMutex_);
+    std::thread tlsBuilder_ NV_GUARDED_BY(tlsMutex_);
 };
 
 }  // namespace netvane

@@ -13,6 +13,8 @@
 namespace netvane {
 namespace {
 
+static_assert(kTLSClosedWithoutNotify == SSL_R_UNEXPECTED_EOF_WHILE_READING);
+
 // The socket end of the TLS layer. Ours rather than the library's own socket
 // BIO because that one writes with write(2), and a peer that has gone away
 // would then kill the whole process with SIGPIPE.
@@ -54,7 +56,7 @@ long socketEndControl(BIO* bio, int command, long, void*) {
     switch (command) {
         case BIO_CTRL_FLUSH:
             return 1;
-        case BIO_CTRL_EOF:  // lets a close without close_notify end the stream (see makeTLSContext)
+        case BIO_CTRL_EOF:  // a bare close, reported by the TLS layer as an unexpected end (see makeTLSContext)
             return static_cast<SocketEnd*>(tls().BIO_get_data(bio))->eof ? 1 : 0;
         default:
             return 0;
@@ -153,7 +155,12 @@ public:
             std::size_t read = 0;
             const int result = t_.SSL_read_ex(ssl_.get(), buffer.data(), buffer.size(), &read);
             if (result == 1) return read;
-            if (t_.SSL_get_error(ssl_.get(), result) == SSL_ERROR_ZERO_RETURN) return std::size_t{0};
+            const int reason = t_.SSL_get_error(ssl_.get(), result);
+            if (reason == SSL_ERROR_ZERO_RETURN) return std::size_t{0};
+            if (reason == SSL_ERROR_SSL &&
+                ERR_GET_REASON(t_.ERR_peek_last_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+                return closedWithoutNotifyError();
+            }
             if (auto waited = waitFor(result); !waited) return waited.error();
         }
     }
@@ -171,10 +178,6 @@ private:
                              t_.X509_verify_cert_error_string(verification)};
         }
         if (reason == SSL_ERROR_SYSCALL && errno != 0) return posixError(errno);
-        if (reason == SSL_ERROR_SSL && ERR_GET_REASON(t_.ERR_peek_last_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
-            return Error{kTLSErrorDomain, SSL_R_UNEXPECTED_EOF_WHILE_READING,
-                         "The secure connection was closed before the response was complete"};
-        }
         if (const unsigned long code = t_.ERR_peek_last_error(); code != 0) {
             return Error{kTLSErrorDomain, static_cast<std::int64_t>(ERR_GET_REASON(code)),
                          "The secure connection failed: " + openSSLReason(code)};
@@ -202,9 +205,9 @@ Result<ssl_ctx_st*> makeTLSContext() {
     if (!context) return Error{kTLSErrorDomain, 0, "The secure connection could not be set up"};
     t.SSL_CTX_ctrl(context, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_2_VERSION, nullptr);
     t.SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-    // No SSL_OP_IGNORE_UNEXPECTED_EOF: the exchange reads until the server
-    // closes and trusts no length, so close_notify is the only sign that the
-    // body arrived whole. A bare TCP close is a receive error.
+    // No SSL_OP_IGNORE_UNEXPECTED_EOF: a bare TCP close must reach the
+    // exchange as closedWithoutNotifyError, never as the end of the answer,
+    // so that an answer cut short on the way is caught.
     if (t.SSL_CTX_set_default_verify_paths(context) != 1) {
         t.SSL_CTX_free(context);
         return Error{kTLSErrorDomain, 0, "The system's trusted certificates could not be loaded"};

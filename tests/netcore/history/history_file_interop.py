@@ -136,6 +136,21 @@ class WrittenByPlistlib(unittest.TestCase):
             self.assertEqual(json.loads(result.stdout)["interfaces"], {}, name)
             self.assertIn("note", result.stderr, name)
 
+    def test_totals_that_cannot_be_summed_are_a_note_not_a_crash(self):
+        half = float(2**63)
+        one_tier = {"en0": {"tiers": [{"granularity": 0.0, "retention": 3600.0,
+                                       "buckets": self.pack([(10, 1, half, 0, 0, 0, 0, 0),
+                                                             (20, 1, half, 0, 0, 0, 0, 0)])}]}}
+        across_tiers = {"en0": {"tiers": [
+            {"granularity": 0.0, "retention": 3600.0, "buckets": self.pack([(10, 1, 0, half, 0, 0, 0, 0)])},
+            {"granularity": 3600.0, "retention": 1e9, "buckets": self.pack([(0, 1, 0, half, 0, 0, 0, 0)])}]}}
+        for name, document in (("one tier", one_tier), ("across tiers", across_tiers)):
+            result = run_cli(self.write(document), "--now", "2001-01-01T00:01:00Z")
+            self.assertEqual(result.returncode, 0, f"{name}: {result.stderr}")
+            self.assertEqual(json.loads(result.stdout)["interfaces"], {}, name)
+            self.assertIn("note", result.stderr, name)
+            self.assertIn("64 bits", result.stderr, name)
+
     def test_bad_period_is_a_usage_error(self):
         for period in ("0", "-5", "abc", "nan", "inf"):
             result = run_cli(os.path.join(self.tmp.name, "x"), "--period", period)

@@ -104,6 +104,97 @@ TEST_F(HistoryStoreTest, UnreadableFilesLoadEmptyAndAreReplacedBySave) {
     EXPECT_EQ(store.load().size(), 1u);
 }
 
+// A bad read must never cost the user their history: asked to, the load keeps
+// the bad file aside, where the next save cannot reach it.
+TEST_F(HistoryStoreTest, UnreadableFilesAreKeptAsideWithTheReason) {
+    HistoryStore store(path("history.plist"));
+    std::mt19937_64 rng(21);
+    const HistorySet saved{{"en0", randomHistory(rng, 50)}};
+    ASSERT_TRUE(store.save(saved).ok());
+    const Bytes whole = *readFile(store.url);
+    Bytes noise(4096);
+    for (auto& byte : noise) byte = static_cast<std::uint8_t>(rng());
+    const Bytes truncated(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(whole.size() - 1));
+
+    std::vector<std::string> kept;
+    for (const Bytes& bad : {truncated, noise}) {
+        ASSERT_TRUE(writeFileAtomically(store.url, bad).ok());
+        const HistoryLoad loaded = store.load(UnreadableFile::keepAside);
+        EXPECT_TRUE(loaded.histories.empty());
+        ASSERT_TRUE(loaded.unreadable.has_value());
+        EXPECT_NE(loaded.unreadable->message.find("malformed"), std::string::npos) << loaded.unreadable->message;
+        ASSERT_TRUE(loaded.keptAs.has_value()) << loaded.keepAsideError->message;
+        EXPECT_FALSE(loaded.keepAsideError.has_value());
+        EXPECT_EQ(fs::path(*loaded.keptAs).parent_path(), dir_);
+        EXPECT_TRUE(fs::path(*loaded.keptAs).filename().string().starts_with("history.plist.unreadable-"));
+        EXPECT_EQ(*readFile(*loaded.keptAs), bad);
+        EXPECT_FALSE(fs::exists(store.url));
+        kept.push_back(*loaded.keptAs);
+
+        ASSERT_TRUE(store.save(saved).ok());
+        EXPECT_EQ(store.load(), saved);
+    }
+    ASSERT_NE(kept[0], kept[1]) << "a second bad file never replaces the first";
+    EXPECT_EQ(*readFile(kept[0]), truncated);
+    EXPECT_EQ(*readFile(kept[1]), noise);
+
+    // Left where it is when the caller only reads.
+    ASSERT_TRUE(writeFileAtomically(store.url, noise).ok());
+    const HistoryLoad read = store.load(UnreadableFile::leave);
+    EXPECT_TRUE(read.unreadable.has_value());
+    EXPECT_FALSE(read.keptAs.has_value());
+    EXPECT_EQ(*readFile(store.url), noise);
+}
+
+TEST_F(HistoryStoreTest, AMissingFileIsNoProblem) {
+    for (const std::string& missing : {path("history.plist"), path("none/history.plist")}) {
+        const HistoryLoad loaded = HistoryStore(missing).load(UnreadableFile::keepAside);
+        EXPECT_EQ(loaded, HistoryLoad{}) << missing;
+    }
+    ASSERT_TRUE(writeFileAtomically(path("file"), std::string_view("x")).ok());
+    EXPECT_EQ(HistoryStore(path("file/history.plist")).load(UnreadableFile::keepAside), HistoryLoad{})
+        << "a file where a directory should be: there is no history file";
+}
+
+TEST_F(HistoryStoreTest, TotalsThatCannotBeSummedAreAnUnreadableFile) {
+    HistoryStore store(path("history.plist"));
+    std::mt19937_64 rng(22);
+    HistorySet crafted{{"en0", randomHistory(rng, 3)}};
+    crafted["en0"].tiers[0].buckets[0].bytesIn = std::uint64_t{1} << 63;
+    crafted["en0"].tiers[0].buckets[1].bytesIn = std::uint64_t{1} << 63;
+    ASSERT_TRUE(store.save(crafted).ok());
+    const HistoryLoad loaded = store.load(UnreadableFile::keepAside);
+    EXPECT_TRUE(loaded.histories.empty());
+    ASSERT_TRUE(loaded.unreadable.has_value());
+    EXPECT_NE(loaded.unreadable->message.find("history of \"en0\""), std::string::npos) << loaded.unreadable->message;
+    EXPECT_NE(loaded.unreadable->message.find("64 bits"), std::string::npos) << loaded.unreadable->message;
+    EXPECT_TRUE(loaded.keptAs.has_value());
+}
+
+// A directory where the file should be: nothing reads as a history, nothing
+// in it is touched, and no save can replace it.
+TEST_F(HistoryStoreTest, DirectoryInPlaceOfTheFile) {
+    HistoryStore store(path("history.plist"));
+    fs::create_directory(store.url);
+    ASSERT_TRUE(writeFileAtomically(store.url + "/inside", std::string_view("kept")).ok());
+
+    const HistoryLoad loaded = store.load(UnreadableFile::keepAside);
+    EXPECT_TRUE(loaded.histories.empty());
+    EXPECT_TRUE(loaded.unreadable.has_value());
+    EXPECT_FALSE(loaded.keptAs.has_value());
+    EXPECT_TRUE(loaded.keepAsideError.has_value()) << "only a file is kept aside";
+
+    std::mt19937_64 rng(23);
+    const Status saved = store.save({{"en0", randomHistory(rng, 5)}});
+    ASSERT_FALSE(saved.ok());
+    EXPECT_NE(saved.error().message.find(store.url), std::string::npos) << saved.error().message;
+    EXPECT_TRUE(fs::is_directory(store.url));
+    EXPECT_EQ(*readFile(store.url + "/inside"), Bytes({'k', 'e', 'p', 't'}));
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir_)) names.push_back(entry.path().filename().string());
+    EXPECT_EQ(names, std::vector<std::string>{"history.plist"}) << "a temporary file was left behind";
+}
+
 TEST_F(HistoryStoreTest, ForeignShapesLoadEmpty) {
     HistoryStore store(path("history.plist"));
     auto write = [&](const plist::Value& document) {

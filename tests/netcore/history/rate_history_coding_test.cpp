@@ -3,6 +3,8 @@
 #include <bit>
 #include <cstring>
 #include <limits>
+#include <utility>
+#include <vector>
 
 #include "netcore/history/rate_history.h"
 
@@ -92,6 +94,41 @@ TEST(RateHistoryCoding, RoundTripKeepsTiersInOrder) {
     auto decoded = RateHistory::decode(encoded);
     ASSERT_TRUE(decoded.ok());
     EXPECT_EQ(*decoded, history);
+}
+
+// A history's totals are summed by whoever reads it (an aggregate within one
+// tier, a chart across tiers), and overflow while summing is fatal: a file
+// whose totals cannot be summed is refused before anyone counts.
+TEST(RateHistoryCoding, TotalsThatCannotBeSummedAreCorrupt) {
+    constexpr double kHalf = 0x1p63;  // 2^63 bytes, exactly representable
+    auto history = [](std::vector<std::pair<double, plist::Data>> tiers) {
+        plist::Array encoded;
+        for (auto& [granularity, buckets] : tiers) encoded.push_back(tierValue(granularity, 1e9, std::move(buckets)));
+        return RateHistory::decode(plist::Dictionary{{"tiers", std::move(encoded)}});
+    };
+    auto bucket = [](double start, double in, double out) { return packed({start, 1, in, out, 0, 0, 0, 0}); };
+    auto join = [](plist::Data a, const plist::Data& b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
+    };
+
+    for (const auto& refused : {
+             history({{0, join(bucket(10, kHalf, 0), bucket(20, kHalf, 0))}}),  // in, one tier
+             history({{0, join(bucket(10, 0, kHalf), bucket(20, 0, kHalf))}}),  // out, one tier
+             history({{0, bucket(10, kHalf, 0)}, {3600, bucket(0, kHalf, 0)}}),  // across tiers
+         }) {
+        ASSERT_FALSE(refused.ok());
+        EXPECT_EQ(refused.error().domain, kHistoryErrorDomain);
+        EXPECT_NE(refused.error().message.find("64 bits"), std::string::npos) << refused.error().message;
+    }
+
+    // Just below the limit: accepted, and every period can be summed.
+    const auto full = history({{0, join(bucket(10, kHalf, kHalf), bucket(20, kHalf / 2, kHalf / 2))},
+                               {3600, bucket(3600, kHalf / 4, 0)}});
+    ASSERT_TRUE(full.ok()) << full.error().message;
+    const RateAggregate all = full->aggregate(1e9, Date{30});
+    EXPECT_EQ(all.bytesIn, std::uint64_t{3} << 62);
+    EXPECT_EQ(all.bytesOut, std::uint64_t{3} << 62);
 }
 
 TEST(RateHistoryCoding, ShapeErrorsPropagate) {

@@ -24,7 +24,7 @@ constexpr auto kGenerous = 10s;
 constexpr auto kShort = 100ms;
 
 Received chunk(const std::string& text, bool complete = false) {
-    return Received{{text.begin(), text.end()}, complete};
+    return Received{{text.begin(), text.end()}, complete, std::nullopt};
 }
 
 // Answers each call on its queue from a script; a call the script has no
@@ -179,6 +179,40 @@ TEST(CallbackStream, ReceiveErrorsPassThroughAndEndTheConnection) {
     EXPECT_GE(connection->cancels(), 1);
 }
 
+// The platform may report an error together with the last bytes it received.
+Received endedBy(Error error, const std::string& text = "") {
+    Received received = chunk(text);
+    received.failure = std::move(error);
+    return received;
+}
+
+std::string exchanged(std::deque<Result<Received>> receives) {
+    auto connection = std::make_shared<ScriptedConnection>();
+    connection->receives = std::move(receives);
+    auto stream = openCallbackStream(connection, kGenerous, nullptr);
+    if (!stream) return "error: " + stream.error().message;
+    auto response = PublicIPService::exchange(**stream, "GET");
+    return response ? std::string(response->begin(), response->end()) : "error: " + response.error().message;
+}
+
+TEST(CallbackStream, BytesThatCameWithAnErrorAreReadBeforeIt) {
+    const Error noNotify = connectionError(ConnectionErrorKind::tls, kTLSStatusClosedWithoutNotify);
+    ASSERT_EQ(noNotify, closedWithoutNotifyError());
+    const Error reset = connectionError(ConnectionErrorKind::posix, ECONNRESET);
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n";
+
+    // A close without close_notify ends an answer whose last bytes prove it whole.
+    EXPECT_EQ(exchanged({chunk(head), endedBy(noNotify, "192.0.2.7")}), head + "192.0.2.7");
+    EXPECT_EQ(exchanged({chunk(head + "192.0.2.7"), endedBy(noNotify)}), head + "192.0.2.7");
+    // Any other answer it ends, and any other error, fail the exchange with that error.
+    EXPECT_EQ(exchanged({chunk(head), endedBy(noNotify, "192.0.2.")}), "error: " + noNotify.message);
+    EXPECT_EQ(exchanged({chunk(head), endedBy(reset, "192.0.2.7")}), "error: " + reset.message);
+    // An error beside the end of the stream still wins over it.
+    Received endedAndFailed = endedBy(noNotify, "192.0.2.");
+    endedAndFailed.complete = true;
+    EXPECT_EQ(exchanged({chunk(head), endedAndFailed}), "error: " + noNotify.message);
+}
+
 TEST(CallbackStream, ConnectionThatNeverBecomesReadyTimesOut) {
     auto connection = std::make_shared<ScriptedConnection>();
     connection->readiness = {};
@@ -240,6 +274,7 @@ TEST(ConnectionError, KeepsTheCodeUnderTheKindsDomain) {
     EXPECT_EQ(tls.code, -9808);
     EXPECT_NE(tls.message.find("-9808"), std::string::npos);
     EXPECT_EQ(connectionError(ConnectionErrorKind::other, 5).domain, kConnectionErrorDomain);
+    EXPECT_EQ(connectionError(ConnectionErrorKind::tls, kTLSStatusClosedWithoutNotify), closedWithoutNotifyError());
 }
 
 }  // namespace

@@ -110,6 +110,42 @@ TEST(Exchange, ReceiveFailureEndsTheExchange) {
     EXPECT_EQ(response.error(), posixError(ECONNRESET));
 }
 
+// A TLS close without close_notify: the response read so far, or the error.
+std::string endedWithoutNotify(std::vector<std::string> pieces) {
+    Script script{.failure = closedWithoutNotifyError()};
+    script.replies.assign(pieces.begin(), pieces.end());
+    ScriptedStream stream(script);
+    const auto response = exchange(stream, "GET / HTTP/1.1\r\n\r\n");
+    return response ? text(*response) : "error: " + response.error().message;
+}
+
+TEST(Exchange, CloseWithoutNotifyEndsOnlyAProvablyWholeAnswer) {
+    const std::string cut = "error: " + closedWithoutNotifyError().message;
+    const std::string sized = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n";
+    const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    // Whole: the declared length all there, however it arrived; the last chunk seen.
+    EXPECT_EQ(endedWithoutNotify({sized + "127.0.0.1"}), sized + "127.0.0.1");
+    EXPECT_EQ(endedWithoutNotify({sized, "127.0", ".0.1"}), sized + "127.0.0.1");
+    EXPECT_EQ(endedWithoutNotify({chunked + "9\r\n127.0.0.1\r\n0\r\n"}), chunked + "9\r\n127.0.0.1\r\n0\r\n");
+    // Cut short: fewer bytes than declared, a chunk or the last chunk missing,
+    // no framing at all, the head itself.
+    EXPECT_EQ(endedWithoutNotify({sized + "127.0.0."}), cut);
+    EXPECT_EQ(endedWithoutNotify({chunked + "9\r\n127.0.0.1\r\n"}), cut);
+    EXPECT_EQ(endedWithoutNotify({chunked + "9\r\n127.0"}), cut);
+    EXPECT_EQ(endedWithoutNotify({"HTTP/1.1 200 OK\r\n\r\n127.0.0.1"}), cut);
+    EXPECT_EQ(endedWithoutNotify({"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n"}), cut);
+    EXPECT_EQ(endedWithoutNotify({}), cut);
+}
+
+TEST(Exchange, OtherReceiveErrorsNeverEndAWholeAnswer) {
+    Script script{.replies = {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n127.0.0.1"},
+                  .failure = posixError(ECONNRESET)};
+    ScriptedStream stream(script);
+    const auto response = exchange(stream, "GET / HTTP/1.1\r\n\r\n");
+    ASSERT_FALSE(response.ok());
+    EXPECT_EQ(response.error(), posixError(ECONNRESET));
+}
+
 TEST(Get, OpensTheURLsEndpointAndSendsTheFixedRequest) {
     Script script{.replies = {"HTTP/1.1 200 OK\r\n\r\n192.0.2.1"}};
     ScriptedConnector connector(script);

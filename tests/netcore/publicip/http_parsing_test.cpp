@@ -120,5 +120,37 @@ TEST(Dechunk, BrokenSizeOrShortChunkIsMalformed) {
     }
 }
 
+bool whole(std::string_view response) { return isProvablyWhole(bytes(response)); }
+
+TEST(ProvablyWhole, ADeclaredLengthAllThere) {
+    EXPECT_TRUE(whole("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n127.0.0.1"));
+    EXPECT_TRUE(whole("HTTP/1.1 200 OK\r\ncontent-LENGTH:\t 9 \r\nContent-Length: 9\r\n\r\n127.0.0.1"));
+    EXPECT_TRUE(whole("HTTP/1.1 204 No Content\r\nContent-Length: 0\r\n\r\n"));
+    EXPECT_TRUE(whole("HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\n127.0.0.1")) << "more than declared";
+    EXPECT_FALSE(whole("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n127.0.0."));
+    EXPECT_FALSE(whole("HTTP/1.1 200 OK\r\n\r\n127.0.0.1")) << "no length";
+    EXPECT_FALSE(whole("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n")) << "the head cut short";
+    // Lengths that say nothing certain.
+    for (const char* length : {"", "9x", "+9", "-9", "0x9", "9 9", "18446744073709551616"}) {
+        EXPECT_FALSE(whole(std::string("HTTP/1.1 200 OK\r\nContent-Length: ") + length + "\r\n\r\n127.0.0.1"))
+            << length;
+    }
+    EXPECT_FALSE(whole("HTTP/1.1 200 OK\r\nContent-Length: 9\r\nContent-Length: 2\r\n\r\n127.0.0.1"));
+    EXPECT_FALSE(whole("HTTP/1.1 200 OK\r\nX-Content-Length: 2\r\n\r\n12")) << "another header's name";
+}
+
+TEST(ProvablyWhole, TheLastChunkSeen) {
+    const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    EXPECT_TRUE(whole(chunked + "4\r\nabcd\r\n0\r\n\r\n"));
+    EXPECT_TRUE(whole(chunked + "4\r\nabcd\r\n0;ext\r\n")) << "trailers and the last CRLF need not come";
+    EXPECT_FALSE(whole(chunked + "4\r\nabcd\r\n"));
+    EXPECT_FALSE(whole(chunked + "4\r\nabcd\r\n0"));
+    EXPECT_FALSE(whole(chunked + "4\r\nab"));
+    EXPECT_FALSE(whole(chunked + "zz\r\nabcd\r\n0\r\n\r\n")) << "broken coding";
+    // Chunked coding decides over a length, as when the body is read.
+    EXPECT_FALSE(whole("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nContent-Length: 3\r\n\r\n4\r\nab"));
+    EXPECT_TRUE(whole("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nContent-Length: 99\r\n\r\n0\r\n"));
+}
+
 }  // namespace
 }  // namespace netvane::PublicIPService

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "tests/netcore/publicip/support/local_server.h"
+#include "tests/netcore/publicip/support/python_tls_server.h"
 #include "tests/netcore/publicip/support/test_ca.h"
 
 namespace netvane {
@@ -68,6 +69,19 @@ TEST(PublicIPCommand, BothFamiliesFailingExitsOneWithTheText) {
     const CommandRun json = netvane("--url http://127.0.0.1:" + port(server) + "/ip --json");
     EXPECT_EQ(json.status, 1);
     EXPECT_NE(json.out.find("\"error\": \"The server answered HTTP 503\""), std::string::npos) << json.out;
+}
+
+// What a user of a small HTTPS service sees: Python's own server ends every
+// answer without close_notify.
+TEST(PublicIPCommand, HTTPSWithoutCloseNotifyAnswersWhenTheBodyIsWhole) {
+    testing::PythonTLSServer server(testing::trustedTestCA().issue({}, {"127.0.0.1"}));
+    const std::string base = "https://127.0.0.1:" + std::to_string(server.port());
+    const CommandRun whole = netvane("--url " + base + "/length");
+    EXPECT_EQ(whole.status, 0);
+    EXPECT_EQ(whole.out, "IPv4: 127.0.0.1\nIPv6: unavailable\n");
+    const CommandRun cut = netvane("--url " + base + "/short");
+    EXPECT_EQ(cut.status, 1);
+    EXPECT_EQ(cut.out, "netvane: The secure connection was closed before the response was complete\n");
 }
 
 TEST(PublicIPCommand, UsageErrorsExitTwo) {

@@ -1,14 +1,21 @@
 // One attempt over the Linux sockets and TLS against servers on 127.0.0.1 and ::1.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <future>
 #include <latch>
+#include <mutex>
+#include <set>
 
 #include "netcore/publicip/http_exchange.h"
 #include "netcore/publicip/linux/byte_stream.h"
 #include "tests/netcore/publicip/support/local_server.h"
 #include "tests/netcore/publicip/support/loopback_names.h"
+#include "tests/netcore/publicip/support/python_tls_server.h"
+#include "tests/temporary_directory.h"
 
 namespace netvane::PublicIPService {
 namespace {
@@ -143,22 +150,55 @@ TEST_F(SocketStreamTest, TLSRefusesUntrustedIssuer) {
     EXPECT_EQ(body.error().message, "The server's certificate isn't valid: unable to get local issuer certificate");
 }
 
-// Without close_notify nothing tells a whole body from one cut short by a
-// bare TCP close (an attacker on the path can send one): both are errors,
-// never a wrong address.
-TEST_F(SocketStreamTest, TLSCloseWithoutNotifyIsAReceiveError) {
-    for (const std::string& body : {std::string("3\r\n127\r\n"), std::string("9\r\n127.0.0.1\r\n0\r\n\r\n")}) {
+// Without close_notify only the answer's own framing tells a whole body from
+// one cut short by a bare TCP close, which anyone on the path can send.
+TEST_F(SocketStreamTest, TLSCloseWithoutNotifyEndsOnlyAProvablyWholeAnswer) {
+    const std::string cut = "error: " + closedWithoutNotifyError().message;
+    const struct {
+        std::string answer;
+        bool notify;
+        std::string outcome;
+    } cases[] = {
+        {"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n127.0.0.1\n", false, "127.0.0.1\n"},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n127.0.0.1\r\n0\r\n\r\n", false, "127.0.0.1"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\n127.0.0.1\n", false, cut},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\n127\r\n", false, cut},
+        {"HTTP/1.1 200 OK\r\n\r\n127.0.0.1\n", false, cut},
+        // close_notify ends any answer: the body is whatever came.
+        {"HTTP/1.1 200 OK\r\n\r\n127.0.0.1\n", true, "127.0.0.1\n"},
+    };
+    for (const auto& c : cases) {
         LocalServer server(
-            [body](Peer& peer) {
+            [&c](Peer& peer) {
                 if (peer.readRequest().empty()) return;
-                peer.write("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + body);
-                peer.closeWithoutNotify();
+                peer.write(c.answer);
+                if (!c.notify) peer.closeWithoutNotify();
             },
             trustedTestCA().issue({"dual.test"}, {}));
         const auto fetched = fetch("https://dual.test:" + std::to_string(server.port()) + "/ip", IPVersion::v4);
-        ASSERT_FALSE(fetched.ok()) << "accepted " << text(*fetched);
-        EXPECT_EQ(fetched.error().domain, kTLSErrorDomain);
-        EXPECT_EQ(fetched.error().message, "The secure connection was closed before the response was complete");
+        EXPECT_EQ(fetched ? text(*fetched) : "error: " + fetched.error().message, c.outcome) << c.answer;
+        if (!fetched) {
+            EXPECT_EQ(fetched.error(), closedWithoutNotifyError());
+        }
+    }
+}
+
+// The same against Python's own HTTPS server, which never sends close_notify.
+TEST_F(SocketStreamTest, PythonsHTTPSServerWithoutCloseNotify) {
+    testing::PythonTLSServer server(trustedTestCA().issue({"dual.test"}, {}));
+    const std::string base = "https://dual.test:" + std::to_string(server.port());
+    for (const IPVersion version : {IPVersion::v4, IPVersion::v6}) {
+        const std::string address = version == IPVersion::v4 ? "127.0.0.1" : "::1";
+        for (const char* whole : {"/length", "/chunked"}) {
+            const auto fetched = fetch(base + whole, version);
+            ASSERT_TRUE(fetched.ok()) << whole << ": " << fetched.error().message;
+            EXPECT_EQ(text(*fetched), address + "\n") << whole;
+        }
+        for (const char* cutShort : {"/short", "/cut", "/unframed"}) {
+            const auto fetched = fetch(base + cutShort, version);
+            ASSERT_FALSE(fetched.ok()) << cutShort << " accepted " << text(*fetched);
+            EXPECT_EQ(fetched.error(), closedWithoutNotifyError()) << cutShort;
+        }
     }
 }
 
@@ -255,6 +295,72 @@ TEST_F(SocketStreamTest, HungResolverIsCutShortByTheDeadline) {
     release->count_down();
     ASSERT_FALSE(body.ok());
     EXPECT_EQ(body.error(), timedOutError());
+}
+
+// Resolutions run on threads that wait for the next one, so that many
+// lookups do not start a thread each; one that hangs keeps its thread, and
+// the next resolution gets another.
+TEST_F(SocketStreamTest, ResolverThreadsServeOneResolutionAfterAnother) {
+    LocalServer server(echoAddress);
+    const std::string url = "http://dual.test:" + std::to_string(server.port()) + "/ip";
+    auto threads = std::make_shared<std::set<pid_t>>();
+    auto threadsMutex = std::make_shared<std::mutex>();
+    auto release = std::make_shared<std::latch>(1);
+    SocketStreamConnector connector([=](const std::string& host, std::uint16_t port, IPVersion version) {
+        {
+            std::lock_guard lock(*threadsMutex);
+            threads->insert(::gettid());
+        }
+        if (host == "hang.test") release->wait();
+        return testing::loopbackResolver()(host, port, version);
+    });
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_TRUE(get(url, i % 2 ? IPVersion::v4 : IPVersion::v6, {.timeout = 5s, .connector = &connector}).ok());
+    }
+    {
+        std::lock_guard lock(*threadsMutex);
+        EXPECT_LE(threads->size(), 2u) << "a thread for each resolution";
+    }
+    SocketStreamConnector& hanging = connector;
+    const auto hung = get("http://hang.test/", IPVersion::v4, {.timeout = 200ms, .connector = &hanging});
+    ASSERT_FALSE(hung.ok());
+    EXPECT_EQ(hung.error(), timedOutError());
+    const auto next = get(url, IPVersion::v4, {.timeout = 5s, .connector = &hanging});
+    release->count_down();
+    ASSERT_TRUE(next.ok()) << next.error().message;
+    EXPECT_EQ(text(*next), "127.0.0.1\n");
+}
+
+// Building the TLS context reads the trust store, which may never answer (a
+// FIFO named by SSL_CERT_FILE): the attempt still ends at its deadline.
+TEST_F(SocketStreamTest, TrustStoreThatNeverAnswersIsCutShortByTheDeadline) {
+    LocalServer server(echoAddress, trustedTestCA().issue({"dual.test"}, {}));
+    testing::TemporaryDirectory directory("netvane-trust-fifo");
+    const std::string fifo = directory.path() + "/ca.pem";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const std::string trusted = testing::trustedTestCAFile();
+    ::setenv("SSL_CERT_FILE", fifo.c_str(), 1);
+    // Once the attempt is over (or, should it hang, after a while), the
+    // reader blocked on the FIFO is let go: opening the other end and closing
+    // it gives it an empty file.
+    std::promise<void> attemptOver;
+    std::thread releaser([&fifo, over = attemptOver.get_future()] {
+        over.wait_for(5s);
+        const int fd = ::open(fifo.c_str(), O_WRONLY);
+        if (fd >= 0) ::close(fd);
+    });
+    {
+        SocketStreamConnector connector(testing::loopbackResolver());
+        const auto body = get("https://dual.test:" + std::to_string(server.port()) + "/ip", IPVersion::v4,
+                              {.timeout = 200ms, .connector = &connector});
+        attemptOver.set_value();
+        ::setenv("SSL_CERT_FILE", trusted.c_str(), 1);
+        EXPECT_FALSE(body.ok());
+        if (!body.ok()) {
+            EXPECT_EQ(body.error(), timedOutError());
+        }
+    }
+    releaser.join();
 }
 
 }  // namespace
