@@ -42,7 +42,9 @@ start_server() {
   mkfifo "$work/$name.in"
   "$server" "$@" < "$work/$name.in" > "$work/$name.port" &
   server_pids+=($!)
-  exec {keep}> "$work/$name.in"   # held open for the life of the script
+  # Held open, never written, for the life of the script.
+  # shellcheck disable=SC2034
+  exec {keep}> "$work/$name.in"
   until [[ -s $work/$name.port ]]; do sleep 0.05; done
   port=$(head -n1 "$work/$name.port")
 }
@@ -69,8 +71,10 @@ measure() {
 
 check() {
   local label=$1 output=$2
-  grep -q '127.0.0.1' <<< "$output" && grep -q '::1' <<< "$output" ||
-    { echo "$label did not report both addresses: $output" >&2; exit 1; }
+  if ! grep -q '127.0.0.1' <<< "$output" || ! grep -q '::1' <<< "$output"; then
+    echo "$label did not report both addresses: $output" >&2
+    exit 1
+  fi
 }
 
 printf '%-6s %-28s %10s\n' scheme client "ms/run"
