@@ -138,6 +138,9 @@ nv_job_stop() {
     nv_quote launchctl bootout "system/$NV_LABEL"
   elif launchctl print "system/$NV_LABEL" >/dev/null 2>&1; then
     launchctl bootout "system/$NV_LABEL"
+    # A job still on its way out makes the next bootstrap fail; 10 s at most.
+    local tries=0
+    while launchctl print "system/$NV_LABEL" >/dev/null 2>&1 && ((tries++ < 50)); do sleep 0.2; done
   fi
 }
 
