@@ -64,8 +64,8 @@ endfunction()
 # netvane_install_configured(TEMPLATE DESTINATION [RENAME NAME] [COMPONENT C]
 #                            [VARIABLES VAR...])
 # Installs a file made from TEMPLATE into DESTINATION (relative to the
-# prefix) while installing rather than while configuring, so that the
-# absolute paths in it follow the prefix actually installed to
+# prefix, unless absolute) while installing rather than while configuring,
+# so that the absolute paths in it follow the prefix actually installed to
 # (`cmake --install --prefix`, cpack). The template sees
 # @NETVANE_PREFIX@, @NETVANE_FULL_<DIR>@ for BINDIR, SBINDIR, LIBDIR,
 # INCLUDEDIR, DATADIR and MANDIR, and the configure-time VARIABLES.
@@ -78,6 +78,10 @@ function(netvane_install_configured template destination)
   endif()
   if(NOT A_COMPONENT)
     set(A_COMPONENT runtime)
+  endif()
+  set(root "\${CMAKE_INSTALL_PREFIX}/")
+  if(IS_ABSOLUTE "${destination}")
+    set(root "")
   endif()
   set(code "")
   foreach(var IN LISTS A_VARIABLES)
@@ -92,7 +96,7 @@ function(netvane_install_configured template destination)
   endforeach()
   string(APPEND code "
 set(NETVANE_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
-set(installed \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${destination}/${name}\")
+set(installed \"\$ENV{DESTDIR}${root}${destination}/${name}\")
 message(STATUS \"Installing: \${installed}\")
 configure_file([==[${template}]==] \"\${installed}\" @ONLY)
 file(CHMOD \"\${installed}\" PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)

@@ -26,7 +26,8 @@ ctest --preset release
 $all || exit 0
 build_only() {
     local compiler=$1 cxx=$2 type=$3
-    local dir="build/$compiler-$(tr '[:upper:]' '[:lower:]' <<<"$type")"
+    local dir
+    dir="build/$compiler-$(tr '[:upper:]' '[:lower:]' <<<"$type")"
     echo "=== $type with $compiler: build (no tests, no benchmarks)"
     cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE="$type" -DCMAKE_C_COMPILER="$compiler" -DCMAKE_CXX_COMPILER="$cxx" \
         -DNETVANE_WARNINGS_AS_ERRORS=ON -DNETVANE_BUILD_TESTS=OFF -DNETVANE_BUILD_BENCHMARKS=OFF >/dev/null

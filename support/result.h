@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 #include <utility>
-#include <variant>
+#include <optional>
 
 namespace netvane {
 
@@ -32,28 +32,33 @@ Error posixError(int errnoValue);
 // `posixError` prefixed with what was being done ("open /x: No such file...").
 Error posixError(int errnoValue, const std::string& context);
 
+// The value and the error sit side by side rather than in a std::variant:
+// libstdc++ builds a variant's alternative inside raw bytes, where the static
+// analyzer loses sight of it and takes every error read back as garbage.
+// Asking a Result for what it does not hold throws, as std::get would.
 template <class T>
 class [[nodiscard]] Result {
 public:
-    Result(T value) : storage_(std::in_place_index<0>, std::move(value)) {}
-    Result(Error error) : storage_(std::in_place_index<1>, std::move(error)) {}
+    Result(T value) : value_(std::move(value)) {}
+    Result(Error error) : error_(std::move(error)) {}
 
-    bool ok() const { return storage_.index() == 0; }
+    bool ok() const { return value_.has_value(); }
     explicit operator bool() const { return ok(); }
 
-    T& value() & { return std::get<0>(storage_); }
-    const T& value() const& { return std::get<0>(storage_); }
-    T&& value() && { return std::get<0>(std::move(storage_)); }
+    T& value() & { return value_.value(); }
+    const T& value() const& { return value_.value(); }
+    T&& value() && { return std::move(value_).value(); }
     T& operator*() & { return value(); }
     const T& operator*() const& { return value(); }
     T&& operator*() && { return std::move(*this).value(); }
     T* operator->() { return &value(); }
     const T* operator->() const { return &value(); }
 
-    const Error& error() const { return std::get<1>(storage_); }
+    const Error& error() const { return error_.value(); }
 
 private:
-    std::variant<T, Error> storage_;
+    std::optional<T> value_;
+    std::optional<Error> error_;
 };
 
 // Result of an operation that yields nothing but may fail.

@@ -125,8 +125,11 @@ public:
 
 private:
     // One typed message per selector of the two protocols.
+    // IMPORTANT: `pending` is taken by value. A block copies what it captures,
+    // but of a reference it copies only the reference: the reply blocks, which
+    // XPC may still hold after call() returns, would point into its frame.
     static bool send(id proxy, std::string_view selector, const std::vector<Argument>& args,
-                     const std::shared_ptr<PendingCall>& pending) {
+                     std::shared_ptr<PendingCall> pending) {
         auto one = ^(id value) { pending->finish(values({value})); };
         auto two = ^(id value, NSError* error) { pending->finish(values({value, error})); };
         if (selector == "statusWithToken:reply:") {

@@ -94,7 +94,8 @@ for _ in $(seq 1 100); do
   sleep 0.1
 done
 owners=$("$netvane" tunnels --json | grep -c '"pid"' || true)
-echo "processes: $(ls -d /proc/[0-9]* | wc -l), tunnel owners found: $owners"
+processes=(/proc/[0-9]*)
+echo "processes: ${#processes[@]}, tunnel owners found: $owners"
 tunnels=$(mean_ms owners "$netvane" tunnels --json)
 tuntap=$(mean_ms tuntaps ip -d tuntap show)
 report "netvane tunnels --json vs ip -d tuntap show" "$tunnels" "$tuntap"

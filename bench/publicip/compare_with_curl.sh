@@ -52,7 +52,9 @@ start_server() {
   mkfifo "$work/$name.in"
   "$server" "$@" < "$work/$name.in" > "$work/$name.port" &
   server_pids+=($!)
-  exec {keep}> "$work/$name.in"   # held open for the life of the script
+  # Held open, never written, for the life of the script.
+  # shellcheck disable=SC2034
+  exec {keep}> "$work/$name.in"
   until [[ -s $work/$name.port ]]; do sleep 0.05; done
   port=$(head -n1 "$work/$name.port")
 }

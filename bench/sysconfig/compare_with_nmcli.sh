@@ -69,8 +69,10 @@ ip -6 addr add fd60::1/64 dev nv0-peer nodad
 ip route add default via 10.60.0.254
 ip -6 route add default via fd60::fe
 
-seq 1 100 | xargs -P 4 -I{} sh -c 'i={}; nmcli connection add type ethernet ifname nv$((i % 4)) con-name "Profile $i" \
-  autoconnect no connection.autoconnect-priority $((i % 10)) ipv4.method disabled ipv6.method ignore > /dev/null'
+# The inner shell expands its own $1, the profile's number.
+# shellcheck disable=SC2016
+seq 1 100 | xargs -P 4 -I{} sh -c 'nmcli connection add type ethernet ifname nv$(($1 % 4)) con-name "Profile $1" \
+  autoconnect no connection.autoconnect-priority $(($1 % 10)) ipv4.method disabled ipv6.method ignore > /dev/null' sh {}
 services=$("$netvane" services --json | grep -c '"id"' || true)
 echo "namespace: $(nmcli -t connection show | wc -l) profiles, $services services read, $runs runs each"
 

@@ -10,6 +10,8 @@
 
 #include <dispatch/dispatch.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -53,6 +55,12 @@ int fail(const Logger& log, const Error& error) {
     return 1;
 }
 
+// launchd hands the job's Mach services to the process it starts, and to
+// nothing else: started any other way, the listeners would check in to
+// nothing and the daemon would say it listens while serving nobody. The jobs
+// launchd starts are its children, and it is process 1.
+bool startedByLaunchd() { return getppid() == 1; }
+
 PeerIdentity peerOf(NSXPCConnection* connection) {
     return PeerIdentity{connection.processIdentifier, static_cast<std::uint32_t>(connection.effectiveUserIdentifier),
                         0};
@@ -75,6 +83,14 @@ int main(int argc, char** argv) {
     Logger::mirrorToStderr(options.foreground);
     const Logger log(std::string(AdminConstants::daemonIdentifier), "daemon");
     const std::string version = bundleString(mainBundleInfo(), "CFBundleShortVersionString", "0");
+    if (!startedByLaunchd()) {
+        const std::string label(AdminConstants::daemonLabel);
+        return fail(log, Error{std::string(AdminConstants::daemonIdentifier), 0,
+                               "not started by launchd, so its Mach services cannot be checked in; "
+                               "start the job instead: sudo launchctl bootstrap system " +
+                                   AdminConstants::daemonPlistPath() + " (or, when it is loaded, "
+                                   "sudo launchctl kickstart -k system/" + label + ")"});
+    }
 
     // IMPORTANT: we run as root and write into the state directory by name:
     // anyone else who could write in it, or in a directory above, could swap

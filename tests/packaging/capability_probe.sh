@@ -55,7 +55,8 @@ setpriv --bounding-set=-all,"$caps" --inh-caps=-all \
     "$daemon" --foreground --state-dir "$work/state" --runtime-dir "$work/run" 2>"$work/daemon.log" &
 pids+=($!)
 for _ in $(seq 200); do
-    [[ -d $work/run ]] && (($(ls "$work/run" | wc -l) == 2)) && break
+    sockets=("$work"/run/*)  # the pattern itself while nothing matches
+    ((${#sockets[@]} == 2)) && break
     sleep 0.05
 done
 "$client" admin --runtime-dir "$work/run" app tunnels --json

@@ -12,6 +12,7 @@
 
 #include "admin_protocol/admin_constants.h"
 #include "admin_protocol/darwin/xpc_channel.h"
+#include "support/bundle_info.h"
 #include "support/darwin/authorization.h"
 #include "support/darwin/foundation_values.h"
 
@@ -19,13 +20,37 @@ namespace netvane::cli::AdminTransport {
 
 extern const std::string_view optionsSynopsis = "";
 extern const std::string_view whereNote =
-    "The daemon is reached through its privileged Mach services, named after the team.";
+    "The daemon is reached through its privileged Mach services, named after the team.\n"
+    "  Each role has its program: netvane plays app, netvane-control plays control.";
+
+namespace {
+
+// The daemon admits a role only from a program signed with the role's
+// identifier, and it refuses any other without a word: the connection just
+// goes. Saying which program plays the role beats "cannot reach".
+Status checkPlays(std::string_view identifier, const char* role, const char* program) {
+    const std::string own = bundleString(mainBundleInfo(), "CFBundleIdentifier", "");
+    if (own == identifier) return {};
+    return Error{ipc::kIpcErrorDomain, ipc::kUnreachable,
+                 "the " + std::string(role) + " role is played by " + program + ": the daemon admits only a program "
+                 "signed as " + std::string(identifier) + ", and this one is " + (own.empty() ? "unnamed" : own)};
+}
+
+Status checkPlaysControl() { return checkPlays(AdminConstants::adminAppBundleID, "control", "netvane-control"); }
+
+}  // namespace
 
 bool takeOption(const Args&, std::size_t&, Endpoint&) { return false; }
 
-Result<AdminAppClient> connectApp(const Endpoint&) { return connectAppClient(); }
+Result<AdminAppClient> connectApp(const Endpoint&) {
+    if (auto plays = checkPlays(AdminConstants::appBundleID, "app", "netvane"); !plays) return plays.error();
+    return connectAppClient();
+}
 
-Result<AdminControlClient> connectControl(const Endpoint&) { return connectControlClient(); }
+Result<AdminControlClient> connectControl(const Endpoint&) {
+    if (auto plays = checkPlaysControl(); !plays) return plays.error();
+    return connectControlClient();
+}
 
 namespace {
 
@@ -43,6 +68,9 @@ public:
 }  // namespace
 
 Result<std::unique_ptr<PairRight>> obtainPairRight() {
+    // Only the control role asks for the right: no password for a program
+    // that the daemon will not let ask.
+    if (auto plays = checkPlaysControl(); !plays) return plays.error();
     auto authorization = std::make_unique<Authorization>();
     AuthorizationRef reference = nullptr;
     OSStatus status =
