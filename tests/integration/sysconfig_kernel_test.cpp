@@ -198,14 +198,16 @@ TEST_F(SysconfigKernelTest, EachChangeArrivesAsOneBatchOfTheKeysItTouched) {
     ASSERT_TRUE(sh("ip route add 10.50.0.0/16 via 10.1.0.253"));  // moves nothing the store shows
     ASSERT_TRUE(sh("ip -6 addr add fd01::1/64 dev nva nodad"));
     EXPECT_EQ(batches.next(), Keys{"State:/Network/Interface/nva/IPv6"});
+    // Taking one end down changes both ends' carrier, and making or removing
+    // a veth registers two devices: on a busy machine the second event can
+    // come after the quiet window, as a change of its own. What counts is
+    // that every key comes, and no other.
     ASSERT_TRUE(sh("ip link set nva-far down"));
-    EXPECT_EQ(batches.next(), (Keys{"State:/Network/Interface/nva-far/Link", "State:/Network/Interface/nva/Link"}))
+    Keys expected{"State:/Network/Interface/nva-far/Link", "State:/Network/Interface/nva/Link"};
+    EXPECT_EQ(batches.until(expected), std::set<std::string>(expected.begin(), expected.end()))
         << "a route over a link without carrier stays, so the primary stays";
-    // Making or removing a veth registers two devices, far enough apart on a
-    // busy machine to be two changes; what counts is that every key comes,
-    // and no other.
     ASSERT_TRUE(sh("ip link add nvb type veth peer name nvb-far"));
-    Keys expected{"State:/Network/Interface", "State:/Network/Interface/nvb-far/Link", "State:/Network/Interface/nvb/Link"};
+    expected = {"State:/Network/Interface", "State:/Network/Interface/nvb-far/Link", "State:/Network/Interface/nvb/Link"};
     EXPECT_EQ(batches.until(expected), std::set<std::string>(expected.begin(), expected.end()));
     ASSERT_TRUE(sh("ip link set nvb name nvc"));
     EXPECT_EQ(batches.next(), (Keys{"State:/Network/Interface", "State:/Network/Interface/nvb/IPv4",
